@@ -1,0 +1,65 @@
+// Wall-clock timers on gettimeofday.
+//
+// A CpuTimer measures from start_cpu_timer to stop_cpu_timer; queried while
+// running it reports the time so far. The segmentation driver abandons a cut
+// that has run more than 10 s on g_cancelTimer. CGElapsedTime logs the time
+// spent in a scope (tag "GTime").
+//
+// Null timers are accepted everywhere: start/stop/destroy do nothing and the
+// queries return -1 microsecond in their unit.
+#ifndef SEGCORE_SUPPORT_CPU_TIMER_H
+#define SEGCORE_SUPPORT_CPU_TIMER_H
+
+#include <sys/time.h>
+
+struct CpuTimer {
+  struct timeval start;
+  struct timeval stop;
+  double startMicros;
+  double stopMicros;
+  int stopped;
+};
+
+extern "C" {
+CpuTimer* create_timer();
+void destroy_timer(CpuTimer* t);
+void start_cpu_timer(CpuTimer* t);
+void stop_cpu_timer(CpuTimer* t);
+double get_elapsed_time_in_microsec(CpuTimer* t);
+double get_elapsed_time_in_millisec(CpuTimer* t);
+double get_elapsed_time_in_sec(CpuTimer* t);
+}
+
+// g_timer's own create and destroy.
+void init_timer();
+void exit_timer();
+
+extern CpuTimer* g_timer;
+extern CpuTimer* g_totalTimer;
+extern CpuTimer* g_cancelTimer;
+
+// Stage times for profiling builds; nothing in the library writes them.
+extern double g_t_TotalTime;
+extern double g_t_colEst;
+extern double g_t_tAndNLinks;
+extern double g_t_maxflow;
+extern double g_t_nLinksComputation;
+extern double g_t_colUpd;
+extern double g_t_preProcess;
+extern double g_t_postProcess;
+
+// Logs "<name> =<milliseconds>" at info priority when it goes out of scope.
+// The name is not copied.
+class CGElapsedTime {
+ public:
+  explicit CGElapsedTime(const char* name);
+  ~CGElapsedTime();
+  CGElapsedTime(const CGElapsedTime&) = delete;
+  CGElapsedTime& operator=(const CGElapsedTime&) = delete;
+
+ private:
+  struct timeval start;
+  const char* name;
+};
+
+#endif
