@@ -1,0 +1,258 @@
+#include "colormodel/kmeans_init.h"
+
+#include <pthread.h>
+
+#include <cfloat>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+const int kClusters = 5;
+const int kThreads = 4;
+const double kTwoPowMinus31 = 4.656612873077393e-10;
+
+inline double rowDistSq(const double* a, const double* b) {
+  const double d0 = a[0] - b[0];
+  const double d1 = a[1] - b[1];
+  const double d2 = a[2] - b[2];
+  return d0 * d0 + d1 * d1 + d2 * d2;
+}
+
+// Seed for srand() from a distance total. The conversion saturates as the
+// ARM float-to-integer instruction does (negative and NaN give 0, anything
+// beyond the range gives UINT_MAX), so the seeding is the same on the phone
+// and on the host, and the conversion is always defined.
+unsigned int seedFromTotal(double total) {
+  if (!(total > 0)) return 0u;
+  if (total >= 4294967295.0) return 4294967295u;
+  return static_cast<unsigned int>(total);
+}
+
+}  // namespace
+
+ClusterInfo::ClusterInfo(std::vector<int> labels, std::vector<pixelVal> samples) {
+  std::memset(count, 0, sizeof(count));
+  std::memset(sum, 0, sizeof(sum));
+  std::memset(prod, 0, sizeof(prod));
+  const size_t n = samples.size();
+  for (size_t i = 0; i < n; ++i) {
+    const int k = labels[i];
+    const double* x = samples[i].val;
+    count[k] += 1;
+    for (int c = 0; c < 3; ++c) sum[c][k] += x[c];
+    for (int r = 0; r < 3; ++r) {
+      for (int c = 0; c < 3; ++c) prod[3 * r + c][k] += x[c] * x[r];
+    }
+  }
+}
+
+void setComponentsFromClusters(const ClusterInfo& info, int n, VELDSEColorModel& model) {
+  const double invN = 1.0 / n;
+  for (int k = 0; k < kClusters; ++k) {
+    if (info.count[k] < 1) continue;
+    const double invCount = 1.0 / info.count[k];
+    model.weight[k] = info.count[k] * invN;
+    for (int c = 0; c < 3; ++c) model.mean[k][c] = info.sum[c][k] * invCount;
+    for (int r = 0; r < 3; ++r) {
+      for (int c = 0; c < 3; ++c) {
+        model.covariance[k][3 * r + c] =
+            info.prod[3 * r + c][k] * invCount - model.mean[k][r] * model.mean[k][c];
+      }
+    }
+  }
+}
+
+void initModel(const std::vector<pixelVal>& samples, VELDSEColorModel& model, int) {
+  initModelWithKmeansVELD(samples, model);
+}
+
+void initModel(const std::vector<pixelVal>& a, const std::vector<pixelVal>& b,
+               VELDSEColorModel& modelA, VELDSEColorModel& modelB, int) {
+  initModelWithKmeansVELD(a, modelA);
+  initModelWithKmeansVELD(b, modelB);
+}
+
+void initModelWithKmeansVELD(const std::vector<pixelVal>& samples, VELDSEColorModel& model) {
+  const int n = static_cast<int>(samples.size());
+  if (n <= 4) return;
+
+  double* rowBlock = static_cast<double*>(std::malloc(sizeof(double) * 3 * n));
+  double** rows = static_cast<double**>(std::malloc(sizeof(double*) * n));
+  for (int i = 0; i < n; ++i) {
+    rows[i] = rowBlock + 3 * i;
+    for (int c = 0; c < 3; ++c) rows[i][c] = samples[i].val[c];
+  }
+  // Zeroed so a row that no centre can claim keeps a valid label.
+  int* labelArray = static_cast<int*>(std::calloc(n, sizeof(int)));
+  double centreBlock[kClusters * 3];
+  double* centres[kClusters];
+  for (int k = 0; k < kClusters; ++k) centres[k] = centreBlock + 3 * k;
+
+  k_means(rows, labelArray, n, 0.0, 10, centres);
+
+  std::vector<int> labels(labelArray, labelArray + n);
+  std::free(labelArray);
+  std::free(rows);
+  std::free(rowBlock);
+
+  const ClusterInfo info(labels, samples);
+  // Clusters that ended empty leave their component as it was.
+  setComponentsFromClusters(info, n, model);
+  model.setDeterminant();
+}
+
+void chooseCentersKMeanspp(double** data, int n, int k, int* seeds) {
+  double* dist = static_cast<double*>(std::malloc(sizeof(double) * (n > 0 ? n : 1)));
+  // Seeding from n and from the running totals makes the whole clustering a
+  // function of its input.
+  std::srand(static_cast<unsigned int>(n));
+  seeds[0] = static_cast<int>((n * kTwoPowMinus31) * std::rand());
+  double total = 0;
+  if (n >= 1) {
+    for (int i = 0; i < n; ++i) {
+      dist[i] = rowDistSq(data[i], data[seeds[0]]);
+      total += dist[i];
+    }
+  }
+  if (k >= 2) {
+    for (int j = 1; j < k; ++j) {
+      std::srand(seedFromTotal(total));
+      int pick = 0;
+      if (n >= 2) {
+        double target = (total * kTwoPowMinus31) * std::rand();
+        while (pick < n - 1 && target > dist[pick]) {
+          target -= dist[pick];
+          ++pick;
+        }
+      } else if (n == 1) {
+        std::rand();
+      } else {
+        std::rand();
+        seeds[j] = 0;
+        total = 0;
+        continue;
+      }
+      seeds[j] = pick;
+      double next = 0;
+      for (int m = 0; m < n; ++m) {
+        const double d = rowDistSq(data[m], data[pick]);
+        if (d < dist[m]) dist[m] = d;
+        next += dist[m];
+      }
+      total = next;
+    }
+  }
+  std::free(dist);
+}
+
+void* findMinDistance(void* arg) {
+  KMeansThreadArg* a = static_cast<KMeansThreadArg*>(arg);
+  const int t = a->threadIndex;
+  const int chunk = a->n / kThreads;
+  const int begin = t * chunk;
+  const int end = (t == kThreads - 1) ? a->n : (t + 1) * chunk;
+  if (begin >= end) return nullptr;
+
+  double localError = a->partialError[t];
+  for (int i = begin; i < end; ++i) {
+    const double* x = a->data[i];
+    double best = DBL_MAX;
+    int bestIndex = a->labels[i];
+    for (int k = 0; k < kClusters; ++k) {
+      const double d = rowDistSq(x, a->centres[k]);
+      if (d < best) {
+        best = d;
+        bestIndex = k;
+      }
+    }
+    a->labels[i] = bestIndex;
+    double* s = a->partialSums[bestIndex][t];
+    s[0] += x[0];
+    s[1] += x[1];
+    s[2] += x[2];
+    a->partialCounts[bestIndex][t] += 1.0;
+    localError += best;
+  }
+  a->partialError[t] = localError;
+  return nullptr;
+}
+
+void k_means(double** data, int* labels, int n, double tolerance, int maxIterations,
+             double** /*centres*/) {
+  // Accumulators: [cluster][thread][channel] sums, [cluster][thread] counts,
+  // [thread] errors. Each worker touches only its own thread column.
+  double sumBlock[kClusters * kThreads * 3];
+  double* sumRows[kClusters * kThreads];
+  double** partialSums[kClusters];
+  double countBlock[kClusters * kThreads];
+  double* partialCounts[kClusters];
+  double partialError[kThreads];
+  for (int k = 0; k < kClusters; ++k) {
+    partialSums[k] = sumRows + k * kThreads;
+    for (int t = 0; t < kThreads; ++t) {
+      partialSums[k][t] = sumBlock + (k * kThreads + t) * 3;
+    }
+    partialCounts[k] = countBlock + k * kThreads;
+  }
+  double centreBlock[kClusters * 3];
+  double* centre[kClusters];
+  for (int k = 0; k < kClusters; ++k) centre[k] = centreBlock + 3 * k;
+
+  int* seeds = static_cast<int*>(std::malloc(sizeof(int) * kClusters));
+  chooseCentersKMeanspp(data, n, kClusters, seeds);
+  for (int k = 0; k < kClusters; ++k) {
+    for (int c = 0; c < 3; ++c) centre[k][c] = data[seeds[k]][c];
+  }
+
+  KMeansThreadArg args[kThreads];
+  double previousError = DBL_MAX;
+  int iteration = 0;
+  for (;;) {
+    std::memset(sumBlock, 0, sizeof(sumBlock));
+    std::memset(countBlock, 0, sizeof(countBlock));
+    std::memset(partialError, 0, sizeof(partialError));
+    for (int t = 0; t < kThreads; ++t) {
+      args[t] = KMeansThreadArg{data, centre, labels, n, partialSums, partialCounts,
+                                partialError, t};
+    }
+    pthread_t threads[kThreads];
+    bool started[kThreads];
+    for (int t = 0; t < kThreads; ++t) {
+      started[t] = pthread_create(&threads[t], nullptr, findMinDistance, &args[t]) == 0;
+      // Without a thread the share is done here; the result is the same.
+      if (!started[t]) findMinDistance(&args[t]);
+    }
+    for (int t = 0; t < kThreads; ++t) {
+      if (started[t]) pthread_join(threads[t], nullptr);
+    }
+
+    for (int k = 0; k < kClusters; ++k) {
+      double total = 0;
+      double s[3] = {0, 0, 0};
+      for (int t = 0; t < kThreads; ++t) {
+        total += partialCounts[k][t];
+        for (int c = 0; c < 3; ++c) s[c] += partialSums[k][t][c];
+      }
+      if (total > 0) {
+        for (int c = 0; c < 3; ++c) centre[k][c] = s[c] / total;
+      } else {
+        // An empty cluster keeps its centre and reclaims its own seed.
+        labels[seeds[k]] = k;
+      }
+    }
+    const double error =
+        ((partialError[0] + partialError[1]) + partialError[2]) + partialError[3];
+    ++iteration;
+    if (iteration >= maxIterations || std::fabs(error - previousError) <= tolerance) break;
+    previousError = error;
+  }
+  std::free(seeds);
+}
+
+double distSq(pixelVal a, pixelVal b) {
+  return (a.val[1] - b.val[1]) * (a.val[1] - b.val[1]) +
+         (a.val[0] - b.val[0]) * (a.val[0] - b.val[0]) +
+         (a.val[2] - b.val[2]) * (a.val[2] - b.val[2]);
+}

@@ -1,0 +1,92 @@
+#include "colormodel/training.h"
+
+#include <cstddef>
+
+#include "colormodel/kmeans_init.h"
+#include "interface/veldse_marker.h"
+#include "support/veld_memory.h"
+
+namespace {
+
+// Five samples are the least any model builder accepts; short sets are padded
+// with a fixed colour rather than one taken from the image.
+void padWithFiller(std::vector<pixelVal>& set) {
+  const pixelVal filler = {{10.0, 20.0, 30.0}};
+  while (set.size() < 5) set.push_back(filler);
+}
+
+}  // namespace
+
+void extractTrainingData(const IplImage* colour, const IplImage* label,
+                         std::vector<pixelVal>& objectSet,
+                         std::vector<pixelVal>& backgroundSet) {
+  objectSet.clear();
+  backgroundSet.clear();
+  if (label != nullptr) {
+    const bool grey = VELDSEMarker::m_isGreyScale;
+    const IplImage* texHor = VELDSEMarker::m_texHor;
+    const IplImage* texVer = VELDSEMarker::m_texVer;
+    const int xOff = VELDSEMarker::m_xMinBBox;
+    const int yOff = VELDSEMarker::m_yMinBBox;
+    const int step = colour->nChannels;
+    for (int y = 0; y < colour->height; ++y) {
+      const unsigned char* src =
+          reinterpret_cast<const unsigned char*>(colour->imageData + y * colour->widthStep);
+      const unsigned char* lab =
+          reinterpret_cast<const unsigned char*>(label->imageData + y * label->widthStep);
+      const unsigned char* hor = nullptr;
+      const unsigned char* ver = nullptr;
+      if (grey) {
+        hor = reinterpret_cast<const unsigned char*>(texHor->imageData +
+                                                     (yOff + y) * texHor->widthStep) + xOff;
+        ver = reinterpret_cast<const unsigned char*>(texVer->imageData +
+                                                     (yOff + y) * texVer->widthStep) + xOff;
+      }
+      for (int x = 0; x < colour->width; ++x) {
+        const unsigned char code = lab[x];
+        std::vector<pixelVal>* dst;
+        if (code == LABEL_BG || code == LABEL_PR_BG) {
+          dst = &backgroundSet;
+        } else if (code == LABEL_FG || code == LABEL_PR_FG) {
+          dst = &objectSet;
+        } else {
+          continue;
+        }
+        const unsigned char* p = src + x * step;
+        pixelVal s;
+        s.val[0] = p[0];
+        if (grey) {
+          s.val[1] = hor[x];
+          s.val[2] = ver[x];
+        } else {
+          s.val[1] = p[1];
+          s.val[2] = p[2];
+        }
+        dst->push_back(s);
+      }
+    }
+  }
+  padWithFiller(objectSet);
+  padWithFiller(backgroundSet);
+}
+
+void updateModel(const std::vector<pixelVal>& samples, VELDSEColorModel& model) {
+  const int n = static_cast<int>(samples.size());
+  int* labelBlock = static_cast<int*>(
+      VELD_Malloc_Msg(static_cast<unsigned int>(n * sizeof(int)), "updateModel", 725));
+  for (int i = 0; i < n; ++i) labelBlock[i] = model.assignCluster(samples[i]);
+  std::vector<int> labels(labelBlock, labelBlock + n);
+  VELD_Free_Msg(labelBlock, "updateModel", 741);
+
+  const ClusterInfo info(labels, samples);
+  // A component that attracted no sample keeps its previous parameters.
+  setComponentsFromClusters(info, n, model);
+  model.setDeterminant();
+}
+
+void updateModel(const std::vector<pixelVal>& objectSet,
+                 const std::vector<pixelVal>& backgroundSet,
+                 VELDSEColorModel& objectModel, VELDSEColorModel& backgroundModel) {
+  updateModel(objectSet, objectModel);
+  updateModel(backgroundSet, backgroundModel);
+}
