@@ -1,0 +1,292 @@
+// Path tracing: step costs, neighbour tables, the position-indexed heap, and the
+// search checked against a plain Bellman-Ford relaxation written here.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cfloat>
+#include <cmath>
+#include <functional>
+#include <memory>
+#include <random>
+#include <stdexcept>
+#include <vector>
+
+#include "interface/path_tracing.h"
+
+namespace {
+
+using ImagePtr = std::unique_ptr<IplImage, void (*)(IplImage*)>;
+ImagePtr makeImage(int rows, int cols, int channels) {
+  return ImagePtr(cvCreateImage(cvSize(cols, rows), IPL_DEPTH_8U, channels),
+                  [](IplImage* p) { cvReleaseImage(&p); });
+}
+unsigned char* px(IplImage* img, int r, int c) {
+  return reinterpret_cast<unsigned char*>(img->imageData) + r * img->widthStep + c * img->nChannels;
+}
+ImagePtr randomImage(int rows, int cols, int channels, int maxValue, std::mt19937& rng) {
+  ImagePtr img = makeImage(rows, cols, channels);
+  std::uniform_int_distribution<int> d(0, maxValue);
+  for (int r = 0; r < rows; ++r)
+    for (int c = 0; c < cols * channels; ++c) px(img.get(), r, 0)[c] = static_cast<unsigned char>(d(rng));
+  return img;
+}
+bool crosses(int a, int b) {
+  const bool objA = a == 2 || a == 4, objB = b == 2 || b == 4;
+  const bool bgA = a == 1 || a == 3, bgB = b == 1 || b == 3;
+  return (objA && bgB) || (bgA && objB);
+}
+double refCost(IplImage* img, int r1, int c1, int r2, int c2, double alpha) {
+  double colour = 0.0;
+  for (int k = 0; k < 3; ++k) colour += std::pow(px(img, r1, c1)[k] - px(img, r2, c2)[k], 2);
+  const double spatial = (r2 - r1) * (r2 - r1) + (c2 - c1) * (c2 - c1);
+  return std::sqrt(alpha * spatial + (1.0 - alpha) * colour / 3.0);
+}
+
+TEST(PathWeight, MixesSpatialAndColourDistance) {
+  ImagePtr img = makeImage(3, 5, 3);
+  cvSetZero(img.get());
+  const unsigned char a[3] = {10, 20, 30}, b[3] = {13, 24, 30};
+  std::copy(a, a + 3, px(img.get(), 0, 0));
+  std::copy(b, b + 3, px(img.get(), 2, 4));
+  EXPECT_DOUBLE_EQ(find_weight(img.get(), 0, 0, 2, 4, 0.5), std::sqrt(0.5 * 20 + 0.5 / 3 * 25));
+  EXPECT_DOUBLE_EQ(find_weight(img.get(), 0, 0, 2, 4, 1.0), std::sqrt(20.0));
+  EXPECT_DOUBLE_EQ(find_weight(img.get(), 2, 4, 0, 0, 0.0), 5.0 / std::sqrt(3.0));
+}
+
+TEST(PathIndex, BorderNeighboursAreMinusOne) {
+  struct Case { int rows, cols, r, c; std::vector<int> expected; };
+  const Case cases[] = {
+      {3, 4, 0, 0, {5, 1, -1, -1, -1, -1, -1, 4}},
+      {3, 4, 2, 3, {-1, -1, -1, 7, 6, 10, -1, -1}},
+      {3, 4, 1, 1, {10, 6, 2, 1, 0, 4, 8, 9}},
+      {1, 3, 0, 1, {-1, 2, -1, -1, -1, 0, -1, -1}},
+      {1, 1, 0, 0, {-1, -1, -1, -1, -1, -1, -1, -1}},
+  };
+  for (const Case& t : cases) {
+    SCOPED_TRACE(testing::Message() << t.rows << "x" << t.cols << " at " << t.r << "," << t.c);
+    Node_ node{};
+    assign_index(node, t.rows, t.cols, t.r, t.c, 123.0);
+    for (int k = 0; k < kPathNeighbours; ++k) EXPECT_EQ(node.neighbours[k].index, t.expected[k]) << k;
+  }
+}
+
+TEST(PathCost, AlphaSelectsSpatialOrColourAndLabelsForbidCrossing) {
+  std::mt19937 rng(7);
+  ImagePtr src = randomImage(4, 5, 3, 255, rng), label = randomImage(4, 5, 1, 4, rng);
+  for (double alpha : {0.0, 0.25, 1.0}) {
+    for (int r = 0; r < 4; ++r) {
+      for (int c = 0; c < 5; ++c) {
+        SCOPED_TRACE(testing::Message() << "alpha " << alpha << " at " << r << "," << c);
+        Node_ node{};
+        assign_index(node, 4, 5, r, c, alpha);
+        assign_weight(src.get(), label.get(), node, r, c, alpha);
+        for (int k = 0; k < kPathNeighbours; ++k) {
+          const int r2 = r + kPathNeighbourRow[k], c2 = c + kPathNeighbourCol[k];
+          const double cost = node.neighbours[k].cost;
+          if (node.neighbours[k].index == -1 || crosses(*px(label.get(), r, c), *px(label.get(), r2, c2))) {
+            EXPECT_EQ(cost, DBL_MAX) << k;
+          } else if (alpha == 1.0) {
+            EXPECT_EQ(cost, (r2 != r && c2 != c) ? std::sqrt(2.0) : 1.0) << k;
+          } else {
+            EXPECT_DOUBLE_EQ(cost, refCost(src.get(), r, c, r2, c2, alpha)) << k;
+          }
+        }
+      }
+    }
+  }
+}
+
+TEST(MinPriorityQueue, EmptyPopPrintsAndReturnsDummy) {
+  MinPriorityQueue q;
+  q.push(Qnode{0, 3.0});
+  EXPECT_EQ(q.pop_min().index, 0);
+  EXPECT_EQ(q.m_position.at(0), -1);
+  testing::internal::CaptureStdout();
+  const Qnode dummy = q.pop_min();
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Empty queue\n");
+  EXPECT_EQ(dummy.index, -1);
+  EXPECT_EQ(dummy.key, -1.0);
+}
+
+TEST(MinPriorityQueue, OutOfRangeAccessThrows) {
+  MinPriorityQueue q;
+  q.push(Qnode{0, 1.0});
+  EXPECT_THROW(q.swap(1, 2), std::out_of_range);
+  EXPECT_THROW(q.prelocate_up(9), std::out_of_range);
+  MinPriorityQueue skipped;
+  skipped.push(Qnode{3, 1.0});  // not pushed in index order: no position slot 3
+  EXPECT_THROW(skipped.pop_min(), std::out_of_range);
+}
+
+TEST(MinPriorityQueue, PopsInKeyOrderAndTracksPositions) {
+  std::mt19937 rng(3);
+  std::uniform_int_distribution<int> key(0, 20);
+  MinPriorityQueue q;
+  for (int i = 0; i < 60; ++i) q.push(Qnode{i, static_cast<double>(key(rng))});
+  q.m_heap.at(q.m_position.at(41)).key = -5.0;  // decrease-key
+  q.prelocate_up(q.m_position.at(41));
+  double last = -DBL_MAX;
+  for (int n = 0; n < 60; ++n) {
+    for (int s = 1; s <= q.size(); ++s) ASSERT_EQ(q.m_position.at(q.m_heap.at(s).index), s);
+    const Qnode top = q.pop_min();
+    if (n == 0) {
+      EXPECT_EQ(top.index, 41);
+    }
+    EXPECT_GE(top.key, last);
+    EXPECT_EQ(q.m_position.at(top.index), -1);
+    last = top.key;
+  }
+}
+
+TEST(MinPriorityQueue, EqualKeysStayAndEqualChildrenPreferTheLeftOne) {
+  struct Case { std::vector<double> keys; std::vector<int> order; };
+  const Case cases[] = {{{1, 1, 1, 1, 1}, {0, 4, 3, 2, 1}}, {{1, 2, 2, 5}, {0, 1, 2, 3}}};
+  for (const Case& t : cases) {
+    SCOPED_TRACE(testing::Message() << t.keys.size() << " keys");
+    MinPriorityQueue q;
+    for (size_t i = 0; i < t.keys.size(); ++i) q.push(Qnode{static_cast<int>(i), t.keys[i]});
+    std::vector<int> order;
+    while (q.size() > 0) order.push_back(q.pop_min().index);
+    EXPECT_EQ(order, t.order);
+  }
+}
+
+TEST(FindParentInfo, NodeRecordIs152Bytes) { EXPECT_EQ(sizeof(Node_), 152u); }
+
+TEST(FindParentInfo, EqualCostPathsKeepTheFirstParent) {
+  // Alpha 1 on a 5x5 grid from the centre: (0,1) is reached at 1 + sqrt(2) both
+  // from (1,2) and from (1,1); (1,2) is settled first and keeps it.
+  ImagePtr src = makeImage(5, 5, 3);
+  cvSetZero(src.get());
+  const std::vector<int> expected = {6,  7,  7,  7,  8,  11, 12, 12, 12, 13, 11, 12, 12,
+                                     12, 13, 11, 12, 12, 12, 13, 16, 17, 17, 17, 18};
+  EXPECT_EQ(find_parent_info(src.get(), nullptr, 2, 2, 1.0), expected);
+}
+
+TEST(FindParentInfo, ObjectAndBackgroundMarksAreNeverCrossed) {
+  struct Case { int object, background; bool unknownSeam; };
+  for (const Case& t : {Case{2, 1, false}, Case{4, 3, false}, Case{2, 3, true}}) {
+    SCOPED_TRACE(testing::Message() << t.object << "/" << t.background << " seam " << t.unknownSeam);
+    ImagePtr src = makeImage(4, 6, 3), label = makeImage(4, 6, 1);
+    cvSet(src.get(), cvScalarAll(9));
+    for (int r = 0; r < 4; ++r)
+      for (int c = 0; c < 6; ++c) *px(label.get(), r, c) = static_cast<unsigned char>(c < 3 ? t.object : t.background);
+    if (t.unknownSeam) *px(label.get(), 1, 3) = 0;
+    const std::vector<int> parent = find_parent_info(src.get(), label.get(), 1, 0, 0.5);
+    for (int i = 0; i < 24; ++i) EXPECT_EQ(parent[i] == -1, !t.unknownSeam && i % 6 >= 3) << i;
+  }
+}
+
+TEST(FindParentInfo, SeedOutsideTheImageThrows) {
+  ImagePtr src = makeImage(3, 3, 3);
+  EXPECT_THROW(find_parent_info(src.get(), nullptr, 0, 3, 0.5), std::out_of_range);
+}
+
+// Checks parents against Bellman-Ford distances; the exact comparisons use the
+// search's own step costs so that rounding is identical.
+void checkAgainstReference(IplImage* src, IplImage* label, int sr, int sc, double alpha,
+                           const std::vector<int>& parent) {
+  const int rows = src->height, cols = src->width, n = rows * cols;
+  std::vector<double> ref(n, HUGE_VAL);
+  ref[sr * cols + sc] = 0.0;
+  for (bool changed = true; changed;) {
+    changed = false;
+    for (int v = 0; v < n; ++v)
+      for (int dr = -1; dr <= 1; ++dr)
+        for (int dc = -1; dc <= 1; ++dc) {
+          const int r = v / cols + dr, c = v % cols + dc;
+          if ((!dr && !dc) || r < 0 || c < 0 || r >= rows || c >= cols) continue;
+          if (label && crosses(*px(label, r, c), *px(label, v / cols, v % cols))) continue;
+          const double alt = ref[r * cols + c] + refCost(src, r, c, v / cols, v % cols, alpha);
+          if (alt < ref[v]) ref[v] = alt, changed = true;
+        }
+  }
+  std::vector<Node_> node(n);
+  for (int v = 0; v < n; ++v) {
+    assign_index(node[v], rows, cols, v / cols, v % cols, 0.0);
+    assign_weight(src, label, node[v], v / cols, v % cols, alpha);
+  }
+  auto cost = [&](int from, int to) {
+    for (const Node_::Neighbour& nb : node[from].neighbours) if (nb.index == to) return nb.cost;
+    ADD_FAILURE() << to << " is no neighbour of " << from;
+    return DBL_MAX;
+  };
+  std::vector<double> dist(n, -1.0);  // distances the search itself arrived at
+  std::function<double(int)> chain = [&](int v) {
+    if (dist[v] < 0) dist[v] = parent[v] == v ? 0.0 : chain(parent[v]) + cost(parent[v], v);
+    return dist[v];
+  };
+  ASSERT_EQ(parent[sr * cols + sc], sr * cols + sc);
+  for (int v = 0; v < n; ++v) {
+    SCOPED_TRACE(testing::Message() << "pixel " << v);
+    ASSERT_EQ(parent[v] == -1, ref[v] == HUGE_VAL);
+    if (parent[v] == -1) continue;
+    if (parent[v] != v) {
+      ASSERT_LT(cost(parent[v], v), DBL_MAX);
+    }
+    EXPECT_NEAR(chain(v), ref[v], 1e-9 * (1 + ref[v]));
+  }
+  for (int v = 0; v < n; ++v) {
+    if (parent[v] == -1 || parent[v] == v) continue;
+    for (const Node_::Neighbour& nb : node[v].neighbours) {
+      if (nb.index == -1 || parent[nb.index] == -1 || nb.cost == DBL_MAX) continue;
+      const double alt = dist[nb.index] + cost(nb.index, v);
+      EXPECT_GE(alt, dist[v]) << nb.index << " -> " << v;
+      // A neighbour settled before the parent that offers the same cost would
+      // have been the parent: ties keep the earlier one.
+      if (dist[nb.index] < dist[parent[v]]) {
+        EXPECT_GT(alt, dist[v]) << nb.index << " -> " << v;
+      }
+    }
+  }
+}
+
+TEST(FindParentInfo, MatchesIndependentShortestPaths) {
+  struct Case { int rows, cols; double alpha; bool labelled; int maxColour; };
+  const Case cases[] = {{1, 1, 0.5, false, 255}, {1, 7, 0.3, true, 255}, {6, 1, 0.0, false, 255},
+                        {5, 5, 1.0, true, 3},    {7, 9, 0.0, true, 2},    {10, 12, 0.3, true, 255},
+                        {12, 10, 0.7, false, 4}, {9, 11, 1.0, false, 0}};
+  std::mt19937 rng(11);
+  for (const Case& t : cases) {
+    for (int trial = 0; trial < 3; ++trial) {
+      SCOPED_TRACE(testing::Message() << t.rows << "x" << t.cols << " alpha " << t.alpha << " trial " << trial);
+      ImagePtr src = randomImage(t.rows, t.cols, 3, t.maxColour, rng);
+      ImagePtr label = randomImage(t.rows, t.cols, 1, 4, rng);
+      const int sr = rng() % t.rows, sc = rng() % t.cols;
+      IplImage* lab = t.labelled ? label.get() : nullptr;
+      if (lab) *px(lab, sr, sc) = 0;  // keep some paths open from the seed
+      checkAgainstReference(src.get(), lab, sr, sc, t.alpha, find_parent_info(src.get(), lab, sr, sc, t.alpha));
+    }
+  }
+}
+
+TEST(FindParentInfoMarking, OutImageEncodesParentDirections) {
+  std::mt19937 rng(5);
+  ImagePtr src = randomImage(8, 11, 3, 255, rng), label = randomImage(8, 11, 1, 4, rng);
+  *px(label.get(), 3, 4) = 0;
+  const std::vector<int> parent = find_parent_info(src.get(), label.get(), 3, 4, 0.4);
+  for (int channels : {1, 3}) {
+    SCOPED_TRACE(testing::Message() << channels << " channels");
+    ImagePtr out = makeImage(8, 11, channels);
+    cvSet(out.get(), cvScalarAll(77));
+    EXPECT_EQ(find_parent_info(src.get(), label.get(), 3, 4, 0.4, out.get()), parent);
+    for (int v = 0; v < 88; ++v) {
+      const int r = v / 11, c = v % 11;
+      const unsigned char* m = px(out.get(), r, c);
+      for (int ch = 1; ch < channels; ++ch) EXPECT_EQ(m[ch], m[0]);
+      if (parent[v] == -1) { EXPECT_EQ(m[0], kPathMarkUnreached) << v; continue; }
+      if (parent[v] == v) { EXPECT_EQ(m[0], kPathMarkSeed) << v; continue; }
+      ASSERT_EQ(m[0] % kPathMarkStep, 0) << v;
+      const int k = m[0] / kPathMarkStep - 1;
+      ASSERT_TRUE(k >= 0 && k < kPathNeighbours) << v;
+      EXPECT_EQ(c + kPathNeighbourCol[k] + (r + kPathNeighbourRow[k]) * 11, parent[v]) << v;
+    }
+  }
+  ImagePtr wrongSize = makeImage(8, 10, 1);
+  cvSet(wrongSize.get(), cvScalarAll(77));
+  EXPECT_EQ(find_parent_info(src.get(), label.get(), 3, 4, 0.4, wrongSize.get()), parent);
+  EXPECT_EQ(cvCountNonZero(wrongSize.get()), 80);
+  EXPECT_EQ(*px(wrongSize.get(), 7, 9), 77);
+}
+
+}  // namespace
