@@ -1,0 +1,88 @@
+// Timers: running timers grow, stopped timers freeze, null timers answer -1 us.
+#include <gtest/gtest.h>
+#include <hostlog/capture.h>
+
+#include <cstdlib>
+#include <thread>
+
+#include "support/cpu_timer.h"
+
+namespace {
+
+void sleepMs(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
+
+TEST(Timer, NullTimerAnswersMinusOneMicrosecondInEachUnit) {
+  EXPECT_EQ(get_elapsed_time_in_microsec(nullptr), -1.0);
+  EXPECT_EQ(get_elapsed_time_in_millisec(nullptr), -0.001);
+  EXPECT_EQ(get_elapsed_time_in_sec(nullptr), -1e-6);
+  start_cpu_timer(nullptr);
+  stop_cpu_timer(nullptr);
+  destroy_timer(nullptr);
+}
+
+TEST(Timer, FreshTimerIsZeroFilled) {
+  CpuTimer* t = create_timer();
+  ASSERT_NE(t, nullptr);
+  EXPECT_EQ(t->stopped, 0);
+  EXPECT_EQ(t->start.tv_sec, 0);
+  EXPECT_EQ(t->startMicros, 0.0);
+  destroy_timer(t);
+}
+
+TEST(Timer, RunningTimerGrowsAndStoppedTimerFreezes) {
+  CpuTimer* t = create_timer();
+  start_cpu_timer(t);
+  sleepMs(2);
+  const double first = get_elapsed_time_in_microsec(t);
+  sleepMs(2);
+  const double second = get_elapsed_time_in_microsec(t);
+  EXPECT_GT(first, 0.0);
+  EXPECT_GT(second, first);
+  stop_cpu_timer(t);
+  const double frozen = get_elapsed_time_in_millisec(t);
+  sleepMs(2);
+  EXPECT_EQ(get_elapsed_time_in_millisec(t), frozen);
+  EXPECT_DOUBLE_EQ(get_elapsed_time_in_sec(t), frozen * 0.001);
+  EXPECT_EQ(t->stopMicros - t->startMicros, get_elapsed_time_in_microsec(t));
+  destroy_timer(t);
+}
+
+TEST(Timer, StartTimeInThePastShowsInTheQueries) {
+  CpuTimer* t = create_timer();
+  start_cpu_timer(t);
+  t->start.tv_sec -= 11;
+  stop_cpu_timer(t);
+  EXPECT_GT(get_elapsed_time_in_millisec(t), 10000.0);
+  EXPECT_LT(get_elapsed_time_in_millisec(t), 12000.0);
+  destroy_timer(t);
+}
+
+TEST(Timer, GlobalTimerIsCreatedAndReleasedByItsPair) {
+  init_timer();
+  ASSERT_NE(g_timer, nullptr);
+  EXPECT_EQ(g_timer->stopped, 0);
+  exit_timer();
+  EXPECT_NE(g_timer, nullptr) << "exit_timer leaves the handle as it was";
+  g_timer = nullptr;
+}
+
+TEST(Timer, ScopedTimerLogsOneLine) {
+  hostlog::startCapture();
+  { CGElapsedTime scope("stage"); }
+  auto log = hostlog::stopCapture();
+  ASSERT_EQ(log.size(), 1u);
+  EXPECT_EQ(log[0].priority, 4);
+  EXPECT_EQ(log[0].tag, "GTime");
+  // "%s =%f": the name, " =", then a non-negative number with six decimals.
+  const std::string prefix = "stage =";
+  ASSERT_EQ(log[0].text.compare(0, prefix.size(), prefix), 0) << log[0].text;
+  const std::string number = log[0].text.substr(prefix.size());
+  char* end = nullptr;
+  const double ms = std::strtod(number.c_str(), &end);
+  EXPECT_EQ(*end, '\0') << log[0].text;
+  EXPECT_GE(ms, 0.0);
+  ASSERT_GE(number.size(), 7u);
+  EXPECT_EQ(number[number.size() - 7], '.') << log[0].text;
+}
+
+}  // namespace

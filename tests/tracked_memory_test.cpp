@@ -1,0 +1,197 @@
+// Tracked allocation: the exact log lines and the leak report.
+#include <gtest/gtest.h>
+#include <hostlog/capture.h>
+#include <sys/resource.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "support/veld_memory.h"
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define SEGCORE_HAS_LSAN 1
+#endif
+#endif
+#if defined(__SANITIZE_ADDRESS__)
+#define SEGCORE_HAS_LSAN 1
+#endif
+#ifdef SEGCORE_HAS_LSAN
+#include <sanitizer/lsan_interface.h>
+#endif
+
+namespace {
+
+std::string pointerText(const void* p) {
+  char buf[64];
+  std::snprintf(buf, sizeof buf, "%p", p);
+  return buf;
+}
+
+// The leak report deliberately leaves its records alive; keep the leak checker
+// from counting what these tests leak on purpose.
+class LeakCheckerPause {
+ public:
+#ifdef SEGCORE_HAS_LSAN
+  LeakCheckerPause() { __lsan_disable(); }
+  ~LeakCheckerPause() { __lsan_enable(); }
+#else
+  LeakCheckerPause() {}
+  ~LeakCheckerPause() {}
+#endif
+};
+
+TEST(TrackedMemory, MsgFamilyAllocatesAndFreesSilently) {
+  hostlog::startCapture();
+  void* a = VELD_Malloc_Msg(64, "f", 1);
+  void* b = VELD_Calloc_Msg(4, 8, "f", 2);
+  ASSERT_NE(a, nullptr);
+  ASSERT_NE(b, nullptr);
+  for (int i = 0; i < 32; ++i) EXPECT_EQ(static_cast<unsigned char*>(b)[i], 0) << i;
+  VELD_Free_Msg(a, "f", 3);
+  VELD_Free_Msg(b, "f", 4);
+  EXPECT_TRUE(hostlog::stopCapture().empty());
+}
+
+TEST(TrackedMemory, FreeMsgOfNullWarns) {
+  hostlog::startCapture();
+  VELD_Free_Msg(nullptr, "caller", 77);
+  auto log = hostlog::stopCapture();
+  ASSERT_EQ(log.size(), 1u);
+  EXPECT_EQ(log[0].priority, 5);
+  EXPECT_EQ(log[0].tag, "TAG_MEM");
+  EXPECT_EQ(log[0].text, "Trying to free invalid pointer : " + pointerText(nullptr) +
+                             " in function : caller, Line : 77 !");
+}
+
+// Caps the address space for the scope so that large requests really fail
+// (with overcommit a 4 GB request would otherwise succeed on a 64-bit host).
+class AddressSpaceCap {
+ public:
+  AddressSpaceCap() {
+    getrlimit(RLIMIT_AS, &saved_);
+    long kb = 0;
+    if (FILE* f = std::fopen("/proc/self/status", "r")) {
+      char line[256];
+      while (std::fgets(line, sizeof line, f)) {
+        if (std::sscanf(line, "VmSize: %ld kB", &kb) == 1) break;
+      }
+      std::fclose(f);
+    }
+    struct rlimit cap = saved_;
+    cap.rlim_cur = static_cast<rlim_t>(kb) * 1024 + (rlim_t(512) << 20);
+    setrlimit(RLIMIT_AS, &cap);
+  }
+  ~AddressSpaceCap() { setrlimit(RLIMIT_AS, &saved_); }
+
+ private:
+  struct rlimit saved_;
+};
+
+TEST(TrackedMemory, FailedAllocationsReportTheirSize) {
+#ifdef SEGCORE_HAS_LSAN
+  GTEST_SKIP() << "sanitizer allocators abort instead of returning null";
+#else
+  const unsigned int count = 0x10000u, size = 0x10000u;
+  char expected[128];
+  std::snprintf(expected, sizeof expected,
+                "Failed to allocate %lu bytes in function : bigc, Line : 11 !",
+                static_cast<unsigned long>(count) * size);
+  std::vector<hostlog::Record> log;
+  {
+    AddressSpaceCap cap;
+    hostlog::startCapture();
+    EXPECT_EQ(VELD_Malloc_Msg(0xFFFFFFF0u, "big", 10), nullptr);
+    EXPECT_EQ(VELD_Calloc_Msg(count, size, "bigc", 11), nullptr);
+    EXPECT_EQ(VELD_Malloc(0xFFFFFFF0u, "big", 12), nullptr);
+    log = hostlog::stopCapture();
+  }
+  ASSERT_EQ(log.size(), 3u);
+  EXPECT_EQ(log[0].priority, 6);
+  EXPECT_EQ(log[0].tag, "TAG_MEM");
+  EXPECT_EQ(log[0].text, "Failed to allocate 4294967280 bytes in function : big, Line : 10 !");
+  EXPECT_EQ(log[1].text, expected);
+  EXPECT_EQ(log[2].text, "Failed to allocate 4294967280 bytes in function : big, Line : 12 !");
+  EXPECT_TRUE(gMemStack.empty()) << "a failed tracked allocation records nothing";
+#endif
+}
+
+TEST(TrackedMemory, LeakReportListsNewestFirstAndEmptiesTheStack) {
+  LeakCheckerPause pause;
+  void* a = VELD_Malloc(10, "first", 1);
+  void* b = VELD_Calloc(3, 4, "second", 2);
+  void* c = VELD_Malloc(30, "third", 3);
+  hostlog::startCapture();
+  VELD_Free(b, "freer", 9);
+  VELD_check_memory_status();
+  VELD_check_memory_status();
+  auto log = hostlog::stopCapture();
+  ASSERT_EQ(log.size(), 3u);
+  EXPECT_EQ(log[0].priority, 6);
+  EXPECT_EQ(log[0].tag, "TAG_MEM");
+  EXPECT_EQ(log[0].text, "Failed to deallocate 30 bytes allocated in function : third, Line : 3");
+  EXPECT_EQ(log[1].text, "Failed to deallocate 10 bytes allocated in function : first, Line : 1");
+  EXPECT_EQ(log[2].priority, 4);
+  EXPECT_EQ(log[2].text, "No memory Leak found ");
+  // The report does not free: the blocks are still ours to release.
+  VELD_Free_Msg(a, "t", 0);
+  VELD_Free_Msg(c, "t", 0);
+}
+
+TEST(TrackedMemory, FreeOfUntrackedPointerWarnsAndLeavesIt) {
+  void* p = VELD_Malloc_Msg(16, "plain", 1);
+  static_cast<char*>(p)[15] = 7;
+  hostlog::startCapture();
+  VELD_Free(p, "freer", 42);
+  auto log = hostlog::stopCapture();
+  ASSERT_EQ(log.size(), 1u);
+  EXPECT_EQ(log[0].priority, 5);
+  EXPECT_EQ(log[0].text,
+            "Trying to free invalid pointer : " + pointerText(p) + " in function : freer, Line : 42 !");
+  EXPECT_EQ(static_cast<char*>(p)[15], 7) << "the block must still be usable";
+  VELD_Free_Msg(p, "t", 0);
+}
+
+TEST(TrackedMemory, ObjectManagersFindOnlyRegisteredObjects) {
+  int* object = new int(5);
+  int* array = new int[4];
+  const std::string objectText = pointerText(object), arrayText = pointerText(array);
+  hostlog::startCapture();
+  EXPECT_EQ(VELD_New_Mngr(object, "make", 1), object);
+  EXPECT_EQ(VELD_New_Mngr(array, "makeArray", 2), array);
+  EXPECT_EQ(VELD_New_Mngr(nullptr, "makeNull", 3), nullptr);
+  EXPECT_EQ(VELD_Delete_Mngr(object, "drop", 4), 1);
+  EXPECT_EQ(VELD_Delete_Mngr(object, "drop", 5), 0);
+  EXPECT_EQ(VELD_Delete_Array_Mngr(array, "dropArray", 6), 1);
+  EXPECT_EQ(VELD_Delete_Array_Mngr(array, "dropArray", 7), 0);
+  VELD_check_memory_status();
+  auto log = hostlog::stopCapture();
+  delete object;
+  delete[] array;
+  ASSERT_EQ(log.size(), 4u);
+  EXPECT_EQ(log[0].priority, 6);
+  EXPECT_EQ(log[0].text, "Allocation failed in function : makeNull, Line : 3 !");
+  EXPECT_EQ(log[1].priority, 5);
+  EXPECT_EQ(log[1].text, "Trying to delete invalid pointer : " + objectText +
+                             " in function : drop, Line : 5");
+  EXPECT_EQ(log[2].text, "Trying to delete invalid pointer array: " + arrayText +
+                             " in function : dropArray, Line : 7");
+  EXPECT_EQ(log[3].text, "No memory Leak found ");
+}
+
+TEST(TrackedMemory, OnlyTheNewestRecordOfAPointerIsRemoved) {
+  LeakCheckerPause pause;
+  int object = 0;
+  VELD_New_Mngr(&object, "older", 1);
+  VELD_New_Mngr(&object, "newer", 2);
+  EXPECT_EQ(VELD_Delete_Mngr(&object, "drop", 3), 1);
+  hostlog::startCapture();
+  VELD_check_memory_status();
+  auto log = hostlog::stopCapture();
+  ASSERT_EQ(log.size(), 1u);
+  EXPECT_EQ(log[0].text, "Failed to deallocate 0 bytes allocated in function : older, Line : 1");
+}
+
+}  // namespace
