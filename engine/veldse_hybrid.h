@@ -1,0 +1,113 @@
+// VELDSEHybrid: the graph-cut segmentation engine.
+//
+// One instance exists per context (the interface's pHybrid). The photo, the
+// working image, the label image and the per-photo flags live in VELDSEMarker;
+// the engine keeps what belongs to the cut: the neighbour weights of the whole
+// working image (computed once per photo by intializer), the two colour models,
+// the smoothness weight, and - only for the duration of one segment() call -
+// the images cropped to the working box and the graph.
+//
+// A request runs as a list of stages:
+//   setLabelImage      marks -> label image with an unknown band; previous mask
+//   segment            box, pre-processing, crops, five cuts (three trial cuts
+//                      choose the smoothness weight), then getObjMask
+//   getObjMask         labels back to the working label image, full-resolution
+//                      re-cut of the boundary band, post-processing, history
+//
+// Label codes are those of interface/veldse_marker.h (LABEL_*). Graph nodes are
+// box pixels in row-major order; the source side is the object and
+// getTreeofNode() == 1 means background.
+#ifndef SEGCORE_ENGINE_VELDSE_HYBRID_H
+#define SEGCORE_ENGINE_VELDSE_HYBRID_H
+
+#include <opencv2/core/core_c.h>
+
+#include "colormodel/veldse_color_model.h"
+#include "graph/veldse_graph.h"
+
+class VELDSEHybrid {
+ public:
+  VELDSEHybrid();
+  // Frees m_nlinks; m_graph is deliberately only forgotten, not deleted (it
+  // never outlives a segment() call).
+  ~VELDSEHybrid();
+  VELDSEHybrid(const VELDSEHybrid&) = delete;
+  VELDSEHybrid& operator=(const VELDSEHybrid&) = delete;
+
+  // --- Per-photo initialisation ------------------------------------------
+  // Working image (area about 320 x 240), grey-scale test, texture images of
+  // grey photos, neighbour weights. Reads VELDSEMarker::m_originalImage.
+  void intializer();
+  bool greyScaleTest(IplImage* image);
+  void computeTexture();
+  // Contrast weights of the 8-neighbourhood of the working image: four floats
+  // per pixel (left, up-left, up, up-right), and m_beta.
+  void computeNlinks();
+
+  // --- Per-request memory ------------------------------------------------
+  // Releases the crops, the trial labels and the graph, destroys g_cancelTimer.
+  void clearMemory();
+  VELDSEGraph* graphSpaceAllocator();
+  void graphSpaceDellocator();
+
+  // --- Label image and working box -----------------------------------------
+  void setLabelImage(IplImage* marker);
+  void addUnknownRegion();
+  void computeBoundingBox();
+  // New image of the box's size with image's channel count; caller releases.
+  IplImage* cropImage(IplImage* image);
+
+  // --- Pre-processing: black and flat border strips become background -------
+  void removeBlackRegion();
+  void preProcess();
+
+  // --- The driver ------------------------------------------------------------
+  // Full-resolution object mask (0/255), or null when cancelled or timed out.
+  IplImage* segment();
+  int updateLabelImage();
+  void chooseIter();
+  bool cancelSegmentation();
+
+  // --- Graph of one cut ------------------------------------------------------
+  void constructGraphVELD_Whole_Image();
+  void constructGraphVELD();
+
+  // --- Smoothness weight selection ---------------------------------------------
+  int parallelLamdaSwtich(int iter);
+  int optimalLamda(IplImage** labels, float* unused);
+  int intensityTest(const IplImage* mask);
+  bool boundaryTest(const IplImage* mask, float fraction);
+  int homogenousLamda(int iter);
+
+  // --- From labels to the caller's mask ------------------------------------------
+  IplImage* getObjMask();
+  IplImage* intelligentUpscaling(IplImage* mask);
+  IplImage* cropImageTrimap(IplImage* src, int w, int h, int y0, int x0);
+  int constructGraphTrimapVELD(IplImage* img, IplImage* extraTex, IplImage* trimap,
+                               IplImage* texHor, IplImage* texVer);
+  void postProcess(IplImage* mask);
+  void postProcessForLoop(IplImage* mask);
+  void postProcessForStroke(IplImage* mask);
+
+  // Fields, in this order.
+  int m_imgWidth;           // working image size
+  int m_imgHeight;
+  int m_boundHeight;        // working box size
+  int m_boundWidth;
+  int m_boundWidthTrimap;   // full-resolution refinement box size
+  int m_boundHeightTrimap;
+  IplImage* m_cropSrc;        // working image cropped to the box, 8U C3
+  IplImage* m_cropLabel;      // labels cropped to the box, updated after each cut
+  IplImage* m_cropLabelInit;  // m_cropLabel before the first cut
+  IplImage* m_iterLabel[3];   // labels after cuts 0, 1 and 2
+  double m_lambda;            // smoothness weight, 50.0 by default
+  double m_beta;              // contrast parameter of the neighbour weights
+  int m_areaTenth;            // a tenth of the marked region's tight box area
+  VELDSEGraph* m_graph;       // graph of the running request
+  VELDSEGraph* m_trimapGraph; // graph of the full-resolution re-cut
+  float* m_nlinks;            // 4 floats per working pixel, tracked allocation
+  VELDSEColorModel m_fgModel;
+  VELDSEColorModel m_bgModel;
+};
+
+#endif
