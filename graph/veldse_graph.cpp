@@ -441,10 +441,15 @@ void adoptOrphan(VELDSEGraph* g, nodes* o, const GridWalk& walk) {
     if ((mask & (1u << k)) == 0) continue;
     const int e = slotBase + walk.slotOffset[k];
     if (caps[e] == VELDSEGraph::ABSENT_EDGE) continue;
+    // Neighbours of the same tree, including ones that are themselves orphans
+    // still waiting in the queue: such a neighbour may be re-adopted later,
+    // and unless it is queued now nobody would grow back into o. Skipping
+    // them leaves free nodes with residual edges into a tree at the end, so
+    // the cut is not minimal (and an augmenting path can be missed).
     nodes* const j = o + walk.nodeOffset[k];
-    if (j->parent == VELDSEGraph::NONE || j->tree != tree) continue;
+    if (j->tree != tree) continue;
     if ((sinkSide ? caps[e] : caps[e ^ 1]) != 0.0f) g->AddToActiveQueue(j);
-    if (j->parent != VELDSEGraph::TERMINAL && g->headOfSlot(j->parent) == i) g->AddToOrphanQueue(j);
+    if (j->parent >= 0 && g->headOfSlot(j->parent) == i) g->AddToOrphanQueue(j);
   }
 }
 

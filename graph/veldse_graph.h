@@ -126,12 +126,12 @@ struct nodes {
 class VELDSEGraph {
  public:
   // Values of nodes::parent that are not slot indices.
-  static const int TERMINAL = -1;
-  static const int NONE = -3;
+  static constexpr int TERMINAL = -1;
+  static constexpr int NONE = -3;
   // Values of nodes::tree.
-  static const int SOURCE_TREE = 0;
-  static const int SINK_TREE = 1;
-  static const int FREE_TREE = 2;
+  static constexpr int SOURCE_TREE = 0;
+  static constexpr int SINK_TREE = 1;
+  static constexpr int FREE_TREE = 2;
   // Capacity value of both slots of an absent edge.
   static constexpr float ABSENT_EDGE = -2.0f;
   // A run is abandoned once g_cancelTimer exceeds this.
