@@ -12,6 +12,7 @@
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include "engine/engine_util.h"
 #include "engine/veldse_hybrid.h"
 #include "interface/veldse_marker.h"
 #include "support/veld_memory.h"
@@ -25,13 +26,6 @@ const float kColourLambdas[3] = {50.0f, 13.513f, 8.0f};
 const float kGreyLambdas[3] = {15.0f, 10.0f, 7.0f};
 const float kColourFallback = 4.0f;
 const float kGreyFallback = 3.0f;
-
-inline unsigned char* row8(IplImage* image, int y) {
-  return reinterpret_cast<unsigned char*>(image->imageData + y * image->widthStep);
-}
-inline const unsigned char* row8(const IplImage* image, int y) {
-  return reinterpret_cast<const unsigned char*>(image->imageData + y * image->widthStep);
-}
 
 const float* candidates() {
   return VELDSEMarker::m_isGreyScale ? kGreyLambdas : kColourLambdas;
@@ -71,8 +65,8 @@ int VELDSEHybrid::optimalLamda(IplImage** labels, float* /*unused*/) {
     IplImage* blobs = cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 1);
     cvSetZero(blobs);
     for (int y = 0; y < height; ++y) {
-      const unsigned char* in = row8(label, y);
-      unsigned char* out = row8(blobs, y);
+      const unsigned char* in = imageRow(label, y);
+      unsigned char* out = imageRow(blobs, y);
       for (int x = 0; x < width; ++x) {
         if (in[x] == LABEL_FG || in[x] == LABEL_PR_FG) out[x] = 1;
       }
@@ -83,7 +77,7 @@ int VELDSEHybrid::optimalLamda(IplImage** labels, float* /*unused*/) {
     int next = 2;
     for (int y = 0; y < height; ++y) {
       for (int x = 0; x < width; ++x) {
-        if (row8(blobs, y)[x] != 1) continue;
+        if (imageRow(blobs, y)[x] != 1) continue;
         cv::floodFill(view, cv::Point(x, y), cv::Scalar(next), nullptr, cv::Scalar(), cv::Scalar(),
                       4);
         ++next;
@@ -93,7 +87,7 @@ int VELDSEHybrid::optimalLamda(IplImage** labels, float* /*unused*/) {
     int* histogram = static_cast<int*>(
         VELD_Calloc_Msg(static_cast<unsigned>(next), sizeof(int), "optimalLamda", 3136));
     for (int y = 0; y < height; ++y) {
-      const unsigned char* in = row8(blobs, y);
+      const unsigned char* in = imageRow(blobs, y);
       for (int x = 0; x < width; ++x) ++histogram[in[x]];
     }
     histogram[0] = 0;
@@ -113,7 +107,7 @@ int VELDSEHybrid::optimalLamda(IplImage** labels, float* /*unused*/) {
     const int threshold = static_cast<int>(largest * 0.7);
     int kept = 0;
     for (int y = 0; y < height; ++y) {
-      unsigned char* p = row8(blobs, y);
+      unsigned char* p = imageRow(blobs, y);
       for (int x = 0; x < width; ++x) {
         if (histogram[p[x]] > threshold) {
           p[x] = 255;
@@ -170,13 +164,13 @@ int VELDSEHybrid::intensityTest(const IplImage* mask) {
   double borderSum = 0.0, interiorSum = 0.0;
   int borderCount = 0, interiorCount = 0;
   for (int y = 1; y < height - 1; ++y) {
-    const unsigned char* m = row8(mask, y);
-    const unsigned char* c = row8(m_cropSrc, y);
+    const unsigned char* m = imageRow(mask, y);
+    const unsigned char* c = imageRow(m_cropSrc, y);
     for (int x = 1; x < width - 1; ++x) {
       if (m[x] != 255) continue;
       for (int dy = -1; dy <= 1; ++dy) {
-        const unsigned char* mn = row8(mask, y + dy);
-        const unsigned char* cn = row8(m_cropSrc, y + dy);
+        const unsigned char* mn = imageRow(mask, y + dy);
+        const unsigned char* cn = imageRow(m_cropSrc, y + dy);
         for (int dx = -1; dx <= 1; ++dx) {
           if (dx == 0 && dy == 0) continue;
           double squares = 0.0;
@@ -206,7 +200,7 @@ bool VELDSEHybrid::boundaryTest(const IplImage* mask, float fraction) {
   const int height = mask->height;
   int xmin = 2147483647, ymin = 2147483647, xmax = -1, ymax = -1;
   for (int y = 0; y < height; ++y) {
-    const unsigned char* m = row8(mask, y);
+    const unsigned char* m = imageRow(mask, y);
     for (int x = 0; x < width; ++x) {
       if (m[x] != 255) continue;
       if (x < xmin) xmin = x;
