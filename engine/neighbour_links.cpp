@@ -1,0 +1,134 @@
+// Contrast-sensitive weights of the 8-neighbourhood of the working image,
+// computed once per photo and read by every graph built on it.
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+
+#include "engine/engine_util.h"
+#include "engine/veldse_hybrid.h"
+#include "interface/veldse_marker.h"
+#include "support/veld_memory.h"
+
+namespace {
+
+// Diagonal links are longer: they are scaled by this factor (1/sqrt(2), the
+// digits kept as they always were).
+const double kDiagonalFactor = 0.7071067932881648;
+
+inline int squaredDistance(const unsigned char* p, const unsigned char* q) {
+  const int d0 = p[0] - q[0];
+  const int d1 = p[1] - q[1];
+  const int d2 = p[2] - q[2];
+  return d0 * d0 + d1 * d1 + d2 * d2;
+}
+
+// exp(-beta * squared distance) as a product of three per-channel table values,
+// in single precision.
+inline float axisWeight(const float* table, const unsigned char* p, const unsigned char* q) {
+  return table[std::abs(p[0] - q[0])] * table[std::abs(p[1] - q[1])] *
+         table[std::abs(p[2] - q[2])];
+}
+
+// The same for a diagonal pair, multiplied left to right in double precision.
+inline float diagonalWeight(const float* table, const unsigned char* p, const unsigned char* q) {
+  return static_cast<float>(static_cast<double>(table[std::abs(p[0] - q[0])]) * kDiagonalFactor *
+                            static_cast<double>(table[std::abs(p[1] - q[1])]) *
+                            static_cast<double>(table[std::abs(p[2] - q[2])]));
+}
+
+}  // namespace
+
+void VELDSEHybrid::computeNlinks() {
+  const int width = m_imgWidth;
+  const int height = m_imgHeight;
+  const IplImage* src = VELDSEMarker::m_srcImage;
+
+  // Sum of squared colour distances over every neighbour pair, each pair once
+  // (left, up-left, up, up-right). It is a 32-bit sum that wraps on very
+  // high-contrast images; the wrap is part of the behaviour, so it is done in
+  // unsigned arithmetic and read back as signed.
+  uint32_t wrappedSum = 0;
+  for (int y = 0; y < height; ++y) {
+    const unsigned char* row = imageRow(src, y);
+    const unsigned char* above = y > 0 ? imageRow(src, y - 1) : nullptr;
+    for (int x = 0; x < width; ++x) {
+      const unsigned char* p = row + 3 * x;
+      if (x > 0) wrappedSum += static_cast<uint32_t>(squaredDistance(p, p - 3));
+      if (above == nullptr) continue;
+      const unsigned char* q = above + 3 * x;
+      wrappedSum += static_cast<uint32_t>(squaredDistance(p, q));
+      if (x > 0) wrappedSum += static_cast<uint32_t>(squaredDistance(p, q - 3));
+      if (x + 1 < width) wrappedSum += static_cast<uint32_t>(squaredDistance(p, q + 3));
+    }
+  }
+  const int32_t sum = static_cast<int32_t>(wrappedSum);
+  const long long pairs =
+      (4LL * height - 3) * width - 3LL * height + 2;  // exactly the pairs summed above
+  m_beta = (height >= 1 && sum > 0)
+               ? static_cast<double>(pairs) / (2.0 * static_cast<double>(sum))
+               : 0.0;
+
+  m_nlinks = static_cast<float*>(VELD_Malloc_Msg(
+      static_cast<unsigned int>(width) * static_cast<unsigned int>(height) * 16u, "computeNlinks",
+      503));
+  float* table = static_cast<float*>(VELD_Malloc_Msg(1024, "computeNlinks", 509));
+  for (int d = 0; d < 256; ++d) table[d] = expf(-static_cast<float>(d * d * m_beta));
+
+  if (width >= 1 && height >= 1 && m_nlinks != nullptr) {
+    float* links = m_nlinks;
+    // Record of pixel (x, y): left, up-left, up, up-right.
+    auto record = [links, width](int x, int y) { return links + 4 * (y * width + x); };
+
+    // First and last pixel of every row.
+    for (int y = 0; y < height; ++y) {
+      const unsigned char* row = imageRow(src, y);
+      const unsigned char* above = y > 0 ? imageRow(src, y - 1) : nullptr;
+      float* first = record(0, y);
+      first[0] = 0.0f;
+      first[1] = 0.0f;
+      first[2] = above != nullptr ? axisWeight(table, row, above) : 0.0f;
+      first[3] = (above != nullptr && width >= 2) ? diagonalWeight(table, row, above + 3) : 0.0f;
+      // A one-pixel-wide image has no left neighbours at all: its only pixel
+      // keeps the values just written.
+      if (width < 2) continue;
+      const int x = width - 1;
+      const unsigned char* p = row + 3 * x;
+      float* lastRec = record(x, y);
+      lastRec[0] = axisWeight(table, p, p - 3);
+      lastRec[1] = above != nullptr ? diagonalWeight(table, p, above + 3 * (x - 1)) : 0.0f;
+      lastRec[2] = above != nullptr ? axisWeight(table, p, above + 3 * x) : 0.0f;
+      lastRec[3] = 0.0f;
+    }
+
+    // Row 0 has only left links. Slot 3 of its inner pixels is left unwritten
+    // and must never be read.
+    {
+      const unsigned char* row = imageRow(src, 0);
+      float* first = record(0, 0);
+      first[0] = first[1] = first[2] = 0.0f;
+      for (int x = 1; x < width; ++x) {
+        float* rec = record(x, 0);
+        rec[0] = axisWeight(table, row + 3 * x, row + 3 * (x - 1));
+        rec[1] = 0.0f;
+        rec[2] = 0.0f;
+      }
+    }
+
+    // Inner pixels of the other rows have all four neighbours.
+    for (int y = 1; y < height; ++y) {
+      const unsigned char* row = imageRow(src, y);
+      const unsigned char* above = imageRow(src, y - 1);
+      float* rec = record(1, y);
+      for (int x = 1; x < width - 1; ++x, rec += 4) {
+        const unsigned char* p = row + 3 * x;
+        const unsigned char* q = above + 3 * x;
+        rec[0] = axisWeight(table, p, p - 3);
+        rec[1] = diagonalWeight(table, p, q - 3);
+        rec[2] = axisWeight(table, p, q);
+        rec[3] = diagonalWeight(table, p, q + 3);
+      }
+    }
+  }
+
+  VELD_Free_Msg(table, "computeNlinks", 651);
+}
