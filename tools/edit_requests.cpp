@@ -8,6 +8,7 @@
 #include <climits>
 #include <cmath>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -96,9 +97,15 @@ bool pointsArgument(const std::vector<std::string>& args, const std::string& bas
   return parsePoints(joined, points, error);
 }
 
-cv::Mat readGreyImage(const std::string& path, std::string* error) {
-  cv::Mat img = cv::imread(path, cv::IMREAD_GRAYSCALE);
-  if (img.empty()) *error = "cannot read the image " + path;
+// imread on a missing file also prints a warning of its own; check first.
+cv::Mat readImage(const std::string& path, int flags, std::string* error) {
+  std::error_code ec;
+  if (!std::filesystem::is_regular_file(path, ec)) {
+    *error = "no image at " + path;
+    return cv::Mat();
+  }
+  cv::Mat img = cv::imread(path, flags);
+  if (img.empty()) *error = "cannot read " + path + " as an image";
   return img;
 }
 
@@ -333,14 +340,10 @@ bool parseRequest(const std::string& cmd, const std::vector<std::string>& args,
     }
     const std::string path = joinPath(ctx.baseDir, args[0]);
     if (cmd == "scribbles") {
-      cv::Mat s = cv::imread(path, cv::IMREAD_COLOR);
-      if (s.empty()) {
-        *error = "cannot read the image " + path;
-        return false;
-      }
-      return makeScribbleStrokes(s, w, h, ctx.colours, out, error);
+      cv::Mat s = readImage(path, cv::IMREAD_COLOR, error);
+      return !s.empty() && makeScribbleStrokes(s, w, h, ctx.colours, out, error);
     }
-    cv::Mat m = readGreyImage(path, error);
+    cv::Mat m = readImage(path, cv::IMREAD_GRAYSCALE, error);
     if (m.empty() || !makeLoopFromMask(m, w, h, &r, error)) return false;
   } else if (cmd == "undo" || cmd == "redo" || cmd == "reset") {
     if (!args.empty()) {
