@@ -347,47 +347,79 @@ float VELDSEGraph::maxFlow() {
 void VELDSEGraph::AugmentPath(int middle) {
   float* const caps = m_caps;
   nodes* const base = m_nodes;
+  // The first pass records the slots of each half so that the second pass
+  // need not chase the parent chain again; a half longer than the buffer is
+  // walked twice instead.
+  constexpr int kRecorded = 1024;
+  int sinkSlots[kRecorded], sourceSlots[kRecorded];
 
   // Bottleneck over the sink half, the middle edge and the source half.
   float f = caps[middle];
   nodes* x = base + headOfSlot(middle);
+  int sinkLen = 0;
   for (int p = x->parent; p != TERMINAL; p = x->parent) {
     if (caps[p] < f) f = caps[p];
+    if (sinkLen < kRecorded) sinkSlots[sinkLen] = p;
+    ++sinkLen;
     x = base + headOfSlot(p);
   }
+  nodes* const sinkRoot = x;
   if (-x->trCap < f) f = -x->trCap;
   x = base + headOfSlot(middle ^ 1);
+  int sourceLen = 0;
   for (int p = x->parent; p != TERMINAL; p = x->parent) {
     if (caps[p ^ 1] < f) f = caps[p ^ 1];
+    if (sourceLen < kRecorded) sourceSlots[sourceLen] = p;
+    ++sourceLen;
     x = base + headOfSlot(p);
   }
+  nodes* const sourceRoot = x;
   if (x->trCap < f) f = x->trCap;
 
   caps[middle] -= f;
   caps[middle ^ 1] += f;
 
   // Push and collect orphans, sink half first, each half from the middle out.
-  x = base + headOfSlot(middle);
-  for (int p = x->parent; p != TERMINAL; p = x->parent) {
-    caps[p] -= f;
-    caps[p ^ 1] += f;
-    nodes* const next = base + headOfSlot(p);
-    if (caps[p] == 0.0f) AddToOrphanQueue(x);
-    x = next;
+  // The node whose parent slot is p is the tail of p.
+  if (sinkLen <= kRecorded) {
+    for (int k = 0; k < sinkLen; ++k) {
+      const int p = sinkSlots[k];
+      caps[p] -= f;
+      caps[p ^ 1] += f;
+      if (caps[p] == 0.0f) AddToOrphanQueue(base + headOfSlot(p ^ 1));
+    }
+  } else {
+    x = base + headOfSlot(middle);
+    for (int p = x->parent; p != TERMINAL; p = x->parent) {
+      caps[p] -= f;
+      caps[p ^ 1] += f;
+      nodes* const next = base + headOfSlot(p);
+      if (caps[p] == 0.0f) AddToOrphanQueue(x);
+      x = next;
+    }
   }
-  x->trCap += f;
-  if (x->trCap == 0.0f) AddToOrphanQueue(x);
+  sinkRoot->trCap += f;
+  if (sinkRoot->trCap == 0.0f) AddToOrphanQueue(sinkRoot);
 
-  x = base + headOfSlot(middle ^ 1);
-  for (int p = x->parent; p != TERMINAL; p = x->parent) {
-    caps[p ^ 1] -= f;
-    caps[p] += f;
-    nodes* const next = base + headOfSlot(p);
-    if (caps[p ^ 1] == 0.0f) AddToOrphanQueue(x);
-    x = next;
+  if (sourceLen <= kRecorded) {
+    for (int k = 0; k < sourceLen; ++k) {
+      const int p = sourceSlots[k];
+      caps[p ^ 1] -= f;
+      caps[p] += f;
+      if (caps[p ^ 1] == 0.0f) AddToOrphanQueue(base + headOfSlot(p ^ 1));
+    }
+  } else {
+    x = base + headOfSlot(middle ^ 1);
+    for (int p = x->parent; p != TERMINAL; p = x->parent) {
+      caps[p ^ 1] -= f;
+      caps[p] += f;
+      nodes* const next = base + headOfSlot(p);
+      if (caps[p ^ 1] == 0.0f) AddToOrphanQueue(x);
+      x = next;
+    }
   }
-  x->trCap -= f;
-  if (x->trCap == 0.0f) AddToOrphanQueue(x);
+  sourceRoot->trCap -= f;
+  if (sourceRoot->trCap == 0.0f) AddToOrphanQueue(sourceRoot);
 
   m_flow += f;
 }
@@ -428,6 +460,7 @@ void adoptOrphan(VELDSEGraph* g, nodes* o, const GridWalk& walk) {
     if (s == VELDSEGraph::TERMINAL && d < bestDist) {
       bestDist = d;
       bestSlot = e;
+      if (d == 2) break;  // nothing later can be strictly nearer
     }
   }
   if (bestSlot != VELDSEGraph::NONE) {

@@ -719,4 +719,30 @@ TEST(VELDSEGraphCrossCheck, RandomGridsMatchDinic) {
   }
 }
 
+// Strips long enough that each half of an augmenting path exceeds a thousand
+// nodes: the trees grow from both ends and meet in the middle.
+TEST(VELDSEGraphCrossCheck, LongPathsMatchDinic) {
+  std::mt19937 rng(77u);
+  struct Shape {
+    int w, h;
+  };
+  for (const Shape& sh : {Shape{3000, 1}, Shape{1, 2600}, Shape{2, 2400}}) {
+    SCOPED_TRACE(std::to_string(sh.w) + "x" + std::to_string(sh.h));
+    GridCase gc = emptyGrid(sh.w, sh.h);
+    for (int i = 0; i < sh.w * sh.h; ++i) {
+      for (int k = 0; k < 4; ++k) {
+        if (earlierNeighbour(sh.w, i, k) >= 0) {
+          setEdge(&gc, i, k, std::uniform_int_distribution<int>(1, 9)(rng),
+                  std::uniform_int_distribution<int>(1, 9)(rng));
+        }
+      }
+    }
+    gc.terminals[0] = {{50, 0}};
+    gc.terminals[sh.w * sh.h - 1] = {{0, 50}};
+    VELDSEGraph g(sh.w * sh.h, 8 * sh.w * sh.h, sh.w, sh.h, 0);
+    build(gc, &g);
+    expectSameCut(gc, &g, g.maxFlow());
+  }
+}
+
 }  // namespace
