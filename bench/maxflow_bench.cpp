@@ -12,8 +12,7 @@
 //    contrast edges, rings of hard object / background on either side.
 //
 // Each iteration restores the built graph from a pristine copy (not timed)
-// and times maxFlow() alone, with g_cancelTimer running as it is during a
-// segmentation. Counters: the flow and the bytes per node (allocated as the
+// and times maxFlow() alone. Counters: the flow and the bytes per node (allocated as the
 // engine's builders size the graph, and written).
 #include <benchmark/benchmark.h>
 
@@ -212,12 +211,16 @@ BuiltGraph buildBand(int w, int h) {
   return buildGraph(img, codes, fg, bg, 50.0);
 }
 
-void runCuts(benchmark::State& state, BuiltGraph* b) {
+// withTimer: run with g_cancelTimer started before each cut, as in a
+// segmentation (its per-visit check is part of the cost). The 12 MP cut runs
+// without it: the limit is wall-clock time, and on a shared build machine a
+// multi-second cut can exceed it.
+void runCuts(benchmark::State& state, BuiltGraph* b, bool withTimer) {
   if (!b->graph) {
     state.SkipWithError("samples/coffee.png not readable");
     return;
   }
-  g_cancelTimer = create_timer();
+  g_cancelTimer = withTimer ? create_timer() : nullptr;
   float flow = 0.0f;
   for (auto _ : state) {
     state.PauseTiming();
@@ -249,13 +252,13 @@ void runCuts(benchmark::State& state, BuiltGraph* b) {
 void BM_Whole320x240(benchmark::State& state) {
   static BuiltGraph lambda50 = buildWholeImage(50.0);
   static BuiltGraph lambda8 = buildWholeImage(8.0);
-  runCuts(state, state.range(0) == 50 ? &lambda50 : &lambda8);
+  runCuts(state, state.range(0) == 50 ? &lambda50 : &lambda8, true);
 }
 BENCHMARK(BM_Whole320x240)->Arg(50)->Arg(8)->Unit(benchmark::kMillisecond)->Repetitions(5)->ReportAggregatesOnly(true);
 
 void BM_Band12MP(benchmark::State& state) {
   static BuiltGraph band = buildBand(4000, 3000);
-  runCuts(state, &band);
+  runCuts(state, &band, false);
 }
 BENCHMARK(BM_Band12MP)->Unit(benchmark::kMillisecond)->Iterations(3)->Repetitions(3)->ReportAggregatesOnly(true);
 
