@@ -103,10 +103,15 @@ else
 fi
 
 # --- configure, build, test --------------------------------------------------
-if [ ! -f "$BUILD/CMakeCache.txt" ]; then
+# Configure once; later builds regenerate by themselves when CMake files change.
+if ! grep -qx "SEGCORE_ARMHF_SYSROOT:PATH=$SYSROOT" "$BUILD/CMakeCache.txt" 2>/dev/null; then
   cmake -S "$SRC" -B "$BUILD" -DCMAKE_TOOLCHAIN_FILE="$SRC/cmake/armhf-toolchain.cmake" \
     -DSEGCORE_ARMHF_SYSROOT="$SYSROOT" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DSEGCORE_WERROR=ON -DSEGCORE_TESTS=ON -DSEGCORE_BENCH=OFF -DSEGCORE_TOOLS=OFF
 fi
 cmake --build "$BUILD" -j"$JOBS"
+# Guard against a host compiler sneaking in: the tests must run as 32-bit ARM.
+$TRIPLET-readelf -h "$BUILD/libSegmentationCore.camera.tavrin.so" | grep -q 'Class:.*ELF32' &&
+  $TRIPLET-readelf -h "$BUILD/libSegmentationCore.camera.tavrin.so" | grep -q 'Machine:.*ARM' ||
+  { echo "armhf: the library was not built for 32-bit ARM" >&2; exit 1; }
 SEGCORE_EMULATED=1 ctest --test-dir "$BUILD" --output-on-failure -j"$JOBS"
