@@ -1,0 +1,292 @@
+// Label image from the caller's marks, the undecided band along the stroke,
+// the working box and crops to it.
+#include <gtest/gtest.h>
+#include <hostlog/capture.h>
+#include <opencv2/core.hpp>
+#include <opencv2/core/core_c.h>
+#include <opencv2/imgproc.hpp>
+
+#include <algorithm>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "engine/veldse_hybrid.h"
+#include "interface/segmentation_core.h"
+#include "interface/undo_redo.h"
+#include "interface/veldse_marker.h"
+
+namespace {
+
+unsigned char& at(IplImage* image, int x, int y) {
+  return reinterpret_cast<unsigned char*>(image->imageData + y * image->widthStep)[x];
+}
+
+IplImage* grid(int w, int h, unsigned char value) {
+  IplImage* image = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, 1);
+  cvSet(image, cvScalarAll(value), nullptr);
+  return image;
+}
+
+void fillRect(IplImage* image, int x0, int y0, int x1, int y1, unsigned char value) {
+  for (int y = y0; y <= y1; ++y)
+    for (int x = x0; x <= x1; ++x) at(image, x, y) = value;
+}
+
+class LabelImage : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    g_imageResizeFactor = 1.0f;
+    VELDSEMarker::currentStroke.points.clear();
+  }
+  void TearDown() override {
+    deinitSegmentation();
+    g_imageResizeFactor = 1.0f;
+    VELDSEMarker::currentStroke.strokeType = 0;
+  }
+  // A photo of the marker's size so that the history can hold masks.
+  void photo(int w, int h) {
+    std::vector<unsigned int> argb(static_cast<size_t>(w) * h, 0xFF808080u);
+    setSourceImage(w, h, argb.data());
+  }
+  void workingSize(int w, int h) {
+    VELDSEMarker::m_width = w;
+    VELDSEMarker::m_height = h;
+  }
+  VELDSEHybrid engine;
+};
+
+// Grey-level dilation by a (2n+1) square, written independently: the maximum
+// over the window clipped to the image.
+std::vector<unsigned char> dilated(IplImage* marker, int n) {
+  const int w = marker->width, h = marker->height;
+  std::vector<unsigned char> out(static_cast<size_t>(w) * h, 0);
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x)
+      for (int v = std::max(0, y - n); v <= std::min(h - 1, y + n); ++v)
+        for (int u = std::max(0, x - n); u <= std::min(w - 1, x + n); ++u)
+          out[y * w + x] = std::max(out[y * w + x], at(marker, u, v));
+  return out;
+}
+
+TEST_F(LabelImage, StrokesGrowProbableRingsAndUnmarkedIsBackground) {
+  // 40 x 40: the dilation runs (int)(40 * 0.05) = 2 times.
+  struct Case {
+    int strokeType;
+    unsigned char strokeCode, ringCode;
+  } cases[] = {{0, LABEL_FG, 0}, {1, LABEL_BG, 0}, {2, LABEL_FG, LABEL_PR_FG}, {3, LABEL_BG, LABEL_PR_BG}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.strokeType);
+    IplImage* marker = grid(40, 40, 0);
+    fillRect(marker, 10, 20, 25, 20, c.strokeCode);  // the stroke
+    at(marker, 30, 10) = LABEL_PR_BG;                // an earlier mark nearby
+    at(marker, 12, 22) = LABEL_PR_BG;                // one inside the ring
+    IplImage* original = cvCloneImage(marker);
+    VELDSEMarker::currentStroke.strokeType = c.strokeType;
+    engine.setLabelImage(marker);
+
+    const bool grows = c.strokeType >= 2;
+    const std::vector<unsigned char> grown = dilated(original, grows ? 2 : 0);
+    ASSERT_NE(VELDSEMarker::m_labelImage, nullptr);
+    EXPECT_EQ(VELDSEMarker::m_prevResult, nullptr);
+    for (int y = 0; y < 40; ++y)
+      for (int x = 0; x < 40; ++x) {
+        SCOPED_TRACE(std::to_string(x) + "," + std::to_string(y));
+        unsigned char m = grown[y * 40 + x];
+        if (grows && m == c.strokeCode && at(original, x, y) == 0) m = c.ringCode;
+        ASSERT_EQ(at(marker, x, y), m) << "the caller's marker is changed in place";
+        ASSERT_EQ(at(VELDSEMarker::m_labelImage, x, y), m == 0 ? static_cast<unsigned char>(LABEL_BG) : m);
+      }
+    if (grows) {
+      EXPECT_EQ(at(marker, 10, 18), c.ringCode);
+      EXPECT_EQ(at(marker, 8, 22), c.ringCode);
+      EXPECT_EQ(at(marker, 7, 20), 0) << "three pixels away: outside the ring";
+      EXPECT_EQ(at(VELDSEMarker::m_labelImage, 7, 20), LABEL_BG);
+      EXPECT_EQ(at(marker, 13, 21), LABEL_PR_BG) << "the larger code wins where rings meet";
+    }
+    cvReleaseImage(&marker);
+    cvReleaseImage(&original);
+  }
+}
+
+TEST_F(LabelImage, PreviousMaskBecomesHardConstraints) {
+  // Previous mask: object on the left half. The marker has codes on both
+  // halves; the rules are restated per pixel below.
+  const int w = 20, h = 20;
+  photo(w, h);
+  IplImage* previous = grid(w, h, 0);
+  fillRect(previous, 0, 0, 9, h - 1, 255);
+  VELDSEManageUndoRedo::updateBitPlane(previous);
+  for (int t = 0; t < 4; ++t) {
+    SCOPED_TRACE(t);
+    IplImage* marker = grid(w, h, 0);
+    fillRect(marker, 4, 3, 15, 3, LABEL_PR_FG);
+    fillRect(marker, 4, 16, 15, 16, LABEL_PR_BG);
+    fillRect(marker, 5, 9, 14, 9, t % 2 ? LABEL_BG : LABEL_FG);
+    VELDSEMarker::currentStroke.strokeType = t;
+    engine.setLabelImage(marker);
+    ASSERT_NE(VELDSEMarker::m_prevResult, nullptr);
+    EXPECT_EQ(cv::norm(cv::cvarrToMat(VELDSEMarker::m_prevResult), cv::cvarrToMat(previous), cv::NORM_INF), 0.0);
+    for (int y = 0; y < h; ++y)
+      for (int x = 0; x < w; ++x) {
+        SCOPED_TRACE(std::to_string(x) + "," + std::to_string(y));
+        const unsigned char m = at(marker, x, y);
+        const bool object = x < 10;
+        unsigned char expected = m;
+        if (m == 0) {
+          expected = object ? LABEL_FG : LABEL_BG;
+        } else if ((t == 0 || t == 2) && object) {
+          expected = LABEL_FG;
+        } else if ((t == 1 || t == 3) && !object) {
+          expected = LABEL_BG;
+        }
+        ASSERT_EQ(at(VELDSEMarker::m_labelImage, x, y), expected);
+      }
+    // Worked examples: a probable-object mark on the background side, and a
+    // probable-background mark on the object side.
+    const unsigned char onBackground[4] = {LABEL_PR_FG, LABEL_BG, LABEL_PR_FG, LABEL_BG};
+    const unsigned char onObject[4] = {LABEL_FG, LABEL_PR_BG, LABEL_FG, LABEL_PR_BG};
+    EXPECT_EQ(at(VELDSEMarker::m_labelImage, 15, 3), onBackground[t]);
+    EXPECT_EQ(at(VELDSEMarker::m_labelImage, 4, 16), onObject[t]);
+    EXPECT_EQ(at(VELDSEMarker::m_labelImage, 18, 12), LABEL_BG);
+    EXPECT_EQ(at(VELDSEMarker::m_labelImage, 1, 12), LABEL_FG);
+    cvReleaseImage(&marker);
+  }
+  cvReleaseImage(&previous);
+}
+
+TEST_F(LabelImage, ReducedPhotoGetsANearestNeighbourLabelImage) {
+  g_imageResizeFactor = 2.0f;
+  VELDSEMarker::m_srcImage = cvCreateImage(cvSize(20, 15), IPL_DEPTH_8U, 3);
+  IplImage* marker = grid(40, 30, 0);
+  for (int y = 0; y < 30; ++y)
+    for (int x = 0; x < 40; ++x) at(marker, x, y) = static_cast<unsigned char>((x * 3 + y * 7) % 5);
+  cv::Mat expected = cv::cvarrToMat(marker).clone();
+  expected.setTo(LABEL_BG, expected == 0);
+  cv::resize(expected, expected, cv::Size(20, 15), 0, 0, cv::INTER_NEAREST);
+  VELDSEMarker::currentStroke.strokeType = 1;
+  engine.setLabelImage(marker);
+  ASSERT_EQ(VELDSEMarker::m_labelImage->width, 20);
+  ASSERT_EQ(VELDSEMarker::m_labelImage->height, 15);
+  EXPECT_EQ(cv::norm(cv::cvarrToMat(VELDSEMarker::m_labelImage), expected, cv::NORM_INF), 0.0);
+  EXPECT_EQ(at(VELDSEMarker::m_labelImage, 3, 2), 1) << "source pixel (6, 4): 46 % 5";
+  EXPECT_EQ(at(VELDSEMarker::m_labelImage, 1, 1), LABEL_BG) << "source pixel (2, 2): 20 % 5 = 0";
+  EXPECT_EQ(at(VELDSEMarker::m_labelImage, 1, 2), 4) << "source pixel (2, 4): 34 % 5";
+  cvReleaseImage(&marker);
+}
+
+TEST_F(LabelImage, StrokeBandFollowsTheStrokeAndIsClosed) {
+  // Points at full resolution with factor 2; the reference draws the same
+  // thickness-3 lines between the working points written out by hand.
+  struct Case {
+    std::vector<int> points;
+    std::vector<cv::Point> working;                  // expected mapping
+    std::vector<std::pair<int, int>> unknown, kept;  // spot checks
+  } cases[] = {
+      {{21, 40}, {}, {}, {{10, 20}}},  // one point: no band
+      {{11, 21, 31, 21}, {{5, 10}, {15, 10}}, {{5, 10}, {10, 10}, {15, 10}, {10, 9}, {10, 11}},
+       {{10, 7}, {10, 13}, {19, 10}, {1, 10}}},
+      {{20, 20, 61, 21, 60, 61}, {{10, 10}, {30, 10}, {30, 30}},  // closed by (30,30)-(10,10)
+       {{20, 10}, {30, 20}, {20, 20}, {21, 21}},
+       {{20, 15}, {25, 14}, {12, 20}}},
+  };
+  for (size_t i = 0; i < sizeof(cases) / sizeof(cases[0]); ++i) {
+    SCOPED_TRACE(i);
+    const Case& c = cases[i];
+    g_imageResizeFactor = 2.0f;
+    VELDSEMarker::m_labelImage = grid(40, 40, LABEL_BG);
+    VELDSEMarker::currentStroke.points = c.points;
+    engine.addUnknownRegion();
+
+    cv::Mat expected(40, 40, CV_8UC1, cv::Scalar(LABEL_BG));
+    for (size_t k = 0; k + 1 < c.working.size(); ++k)
+      cv::line(expected, c.working[k], c.working[k + 1], cv::Scalar(0), 3, cv::LINE_8, 0);
+    if (c.working.size() > 2) cv::line(expected, c.working.back(), c.working[0], cv::Scalar(0), 3, cv::LINE_8, 0);
+    EXPECT_EQ(cv::norm(cv::cvarrToMat(VELDSEMarker::m_labelImage), expected, cv::NORM_INF), 0.0);
+    for (auto p : c.unknown) EXPECT_EQ(at(VELDSEMarker::m_labelImage, p.first, p.second), LABEL_UNKNOWN);
+    for (auto p : c.kept) EXPECT_EQ(at(VELDSEMarker::m_labelImage, p.first, p.second), LABEL_BG);
+    cvReleaseImage(&VELDSEMarker::m_labelImage);
+  }
+}
+
+TEST_F(LabelImage, WorkingBoxCases) {
+  struct Case {
+    std::string name;
+    int w, h;
+    std::vector<int> points;
+    int strokeType;
+    int x0, y0, x1, y1;  // filled rectangle in the label image (x0 < 0: none)
+    unsigned char code;
+    int boxX, boxY, boxW, boxH, areaTenth;
+  } cases[] = {
+      {"empty marking", 100, 80, {}, 0, -1, 0, 0, 0, 0, 0, 0, 11, 11, 0},
+      {"empty on a tiny image", 8, 6, {}, 0, -1, 0, 0, 0, 0, 0, 0, 8, 6, 0},
+      {"unknown region", 100, 80, {}, 0, 30, 20, 50, 40, LABEL_UNKNOWN, 20, 10, 41, 41, 40},
+      {"probable object region", 100, 80, {}, 1, 30, 20, 33, 27, LABEL_PR_FG, 20, 10, 24, 28, 2},
+      {"at the border", 100, 80, {}, 0, 0, 70, 5, 79, LABEL_PR_FG, 0, 60, 16, 20, 4},
+      {"at the far border", 100, 80, {}, 0, 92, 0, 99, 3, LABEL_UNKNOWN, 82, 0, 18, 14, 2},
+      {"object stroke", 100, 80, {1, 1}, 2, 40, 40, 60, 45, LABEL_PR_FG, 30, 30, 41, 26, 10},
+      {"background stroke", 100, 80, {1, 1}, 3, 40, 40, 60, 45, LABEL_PR_BG, 30, 30, 41, 26, 10},
+      {"object stroke without its ring", 100, 80, {1, 1}, 2, 40, 40, 60, 45, LABEL_PR_BG, 0, 0, 11, 11, 0},
+      // Loop points, factor 2: (50,20) and (30,60) in working pixels.
+      {"loop points", 100, 80, {100, 40, 60, 120}, 0, -1, 0, 0, 0, 0, 20, 10, 41, 61, 80},
+      {"loop points clamped", 100, 80, {190, 150, 199, 159}, 1, -1, 0, 0, 0, 0, 85, 65, 15, 15, 1},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    workingSize(c.w, c.h);
+    g_imageResizeFactor = c.points.size() > 2 ? 2.0f : 1.0f;
+    VELDSEMarker::m_labelImage = grid(c.w, c.h, LABEL_BG);
+    at(VELDSEMarker::m_labelImage, 0, c.h - 1) = LABEL_FG;  // never part of a box
+    if (c.x0 >= 0) fillRect(VELDSEMarker::m_labelImage, c.x0, c.y0, c.x1, c.y1, c.code);
+    if (c.strokeType >= 2) at(VELDSEMarker::m_labelImage, 5, 5) = LABEL_UNKNOWN;  // ignored then
+    VELDSEMarker::currentStroke.points = c.points;
+    VELDSEMarker::currentStroke.strokeType = c.strokeType;
+    engine.computeBoundingBox();
+    EXPECT_EQ(VELDSEMarker::m_xMinBBox, c.boxX);
+    EXPECT_EQ(VELDSEMarker::m_yMinBBox, c.boxY);
+    EXPECT_EQ(engine.m_boundWidth, c.boxW);
+    EXPECT_EQ(engine.m_boundHeight, c.boxH);
+    EXPECT_EQ(engine.m_areaTenth, c.areaTenth);
+    cvReleaseImage(&VELDSEMarker::m_labelImage);
+  }
+}
+
+TEST_F(LabelImage, CropCopiesTheBox) {
+  for (int channels : {1, 3}) {
+    SCOPED_TRACE(channels);
+    IplImage* image = cvCreateImage(cvSize(30, 20), IPL_DEPTH_8U, channels);
+    cv::randu(cv::cvarrToMat(image), 0, 256);
+    VELDSEMarker::m_xMinBBox = 7;
+    VELDSEMarker::m_yMinBBox = 4;
+    engine.m_boundWidth = 23;
+    engine.m_boundHeight = 9;
+    IplImage* crop = engine.cropImage(image);
+    ASSERT_EQ(crop->width, 23);
+    ASSERT_EQ(crop->height, 9);
+    ASSERT_EQ(crop->nChannels, channels);
+    cv::Mat expected = cv::cvarrToMat(image)(cv::Rect(7, 4, 23, 9));
+    EXPECT_EQ(cv::norm(cv::cvarrToMat(crop), expected, cv::NORM_INF), 0.0);
+    cvReleaseImage(&crop);
+    cvReleaseImage(&image);
+  }
+}
+
+TEST_F(LabelImage, EmptyCropIsLogged) {
+  IplImage* image = grid(10, 10, 3);
+  VELDSEMarker::m_xMinBBox = VELDSEMarker::m_yMinBBox = 0;
+  engine.m_boundWidth = 0;
+  engine.m_boundHeight = 5;
+  hostlog::startCapture();
+  IplImage* crop = engine.cropImage(image);
+  std::vector<hostlog::Record> records = hostlog::stopCapture();
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_EQ(records[0].priority, 6);
+  EXPECT_EQ(records[0].tag, "Error");
+  EXPECT_EQ(records[0].text, "MEMORY_CRASH : cropImage 850");
+  EXPECT_EQ(crop->width, 0);
+  cvReleaseImage(&crop);
+  cvReleaseImage(&image);
+}
+
+}  // namespace
