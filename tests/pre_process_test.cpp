@@ -1,0 +1,195 @@
+// Pre-processing: black borders and flat border strips of the working box
+// become definite background and the box shrinks to the content.
+#include <gtest/gtest.h>
+#include <opencv2/core/core_c.h>
+
+#include <functional>
+#include <random>
+#include <string>
+
+#include "engine/veldse_hybrid.h"
+#include "interface/segmentation_core.h"
+#include "interface/veldse_marker.h"
+
+namespace {
+
+// Grey value of working pixel (x, y); -1 stands for "strong random texture".
+using Scene = std::function<int(int x, int y)>;
+const int kTexture = -1;
+
+unsigned char& labelAt(int x, int y) {
+  IplImage* l = VELDSEMarker::m_labelImage;
+  return reinterpret_cast<unsigned char*>(l->imageData + y * l->widthStep)[x];
+}
+
+struct Box {
+  int x, y, w, h;
+};
+
+class PreProcess : public ::testing::Test {
+ protected:
+  void TearDown() override { deinitSegmentation(); }
+
+  // Working image and labels (all probable object) of w x h; the box as given.
+  void scene(int w, int h, const Scene& grey, const Box& box, unsigned seed = 1) {
+    std::mt19937 rng(seed);
+    VELDSEMarker::m_srcImage = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, 3);
+    for (int y = 0; y < h; ++y) {
+      unsigned char* row =
+          reinterpret_cast<unsigned char*>(VELDSEMarker::m_srcImage->imageData + y * VELDSEMarker::m_srcImage->widthStep);
+      for (int x = 0; x < w; ++x) {
+        const int v = grey(x, y);
+        const unsigned char b = static_cast<unsigned char>(v == kTexture ? 1 + rng() % 255 : v);
+        row[3 * x] = row[3 * x + 1] = row[3 * x + 2] = b;
+      }
+    }
+    VELDSEMarker::m_labelImage = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, 1);
+    cvSet(VELDSEMarker::m_labelImage, cvScalarAll(LABEL_PR_FG), nullptr);
+    VELDSEMarker::m_xMinBBox = box.x;
+    VELDSEMarker::m_yMinBBox = box.y;
+    engine.m_boundWidth = box.w;
+    engine.m_boundHeight = box.h;
+  }
+
+  // Every pixel of `before` outside the inside of `kept` (box coordinates of
+  // `before`, border ring excluded) is background; all else is untouched.
+  void expectMarked(const Box& before, const Box& kept) {
+    const IplImage* l = VELDSEMarker::m_labelImage;
+    int wrong = 0;
+    for (int y = 0; y < l->height; ++y)
+      for (int x = 0; x < l->width; ++x) {
+        const int c = x - before.x, r = y - before.y;
+        const bool inBox = c >= 0 && r >= 0 && c < before.w && r < before.h;
+        const bool inside = c > kept.x && c < kept.x + kept.w - 1 && r > kept.y && r < kept.y + kept.h - 1;
+        const unsigned char expected = inBox && !inside ? LABEL_BG : LABEL_PR_FG;
+        if (labelAt(x, y) != expected && ++wrong <= 5)
+          ADD_FAILURE() << "label at " << x << "," << y << " is " << int(labelAt(x, y));
+      }
+    EXPECT_EQ(wrong, 0);
+  }
+
+  void expectBox(const Box& b) {
+    EXPECT_EQ(VELDSEMarker::m_xMinBBox, b.x);
+    EXPECT_EQ(VELDSEMarker::m_yMinBBox, b.y);
+    EXPECT_EQ(engine.m_boundWidth, b.w);
+    EXPECT_EQ(engine.m_boundHeight, b.h);
+  }
+
+  void expectUntouched(const Box& box) {
+    expectBox(box);
+    expectMarked(box, Box{-1, -1, box.w + 2, box.h + 2});
+  }
+
+  VELDSEHybrid engine;
+};
+
+TEST_F(PreProcess, BlackBorderAndItsInnerRingBecomeBackground) {
+  struct Case {
+    std::string name;
+    Box box;
+    int frameLeft, frameTop, frameRight, frameBottom;  // black lines on each side
+    Box kept;                                          // relative to the box
+  } cases[] = {
+      {"three-pixel frame", {0, 0, 60, 40}, 3, 3, 3, 3, {3, 3, 54, 34}},
+      {"frame inside an offset box", {10, 8, 60, 40}, 3, 3, 3, 3, {3, 3, 54, 34}},
+      {"left bars only", {0, 0, 60, 40}, 3, 0, 0, 0, {3, 0, 57, 40}},
+      {"top and right", {5, 5, 50, 30}, 0, 2, 4, 0, {0, 2, 46, 28}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const Box b = c.box;
+    scene(80, 60, [&](int x, int y) {
+      const int bx = x - b.x, by = y - b.y;
+      const bool black = bx < c.frameLeft || by < c.frameTop || bx >= b.w - c.frameRight || by >= b.h - c.frameBottom;
+      return black ? 0 : kTexture;
+    }, b);
+    // Only the first channel decides: green and red in the frame do not count.
+    for (int y = b.y; y < b.y + c.frameTop; ++y) {
+      unsigned char* row = reinterpret_cast<unsigned char*>(VELDSEMarker::m_srcImage->imageData + y * VELDSEMarker::m_srcImage->widthStep);
+      for (int x = b.x; x < b.x + b.w; ++x) row[3 * x + 1] = row[3 * x + 2] = 200;
+    }
+    engine.removeBlackRegion();
+    expectMarked(b, c.kept);
+    expectBox({b.x + c.kept.x, b.y + c.kept.y, c.kept.w, c.kept.h});
+    deinitSegmentation();
+  }
+}
+
+TEST_F(PreProcess, AllBlackOrUnframedBoxIsLeftAlone) {
+  for (int fill : {0, kTexture}) {
+    SCOPED_TRACE(fill);
+    const Box box{4, 4, 30, 20};
+    scene(40, 30, [&](int, int) { return fill; }, box);
+    engine.removeBlackRegion();
+    expectUntouched(box);
+    deinitSegmentation();
+  }
+}
+
+TEST_F(PreProcess, FramedTexturedPhotoKeepsWhatTheBlackTrimLeft) {
+  const Box box{0, 0, 60, 40};
+  scene(60, 40, [](int x, int y) { return x < 3 || y < 3 || x >= 57 || y >= 37 ? 0 : kTexture; }, box);
+  engine.preProcess();
+  expectMarked(box, {3, 3, 54, 34});
+  expectBox({3, 3, 54, 34});
+}
+
+TEST_F(PreProcess, TexturedBoxAndFlatBottomAreKept) {
+  struct Case {
+    std::string name;
+    Scene grey;
+  } cases[] = {
+      {"strong texture everywhere", [](int, int) { return kTexture; }},
+      {"flat strip only at the bottom", [](int, int y) { return y >= 40 ? 128 : kTexture; }},
+      {"flat bottom ending in an edge", [](int, int y) { return y >= 40 ? (y >= 50 ? 20 : 128) : kTexture; }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const Box box{6, 4, 100, 60};
+    scene(120, 70, [&](int x, int y) { return x < 6 || y < 4 ? 90 : c.grey(x - 6, y - 4); }, box);
+    engine.preProcess();
+    expectUntouched(box);
+    deinitSegmentation();
+  }
+}
+
+TEST_F(PreProcess, FlatBandsAreTrimmedAndGrownBack) {
+  // Box 100 x 60 at (6, 4); texture from column 40 of the box (or row 20 for
+  // the top band). Column 39 sees the texture through the 3 x 3 Sobel
+  // kernel, so the passes keep column 39 onward; pass 2 then grows back.
+  struct Case {
+    std::string name;
+    Scene grey;  // box coordinates
+    Box kept;
+  } cases[] = {
+      // Identical columns stop the similar-line growth; the mean-level
+      // growth takes five more columns back.
+      {"uniform band", [](int x, int) { return x < 40 ? 100 : kTexture; }, {34, 0, 66, 60}},
+      // It stops at the first column pair whose means differ by more than 10.
+      {"band ending in a step", [](int x, int) { return x < 37 ? 80 : x < 40 ? 100 : kTexture; }, {37, 0, 63, 60}},
+      {"step of exactly 10", [](int x, int) { return x < 37 ? 90 : x < 40 ? 100 : kTexture; }, {34, 0, 66, 60}},
+      // A gentle ramp is similar line by line (difference 1) and is taken back
+      // entirely, then five flat columns more.
+      {"ramp then flat", [](int x, int) { return x < 20 ? 100 : x < 40 ? 100 + x - 19 : kTexture; }, {14, 0, 86, 60}},
+      {"ramp to the border", [](int x, int) { return x < 40 ? 60 + x : kTexture; }, {0, 0, 100, 60}},
+      {"flat top", [](int, int y) { return y < 20 ? 128 : kTexture; }, {0, 14, 100, 46}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const Box box{6, 4, 100, 60};
+    scene(120, 70, [&](int x, int y) {
+      const int bx = x - box.x, by = y - box.y;
+      return bx < 0 || by < 0 || bx >= box.w || by >= box.h ? 50 : c.grey(bx, by);
+    }, box);
+    engine.preProcess();
+    if (c.kept.x == 0 && c.kept.y == 0 && c.kept.w == box.w) {
+      expectUntouched(box);
+    } else {
+      expectMarked(box, c.kept);
+      expectBox({box.x + c.kept.x, box.y + c.kept.y, c.kept.w, c.kept.h});
+    }
+    deinitSegmentation();
+  }
+}
+
+}  // namespace
