@@ -6,7 +6,8 @@
 # Usage: scripts/armhf.sh [build-dir]          (default: build-armhf)
 # Environment:
 #   SEGCORE_ARMHF_CACHE  where the armhf sysroot and its apt state are kept
-#                        (default: ${XDG_CACHE_HOME:-$HOME/.cache}/segcore-armhf)
+#                        (default: ${XDG_CACHE_HOME:-$HOME/.cache}/segcore-armhf,
+#                        build-armhf-cache/ in the tree when HOME is unset)
 #   JOBS                 parallel build and test jobs (default: 2)
 #
 # The sysroot is unpacked from Debian's armhf packages with a private apt
@@ -18,7 +19,11 @@ set -eu
 cd "$(dirname "$0")/.."
 SRC=$(pwd)
 BUILD=${1:-build-armhf}
-CACHE=${SEGCORE_ARMHF_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/segcore-armhf}
+if [ -n "${HOME:-}" ]; then
+  CACHE=${SEGCORE_ARMHF_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/segcore-armhf}
+else
+  CACHE=${SEGCORE_ARMHF_CACHE:-$SRC/build-armhf-cache}  # git-ignored like every build*
+fi
 SYSROOT=$CACHE/sysroot
 JOBS=${JOBS:-2}
 TRIPLET=arm-linux-gnueabihf
