@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "graph/parallel_gc.h"
 #include "interface/veldse_marker.h"
 #include "support/cpu_timer.h"
 #include "support/veld_memory.h"
@@ -338,8 +339,12 @@ void VELDSEGraph::InitBlock() {
 }
 
 float VELDSEGraph::maxFlow() {
-  // A thread count above 1 selects the block-parallel solver; it plugs in
-  // here. Until it exists every graph takes the serial path.
+  // A thread count above 1 selects the block-parallel solver, which reports
+  // 0 instead of the flow (the pushed flow still reaches m_flow).
+  if (m_threads > 1) {
+    ParallelGC pgc(this, m_threads);
+    return static_cast<float>(pgc.maxFlow());
+  }
   maxflowInit();
   return maxFlowSerialCall();
 }
