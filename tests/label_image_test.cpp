@@ -252,7 +252,7 @@ TEST_F(LabelImage, WorkingBoxCases) {
   }
 }
 
-TEST_F(LabelImage, CropCopiesTheBox) {
+TEST_F(LabelImage, CropCopiesTheBoxAndLogsAnEmptyOne) {
   for (int channels : {1, 3}) {
     SCOPED_TRACE(channels);
     IplImage* image = cvCreateImage(cvSize(30, 20), IPL_DEPTH_8U, channels);
@@ -262,31 +262,21 @@ TEST_F(LabelImage, CropCopiesTheBox) {
     engine.m_boundWidth = 23;
     engine.m_boundHeight = 9;
     IplImage* crop = engine.cropImage(image);
-    ASSERT_EQ(crop->width, 23);
-    ASSERT_EQ(crop->height, 9);
     ASSERT_EQ(crop->nChannels, channels);
-    cv::Mat expected = cv::cvarrToMat(image)(cv::Rect(7, 4, 23, 9));
-    EXPECT_EQ(cv::norm(cv::cvarrToMat(crop), expected, cv::NORM_INF), 0.0);
+    EXPECT_EQ(cv::norm(cv::cvarrToMat(crop), cv::cvarrToMat(image)(cv::Rect(7, 4, 23, 9)), cv::NORM_INF), 0.0);
+    cvReleaseImage(&crop);
+    engine.m_boundWidth = 0;
+    hostlog::startCapture();
+    crop = engine.cropImage(image);
+    std::vector<hostlog::Record> records = hostlog::stopCapture();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].priority, 6);
+    EXPECT_EQ(records[0].tag, "Error");
+    EXPECT_EQ(records[0].text, "MEMORY_CRASH : cropImage 850");
+    EXPECT_EQ(crop->width, 0);
     cvReleaseImage(&crop);
     cvReleaseImage(&image);
   }
-}
-
-TEST_F(LabelImage, EmptyCropIsLogged) {
-  IplImage* image = grid(10, 10, 3);
-  VELDSEMarker::m_xMinBBox = VELDSEMarker::m_yMinBBox = 0;
-  engine.m_boundWidth = 0;
-  engine.m_boundHeight = 5;
-  hostlog::startCapture();
-  IplImage* crop = engine.cropImage(image);
-  std::vector<hostlog::Record> records = hostlog::stopCapture();
-  ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0].priority, 6);
-  EXPECT_EQ(records[0].tag, "Error");
-  EXPECT_EQ(records[0].text, "MEMORY_CRASH : cropImage 850");
-  EXPECT_EQ(crop->width, 0);
-  cvReleaseImage(&crop);
-  cvReleaseImage(&image);
 }
 
 }  // namespace
