@@ -18,9 +18,13 @@ void releaseImage(IplImage*& image) {
   if (image != nullptr) cvReleaseImage(&image);
 }
 
+// The outline lives in `storage`: once the storage is gone, an outline that
+// was not fetched yet must not be handed out any more.
 void releaseOutline() {
   if (storage != nullptr) cvReleaseMemStorage(&storage);
   storage = nullptr;
+  contours = nullptr;
+  g_contoursReady = 0;
 }
 
 }  // namespace
