@@ -1,0 +1,175 @@
+// One segmentation request: box, crops, five graph cuts, full-size mask.
+//
+// The first three cuts are trials that choose the smoothness weight (see
+// lambda_selection.cpp); the fourth cuts with the chosen weight after a model
+// update from that trial's labels, the fifth after one more update. A scene
+// whose background model is nearly single-coloured skips the trials and cuts
+// five times at the default weight, and may then fall back to its first cut.
+#include <android/log.h>
+
+#include <vector>
+
+#include <opencv2/core.hpp>
+#include <opencv2/imgproc.hpp>
+#include <opencv2/imgproc/imgproc_c.h>
+
+#include "colormodel/kmeans_init.h"
+#include "colormodel/training.h"
+#include "engine/engine_util.h"
+#include "engine/veldse_hybrid.h"
+#include "interface/veldse_marker.h"
+#include "support/cpu_timer.h"
+
+namespace {
+
+const int kCuts = 5;
+const double kTimeoutMs = 10000.0;
+
+// How well the inner boundary of the object in `label` follows image edges:
+// (strong-edge pixels - weak-edge pixels) / boundary pixels.
+double boundaryScore(const IplImage* label, const cv::Mat& magnitude) {
+  const int width = label->width;
+  const int height = label->height;
+  IplImage* boundary = cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 1);
+  for (int y = 0; y < height; ++y) {
+    const unsigned char* in = imageRow(label, y);
+    unsigned char* out = imageRow(boundary, y);
+    for (int x = 0; x < width; ++x) {
+      out[x] = (in[x] == LABEL_FG || in[x] == LABEL_PR_FG) ? 255 : 0;
+    }
+  }
+  if (width >= 3 && height >= 3) {
+    IplImage* eroded = cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 1);
+    cvErode(boundary, eroded, nullptr, 1);
+    cvSub(boundary, eroded, boundary);
+    cvReleaseImage(&eroded);
+  }
+  int n = 0, strong = 0, weak = 0;
+  for (int y = 0; y < height; ++y) {
+    const unsigned char* b = imageRow(boundary, y);
+    const float* m = magnitude.ptr<float>(y);
+    for (int x = 0; x < width; ++x) {
+      if (b[x] <= 254) continue;
+      ++n;
+      if (m[x] > 70.0f) ++strong;
+      if (m[x] < 30.0f) ++weak;
+    }
+  }
+  cvReleaseImage(&boundary);
+  return n == 0 ? 0.0 : static_cast<double>(strong - weak) / n;
+}
+
+}  // namespace
+
+IplImage* VELDSEHybrid::segment() {
+  g_cancelTimer = create_timer();
+  start_cpu_timer(g_cancelTimer);
+
+  computeBoundingBox();
+  preProcess();
+
+  const int nodeCount = m_boundHeight * m_boundWidth;
+  m_graph = new VELDSEGraph(nodeCount, 8 * nodeCount, m_boundWidth, m_boundHeight, 0);
+
+  m_cropSrc = cropImage(VELDSEMarker::m_srcImage);
+  m_cropLabel = cropImage(VELDSEMarker::m_labelImage);
+  m_cropLabelInit = cvCloneImage(m_cropLabel);
+
+  m_lambda = 50.0;
+  VELDSEMarker::m_noiseLevel = 0.1;
+  bool lambdaRequest = true;
+  int modelAction = 0;
+  std::vector<pixelVal> objectSamples;
+  std::vector<pixelVal> backgroundSamples;
+  bool cancelled = false;
+
+  for (int i = 0; i < kCuts; ++i) {
+    if (lambdaRequest) modelAction = parallelLamdaSwtich(i);
+    if (modelAction == 1) {
+      extractTrainingData(m_cropSrc, m_cropLabel, objectSamples, backgroundSamples);
+      updateModel(objectSamples, backgroundSamples, m_fgModel, m_bgModel);
+      homogenousLamda(i);
+    } else if (modelAction == 0) {
+      extractTrainingData(m_cropSrc, m_cropLabel, objectSamples, backgroundSamples);
+      initModel(backgroundSamples, m_bgModel, 10);
+      initModel(objectSamples, m_fgModel, 10);
+      // A homogeneous scene gains nothing from trial weights: stop asking.
+      lambdaRequest = homogenousLamda(i) != 0;
+      modelAction = 1;
+    }
+
+    constructGraphVELD_Whole_Image();
+    m_graph->maxFlow();
+    updateLabelImage();
+    if (i < 3) m_iterLabel[i] = cvCloneImage(m_cropLabel);
+
+    stop_cpu_timer(g_cancelTimer);
+    if (get_elapsed_time_in_millisec(g_cancelTimer) > kTimeoutMs ||
+        VELDSEMarker::m_exitApp.load(std::memory_order_relaxed)) {
+      cancelled = true;
+      break;
+    }
+  }
+
+  if (cancelled) {
+    __android_log_print(ANDROID_LOG_ERROR, "Error", "Segmentation canceled due to timeout");
+    clearMemory();
+    return nullptr;
+  }
+
+  if (VELDSEMarker::m_isHomogenous) chooseIter();
+  delete m_graph;
+  m_graph = nullptr;
+  IplImage* mask = getObjMask();
+  clearMemory();
+  return mask;
+}
+
+int VELDSEHybrid::updateLabelImage() {
+  const int height = m_boundHeight;
+  const int width = m_boundWidth;
+  // Four consecutive row bands; the order does not affect the result.
+  const int bands[5] = {0, height >> 2, height >> 1, 3 * (height >> 2), height};
+  int objectCount = 0;
+  for (int b = 0; b < 4; ++b) {
+    for (int r = bands[b]; r < bands[b + 1]; ++r) {
+      unsigned char* label = imageRow(m_cropLabel, r);
+      for (int c = 0; c < width; ++c) {
+        const unsigned char code = label[c];
+        if (m_graph->getTreeofNode(r * width + c) == 1) {
+          if (code == LABEL_UNKNOWN || code > LABEL_FG) label[c] = LABEL_PR_BG;
+        } else if (code != LABEL_BG && code != LABEL_FG) {
+          label[c] = LABEL_PR_FG;
+          ++objectCount;
+        }
+      }
+    }
+  }
+  return objectCount;
+}
+
+void VELDSEHybrid::chooseIter() {
+  IplImage* grey = cvCreateImage(cvGetSize(m_cropSrc), IPL_DEPTH_8U, 1);
+  cvCvtColor(m_cropSrc, grey, CV_BGR2GRAY);
+  const cv::Mat g = cv::cvarrToMat(grey);
+  cv::Mat gx, gy, magnitude;
+  cv::Sobel(g, gx, CV_32F, 1, 0, 3, 1.0, 0.0, cv::BORDER_DEFAULT);
+  cv::Sobel(g, gy, CV_32F, 0, 1, 3, 1.0, 0.0, cv::BORDER_DEFAULT);
+  cv::magnitude(gx, gy, magnitude);
+
+  const float first = static_cast<float>(boundaryScore(m_iterLabel[0], magnitude));
+  const float last = static_cast<float>(boundaryScore(m_cropLabel, magnitude));
+  // The later cuts of a homogeneous scene tend to drift off the object; keep
+  // the first cut when its boundary already sits on edges and the last one is
+  // not clearly better.
+  if (first >= 0.75f && !(last > 0.98f) && last - first <= 0.2f) {
+    cvCopy(m_iterLabel[0], m_cropLabel);
+  }
+  cvReleaseImage(&grey);
+}
+
+bool VELDSEHybrid::cancelSegmentation() {
+  stop_cpu_timer(g_cancelTimer);
+  return get_elapsed_time_in_millisec(g_cancelTimer) > kTimeoutMs ||
+         VELDSEMarker::m_exitApp.load(std::memory_order_relaxed);
+}
