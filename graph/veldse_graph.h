@@ -93,7 +93,9 @@
 //       more than 10000.0 ms (checked after each node visit; the solver then
 //       sets m_exitApp itself). No allocation during the run. Typical cost on
 //       segmentation energies is a few node visits per node; the adoption
-//       walks whole parent chains (no distance cache).
+//       walks whole parent chains (no distance cache). With a thread count
+//       above 1 the block-parallel solver (graph/parallel_gc.h) runs instead
+//       and 0 is returned; m_flow still receives the flow.
 //   maxflowInit(), maxFlowSerialCall()
 //       The two halves of the serial maxFlow(): tree initialisation over all
 //       added nodes (terminal-linked nodes queued in index order), and the
@@ -183,7 +185,7 @@ class VELDSEGraph {
   nodes* m_orphanHead;
   nodes* m_orphanTail;
   int m_offsets[8];      // {-1, -1, 0, -w-1, 0, -w, 0, 1-w}
-  int m_threads;         // above 1, maxFlow() would run the parallel solver
+  int m_threads;         // above 1, maxFlow() runs ParallelGC and returns 0
   int m_blockWidth;      // block covered by a block view
   int m_blockHeight;
   int m_blockRow;
