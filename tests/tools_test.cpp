@@ -163,7 +163,7 @@ TEST(EditRequestsTest, ScribblesBecomeOneRequestPerStrokeObjectFirst) {
   img.at<cv::Vec3b>(0, 15) = cv::Vec3b(207, 255, 255);          // a speck, dropped
   std::vector<EditRequest> out;
   std::string error;
-  ASSERT_TRUE(segtools::makeScribbleStrokes(img, 16, 12, colours, &out, &error)) << error;
+  ASSERT_TRUE(segtools::makeScribbleStrokes(img, 16, 12, colours, 1, &out, &error)) << error;
   ASSERT_EQ(out.size(), 3u);
   EXPECT_EQ(out[0].mode, 2);
   EXPECT_EQ(out[1].mode, 3);
@@ -175,6 +175,47 @@ TEST(EditRequestsTest, ScribblesBecomeOneRequestPerStrokeObjectFirst) {
   for (const EditRequest& r : out) {
     for (const cv::Point& p : r.points) EXPECT_NE(r.markers[p.y * 16 + p.x], 0) << p;
   }
+}
+
+TEST(EditRequestsTest, ScribbleIsWidenedToTheStrokeWidth) {
+  cv::Mat img(30, 40, CV_8UC3, cv::Scalar(0, 0, 0));
+  cv::line(img, cv::Point(5, 15), cv::Point(34, 15), cv::Scalar(207, 255, 255), 1);
+  std::vector<EditRequest> out;
+  std::string error;
+  ASSERT_TRUE(segtools::makeScribbleStrokes(img, 40, 30, segtools::ScribbleColours(), 7, &out,
+                                            &error))
+      << error;
+  ASSERT_EQ(out.size(), 1u);
+  // A hair line drawn 7 wide (OpenCV's thick lines come out up to two pixels
+  // wider): a solid run of 2 across it, centred on the line, nothing else.
+  int first = -1, last = -1;
+  for (int y = 0; y < 30; ++y) {
+    const int v = gridAt(out[0], 40, 20, y);
+    ASSERT_TRUE(v == 0 || v == 2) << y;
+    if (v == 2 && first < 0) first = y;
+    if (v == 2) last = y;
+  }
+  EXPECT_EQ(first + last, 30);
+  EXPECT_GE(last - first + 1, 7);
+  EXPECT_LE(last - first + 1, 9);
+  for (int y = first; y <= last; ++y) EXPECT_EQ(gridAt(out[0], 40, 20, y), 2) << y;
+}
+
+TEST(EditRequestsTest, CentrelineWalksAStrokeFromOneEndToTheOther) {
+  std::vector<cv::Point> pixels;
+  for (int x = 0; x <= 20; ++x) pixels.emplace_back((x * 8) % 21, 5);  // shuffled line
+  for (int step : {1, 4}) {
+    SCOPED_TRACE(step);
+    const std::vector<cv::Point> line = segtools::strokeCentreline(pixels, step);
+    ASSERT_GE(line.size(), static_cast<size_t>(20 / step));
+    const int dir = line[1].x > line[0].x ? 1 : -1;
+    EXPECT_TRUE(line.front().x == 0 || line.front().x == 20) << line.front();
+    for (size_t i = 1; i < line.size(); ++i) {
+      EXPECT_EQ((line[i].x - line[i - 1].x) * dir > 0, true) << i;
+      EXPECT_LE(std::abs(line[i].x - line[i - 1].x), 2 * step) << i;
+    }
+  }
+  EXPECT_TRUE(segtools::strokeCentreline({}, 3).empty());
 }
 
 TEST(EditRequestsTest, UnusableInputIsRefusedWithAMessage) {

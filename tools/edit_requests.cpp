@@ -113,7 +113,7 @@ cv::Mat readImage(const std::string& path, int flags, std::string* error) {
 
 int defaultStrokeWidth(int width, int height) {
   const double side = std::sqrt(static_cast<double>(width) * height);
-  return std::max(3, static_cast<int>(std::lround(side * 0.015)));
+  return std::max(3, static_cast<int>(std::lround(side * 0.03)));
 }
 
 bool makeRectangle(int width, int height, int x1, int y1, int x2, int y2, EditRequest* out,
@@ -227,9 +227,60 @@ bool makeStroke(int width, int height, const std::vector<cv::Point>& polyline, b
   return true;
 }
 
+std::vector<cv::Point> strokeCentreline(const std::vector<cv::Point>& pixels, int step) {
+  if (pixels.empty()) return {};
+  step = std::max(1, step);
+  // One sample per step x step cell, the first stroke pixel met in it.
+  std::vector<cv::Point> samples;
+  std::vector<std::pair<int, int>> cells;
+  for (const cv::Point& p : pixels) {
+    const std::pair<int, int> cell(p.x / step, p.y / step);
+    if (std::find(cells.begin(), cells.end(), cell) == cells.end()) {
+      cells.push_back(cell);
+      samples.push_back(p);
+    }
+  }
+  cv::Point2d centre(0, 0);
+  for (const cv::Point& p : samples) centre += cv::Point2d(p.x, p.y);
+  centre *= 1.0 / static_cast<double>(samples.size());
+  auto dist2 = [](const cv::Point& a, const cv::Point& b) {
+    const double dx = a.x - b.x, dy = a.y - b.y;
+    return dx * dx + dy * dy;
+  };
+  // Start at an end: the sample farthest from the centre (ties: first).
+  size_t current = 0;
+  double far = -1.0;
+  for (size_t i = 0; i < samples.size(); ++i) {
+    const double dx = samples[i].x - centre.x, dy = samples[i].y - centre.y;
+    if (dx * dx + dy * dy > far) {
+      far = dx * dx + dy * dy;
+      current = i;
+    }
+  }
+  std::vector<bool> used(samples.size(), false);
+  std::vector<cv::Point> line;
+  for (size_t n = 0; n < samples.size(); ++n) {
+    used[current] = true;
+    line.push_back(samples[current]);
+    size_t next = samples.size();
+    double best = 0.0;
+    for (size_t i = 0; i < samples.size(); ++i) {
+      if (used[i]) continue;
+      const double d = dist2(samples[current], samples[i]);
+      if (next == samples.size() || d < best) {
+        best = d;
+        next = i;
+      }
+    }
+    if (next == samples.size()) break;
+    current = next;
+  }
+  return line;
+}
+
 bool makeScribbleStrokes(const cv::Mat& scribbleImage, int width, int height,
-                         const ScribbleColours& colours, std::vector<EditRequest>* out,
-                         std::string* error) {
+                         const ScribbleColours& colours, int thickness,
+                         std::vector<EditRequest>* out, std::string* error) {
   if (scribbleImage.cols != width || scribbleImage.rows != height) {
     *error = "the scribble image is " + sizeText(scribbleImage.cols, scribbleImage.rows) +
              " but the photo is " + sizeText(width, height);
@@ -239,7 +290,7 @@ bool makeScribbleStrokes(const cv::Mat& scribbleImage, int width, int height,
   if (bgr.channels() == 1) cv::cvtColor(scribbleImage, bgr, cv::COLOR_GRAY2BGR);
   CV_Assert(bgr.type() == CV_8UC3);
   const int tol = colours.tolerance;
-  size_t before = out->size();
+  const size_t before = out->size();
   for (int pass = 0; pass < 2; ++pass) {
     const bool object = pass == 0;
     const cv::Vec3b c = object ? colours.object : colours.background;
@@ -249,20 +300,21 @@ bool makeScribbleStrokes(const cv::Mat& scribbleImage, int width, int height,
     cv::Mat labels;
     const int n = cv::connectedComponents(region, labels, 8, CV_32S);
     for (int k = 1; k < n; ++k) {
-      cv::Mat part = labels == k;
-      if (cv::countNonZero(part) < 3) continue;
-      std::vector<std::vector<cv::Point>> outlines;
-      cv::findContours(part.clone(), outlines, cv::RETR_EXTERNAL, cv::CHAIN_APPROX_SIMPLE);
-      if (outlines.empty()) continue;
-      cv::Mat codes = cv::Mat::zeros(height, width, CV_8UC1);
-      codes.setTo(cv::Scalar(object ? kMarkObject : kMarkBackground), part);
+      const cv::Mat part = labels == k;
+      std::vector<cv::Point> pixels;
+      cv::findNonZero(part, pixels);
+      if (pixels.size() < 3) continue;
+      // Drawn as the finger stroke that would have made it: its centre line
+      // at the stroke width, together with the scribble's own pixels.
+      const std::vector<cv::Point> line = strokeCentreline(pixels, std::max(2, thickness / 2));
       EditRequest r;
-      r.kind = RequestKind::kMarks;
-      r.label = std::string(object ? "object" : "background") + " scribble " +
-                std::to_string(k) + " (" + std::to_string(cv::countNonZero(part)) + " px)";
-      r.points = outlines[0];
-      r.markers = gridFrom(codes);
-      r.mode = object ? 2 : 3;
+      std::string why;
+      if (!makeStroke(width, height, line, object, thickness, &r, &why)) continue;
+      const int code = object ? kMarkObject : kMarkBackground;
+      for (const cv::Point& p : pixels) r.markers[static_cast<size_t>(p.y) * width + p.x] = code;
+      r.label = std::string(object ? "object" : "background") + " scribble " + std::to_string(k) +
+                " (" + std::to_string(pixels.size()) + " px, " + std::to_string(line.size()) +
+                " points)";
       out->push_back(std::move(r));
     }
   }
@@ -341,7 +393,7 @@ bool parseRequest(const std::string& cmd, const std::vector<std::string>& args,
     const std::string path = joinPath(ctx.baseDir, args[0]);
     if (cmd == "scribbles") {
       cv::Mat s = readImage(path, cv::IMREAD_COLOR, error);
-      return !s.empty() && makeScribbleStrokes(s, w, h, ctx.colours, out, error);
+      return !s.empty() && makeScribbleStrokes(s, w, h, ctx.colours, ctx.strokeWidth, out, error);
     }
     cv::Mat m = readImage(path, cv::IMREAD_GRAYSCALE, error);
     if (m.empty() || !makeLoopFromMask(m, w, h, &r, error)) return false;

@@ -52,8 +52,8 @@ struct ScribbleColours {
   int tolerance = 40;  // largest per-channel difference that still matches
 };
 
-// A stroke's thickness in the marker grid when none is given: about a
-// fingertip on a phone screen, 1.5 % of the photo's geometric mean side.
+// A stroke's thickness in the marker grid when none is given: a fingertip on a
+// phone screen showing the whole photo, 3 % of the photo's geometric mean side.
 int defaultStrokeWidth(int width, int height);
 
 // Builders; each returns false and sets *error on input it cannot use.
@@ -65,11 +65,19 @@ bool makeLoopFromMask(const cv::Mat& maskImage, int width, int height, EditReque
                       std::string* error);
 bool makeStroke(int width, int height, const std::vector<cv::Point>& polyline, bool object,
                 int thickness, EditRequest* out, std::string* error);
-// One request per connected stroke of each colour (strokes under 3 pixels are
-// dropped); the points run along the stroke's outline.
+// Orders a stroke's pixels into a polyline along it: one sample per step x step
+// cell, then a greedy walk to the nearest unvisited sample, starting from the
+// sample farthest from the stroke's centre (one of its ends).
+std::vector<cv::Point> strokeCentreline(const std::vector<cv::Point>& pixels, int step);
+// One stroke request per connected scribble of each colour, object strokes
+// first; scribbles under 3 pixels are dropped. A scribble is handed over as the
+// finger stroke that would have drawn it: its centre line as the points, drawn
+// `thickness` wide into the grid together with the scribble's own pixels. (The
+// engine makes a band along the points undecided, so a hair-thin stroke alone
+// would fix nothing.)
 bool makeScribbleStrokes(const cv::Mat& scribbleImage, int width, int height,
-                         const ScribbleColours& colours, std::vector<EditRequest>* out,
-                         std::string* error);
+                         const ScribbleColours& colours, int thickness,
+                         std::vector<EditRequest>* out, std::string* error);
 
 // Points in free form: x y pairs separated by spaces, commas or new lines.
 bool parsePoints(const std::string& text, std::vector<cv::Point>* points, std::string* error);

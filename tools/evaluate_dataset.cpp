@@ -279,7 +279,9 @@ void runImage(const Options& opt, const Item& it, FILE* out) {
       if (scribbles.empty() || strokeTruth.empty()) {
         r.status = "no scribbles for this image";
       } else if (!segtools::makeScribbleStrokes(scribbles, photo.cols, photo.rows,
-                                                segtools::ScribbleColours(), &strokes, &error)) {
+                                                segtools::ScribbleColours(),
+                                                segtools::defaultStrokeWidth(photo.cols, photo.rows),
+                                                &strokes, &error)) {
         r.status = error;
       } else {
         segtools::LibrarySession session(photo);
@@ -496,11 +498,16 @@ bool writeContactSheet(const Options& opt, const std::vector<Item>& items, const
     int mode;
     double error;
   };
+  // One row per image, with the worst of its own modes.
   std::vector<Entry> all;
   for (const Item& it : items) {
+    Entry worst{&it, -1, -1.0};
     for (int m = 0; m < kPeer; ++m) {
-      if (it.modes[m].ok) all.push_back({&it, m, it.modes[m].score.error()});
+      if (it.modes[m].ok && it.modes[m].score.error() > worst.error) {
+        worst = {&it, m, it.modes[m].score.error()};
+      }
     }
+    if (worst.mode >= 0) all.push_back(worst);
   }
   std::sort(all.begin(), all.end(), [](const Entry& a, const Entry& b) { return a.error > b.error; });
   if (all.size() > static_cast<size_t>(opt.worst)) all.resize(static_cast<size_t>(opt.worst));
@@ -521,10 +528,12 @@ bool writeContactSheet(const Options& opt, const std::vector<Item>& items, const
         cv::imread(it.photo, cv::IMREAD_COLOR),
         cv::imread(strokeTruth ? it.scribbleTruth : it.truth, cv::IMREAD_GRAYSCALE),
         cv::imread(maskPath(opt, it, all[row].mode), cv::IMREAD_GRAYSCALE),
-        cv::imread(maskPath(opt, it, kPeer), cv::IMREAD_GRAYSCALE)};
+        it.modes[kPeer].ok ? cv::imread(maskPath(opt, it, kPeer), cv::IMREAD_GRAYSCALE) : cv::Mat()};
     for (int c = 0; c < 4; ++c) {
       fitCell(cells[c], cw - 4, ch - 4).copyTo(sheet(cv::Rect(c * cw + 2, y0 + band + 2, cw - 4, ch - 4)));
       if (row == 0) {
+        cv::rectangle(sheet, cv::Rect(c * cw + 2, y0 + band + 2, 110, 20), cv::Scalar(0, 0, 0),
+                      cv::FILLED);
         cv::putText(sheet, heads[c], cv::Point(c * cw + 8, y0 + band + 16),
                     cv::FONT_HERSHEY_SIMPLEX, 0.45, cv::Scalar(0, 255, 255), 1, cv::LINE_AA);
       }

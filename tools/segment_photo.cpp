@@ -43,7 +43,7 @@ const char kUsage[] =
     "  --undo, --redo, --reset\n"
     "Options:\n"
     "  -o, --out DIR          output folder (default: segment_out)\n"
-    "  --stroke-width N       thickness of strokes in pixels (default: 1.5% of\n"
+    "  --stroke-width N       thickness of strokes in pixels (default: 3% of\n"
     "                         the photo's mean side, at least 3)\n"
     "  --object-colour R,G,B      scribble colour of object strokes (255,255,207)\n"
     "  --background-colour R,G,B  scribble colour of background strokes (219,0,0)\n"
