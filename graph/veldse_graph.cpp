@@ -171,7 +171,9 @@ VELDSEGraph::VELDSEGraph(VELDSEGraph* g, int blockRow, int blockCol, int blockWi
 }
 
 VELDSEGraph::~VELDSEGraph() {
-  reset();
+  // No reset() first: returning every node and capacity to its fresh state
+  // right before the arrays are freed cannot be observed, and on a
+  // full-resolution re-cut it would rewrite hundreds of megabytes.
   VELD_Free_Msg(m_nodes, "~VELDSEGraph", 128);
   VELD_Free_Msg(m_caps, "~VELDSEGraph", 129);
 }

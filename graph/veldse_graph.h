@@ -59,7 +59,8 @@
 //       and flow, has its own empty queues and owns nothing. Never destroy a
 //       view (its destructor would reset and free the shared arrays).
 //   ~VELDSEGraph()
-//       reset(), then frees both arrays (tag "~VELDSEGraph", lines 128, 129).
+//       Frees both arrays (tag "~VELDSEGraph", lines 128, 129); the reset()
+//       that would precede it is skipped as unobservable.
 //   reset()
 //       Every added node fresh, every written capacity float 0.0, counts,
 //       cursors, flow and queues cleared; arrays kept. O(n).
