@@ -83,7 +83,9 @@ int VELDSEHybrid::constructGraphTrimapVELD(IplImage* img, IplImage* /*extraTex*/
           graph->addtWeights(node, kHardConstraint, 0.0f);
           break;
         case kFixed:
-          graph->addtWeights(node, 0.0f, 0.0f);
+          // addtWeights(node, 0, 0) on a fresh node leaves trCap at +0 and
+          // adds 0 to the flow: nothing to write, and most of the box is
+          // fixed.
           break;
         default: {
           pixelVal sample;
@@ -104,7 +106,8 @@ int VELDSEHybrid::constructGraphTrimapVELD(IplImage* img, IplImage* /*extraTex*/
   for (int d = 0; d < 256; ++d) {
     table[d] = expf(-static_cast<float>(static_cast<double>(d) * static_cast<double>(d) * m_beta));
   }
-  IplImage* colours = cvCloneImage(img);
+  // The colours are only read, so the crop itself serves.
+  const IplImage* colours = img;
 
   const double lambda = m_lambda;
   // Horizontal links deliberately carry the plain smoothness weight,
@@ -178,7 +181,6 @@ int VELDSEHybrid::constructGraphTrimapVELD(IplImage* img, IplImage* /*extraTex*/
     }
   }
 
-  cvReleaseImage(&colours);
   VELD_Free_Msg(table, "constructGraphTrimapVELD", 2631);
   return 0;
 }
