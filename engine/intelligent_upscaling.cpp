@@ -124,6 +124,12 @@ int VELDSEHybrid::constructGraphTrimapVELD(IplImage* img, IplImage* /*extraTex*/
                               table[std::abs(p[2] - q[2])]);
   };
   auto absent = [&](int node) { graph->addEdge(node, node, 0.0f, 0.0f, true); };
+  // The four pairs of a node whose every edge joins two fixed pixels: the
+  // cursor moves on as after four absent edges, the floats stay unwritten.
+  auto skipUnread = [&]() {
+    graph->m_capLast += 8;
+    graph->m_capCount = static_cast<int>(graph->m_capLast - graph->m_caps);
+  };
 
   // Row 0: only left links.
   {
@@ -148,10 +154,21 @@ int VELDSEHybrid::constructGraphTrimapVELD(IplImage* img, IplImage* /*extraTex*/
     for (int x = 0; x < width; ++x) {
       const int node = x + y * width;
       if (code[x] == kFixed) {
-        absent(node);
-        absent(node);
-        absent(node);
-        absent(node);
+        // A fixed pixel never joins a tree, so the solver reads its pairs
+        // only from a non-fixed neighbour at the other end of one of them.
+        // Deep inside a fixed area nobody does: those pairs are passed over
+        // unwritten, which keeps most of the box's capacity pages untouched
+        // (the box around a long band is mostly fixed).
+        const bool reachable = (x > 0 && (code[x - 1] != kFixed || codeUp[x - 1] != kFixed)) ||
+                               codeUp[x] != kFixed || (x < width - 1 && codeUp[x + 1] != kFixed);
+        if (reachable) {
+          absent(node);
+          absent(node);
+          absent(node);
+          absent(node);
+        } else {
+          skipUnread();
+        }
         continue;
       }
       const unsigned char* p = row + 3 * x;
