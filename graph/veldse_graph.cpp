@@ -95,14 +95,25 @@ void* allocArray(int count, unsigned elemSize, int line) {
 bool exitRequested() { return VELDSEMarker::m_exitApp.load(std::memory_order_relaxed); }
 
 // The check after every node visit: the time limit (which raises the cancel
-// flag itself) and then the flag. The timer is stopped before it is read so
-// that a timer the driver stopped after an earlier cut reports the time up to
-// now.
+// flag itself) and then the flag. The limit counts from the start of the
+// request's timer up to now, also when the driver stopped the timer after an
+// earlier cut.
 bool stopAfterVisit() {
-  stop_cpu_timer(g_cancelTimer);
-  if (get_elapsed_time_in_millisec(g_cancelTimer) > VELDSEGraph::TIME_LIMIT_MS) {
-    VELDSEMarker::m_exitApp.store(true, std::memory_order_relaxed);
-    return true;
+  CpuTimer* t = g_cancelTimer;
+  if (t != nullptr) {
+    // Read the time without writing the timer on every visit: the solver
+    // threads of the parallel path check it concurrently. Only a run that is
+    // over the limit stops the timer, as the elapsed-time query expects.
+    struct timeval now;
+    gettimeofday(&now, nullptr);
+    const double startMicros =
+        static_cast<double>(t->start.tv_sec) * 1e6 + static_cast<double>(t->start.tv_usec);
+    const double nowMicros = static_cast<double>(now.tv_sec) * 1e6 + static_cast<double>(now.tv_usec);
+    if ((nowMicros - startMicros) * 0.001 > VELDSEGraph::TIME_LIMIT_MS) {
+      stop_cpu_timer(t);
+      VELDSEMarker::m_exitApp.store(true, std::memory_order_relaxed);
+      return true;
+    }
   }
   return exitRequested();
 }
