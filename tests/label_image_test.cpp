@@ -110,8 +110,7 @@ TEST_F(LabelImage, StrokesGrowProbableRingsAndUnmarkedIsBackground) {
 }
 
 TEST_F(LabelImage, PreviousMaskBecomesHardConstraints) {
-  // Previous mask: object on the left half. The marker has codes on both
-  // halves; the rules are restated per pixel below.
+  // Previous mask: object on the left half; the marker has codes on both halves.
   const int w = 20, h = 20;
   photo(w, h);
   IplImage* previous = grid(w, h, 0);
@@ -127,29 +126,18 @@ TEST_F(LabelImage, PreviousMaskBecomesHardConstraints) {
     engine.setLabelImage(marker);
     ASSERT_NE(VELDSEMarker::m_prevResult, nullptr);
     EXPECT_EQ(cv::norm(cv::cvarrToMat(VELDSEMarker::m_prevResult), cv::cvarrToMat(previous), cv::NORM_INF), 0.0);
-    for (int y = 0; y < h; ++y)
-      for (int x = 0; x < w; ++x) {
-        SCOPED_TRACE(std::to_string(x) + "," + std::to_string(y));
-        const unsigned char m = at(marker, x, y);
-        const bool object = x < 10;
-        unsigned char expected = m;
-        if (m == 0) {
-          expected = object ? LABEL_FG : LABEL_BG;
-        } else if ((t == 0 || t == 2) && object) {
-          expected = LABEL_FG;
-        } else if ((t == 1 || t == 3) && !object) {
-          expected = LABEL_BG;
-        }
-        ASSERT_EQ(at(VELDSEMarker::m_labelImage, x, y), expected);
-      }
-    // Worked examples: a probable-object mark on the background side, and a
-    // probable-background mark on the object side.
-    const unsigned char onBackground[4] = {LABEL_PR_FG, LABEL_BG, LABEL_PR_FG, LABEL_BG};
-    const unsigned char onObject[4] = {LABEL_FG, LABEL_PR_BG, LABEL_FG, LABEL_PR_BG};
-    EXPECT_EQ(at(VELDSEMarker::m_labelImage, 15, 3), onBackground[t]);
-    EXPECT_EQ(at(VELDSEMarker::m_labelImage, 4, 16), onObject[t]);
-    EXPECT_EQ(at(VELDSEMarker::m_labelImage, 18, 12), LABEL_BG);
-    EXPECT_EQ(at(VELDSEMarker::m_labelImage, 1, 12), LABEL_FG);
+    // Unmarked pixels follow the mask; a mark on the side its stroke agrees
+    // with is made definite; the stroke itself stays.
+    const unsigned char stroke = t % 2 ? LABEL_BG : LABEL_FG;
+    const struct { int x, y; unsigned char expected[4]; } spots[] = {
+        {15, 3, {LABEL_PR_FG, LABEL_BG, LABEL_PR_FG, LABEL_BG}},  // probable object on the background side
+        {4, 3, {LABEL_FG, LABEL_PR_FG, LABEL_FG, LABEL_PR_FG}},
+        {4, 16, {LABEL_FG, LABEL_PR_BG, LABEL_FG, LABEL_PR_BG}},  // probable background on the object side
+        {15, 16, {LABEL_PR_BG, LABEL_BG, LABEL_PR_BG, LABEL_BG}},
+        {5, 9, {stroke, stroke, stroke, stroke}}, {14, 9, {stroke, stroke, stroke, stroke}},
+        {10, 12, {LABEL_BG, LABEL_BG, LABEL_BG, LABEL_BG}}, {9, 12, {LABEL_FG, LABEL_FG, LABEL_FG, LABEL_FG}},
+    };
+    for (const auto& p : spots) EXPECT_EQ(at(VELDSEMarker::m_labelImage, p.x, p.y), p.expected[t]) << p.x << "," << p.y;
     cvReleaseImage(&marker);
   }
   cvReleaseImage(&previous);
