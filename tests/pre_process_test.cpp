@@ -126,14 +126,6 @@ TEST_F(PreProcess, AllBlackOrUnframedBoxIsLeftAlone) {
   }
 }
 
-TEST_F(PreProcess, FramedTexturedPhotoKeepsWhatTheBlackTrimLeft) {
-  const Box box{0, 0, 60, 40};
-  scene(60, 40, [](int x, int y) { return x < 3 || y < 3 || x >= 57 || y >= 37 ? 0 : kTexture; }, box);
-  engine.preProcess();
-  expectMarked(box, {3, 3, 54, 34});
-  expectBox({3, 3, 54, 34});
-}
-
 TEST_F(PreProcess, TexturedBoxAndFlatBottomAreKept) {
   struct Case {
     std::string name;
@@ -173,6 +165,8 @@ TEST_F(PreProcess, FlatBandsAreTrimmedAndGrownBack) {
       {"ramp then flat", [](int x, int) { return x < 20 ? 100 : x < 40 ? 100 + x - 19 : kTexture; }, {14, 0, 86, 60}},
       {"ramp to the border", [](int x, int) { return x < 40 ? 60 + x : kTexture; }, {0, 0, 100, 60}},
       {"flat top", [](int, int y) { return y < 20 ? 128 : kTexture; }, {0, 14, 100, 46}},
+      // Black frame on textured content: what the black trim left is kept.
+      {"black frame", [](int x, int y) { return x < 3 || y < 3 || x >= 97 || y >= 57 ? 0 : kTexture; }, {3, 3, 94, 54}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
