@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <hostlog/capture.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <ctime>
@@ -53,14 +54,10 @@ std::vector<unsigned int> discScene(int w, int h, int cx, int cy, int radius, bo
   for (int y = 0; y < h; ++y)
     for (int x = 0; x < w; ++x) {
       const bool inside = (x - cx) * (x - cx) + (y - cy) * (y - cy) <= radius * radius;
-      int r, g, b;
-      if (inside) {
-        r = 200; g = 60; b = 50;
-      } else {
-        const bool stripe = (x / 16 + y / 24) % 2 == 0;
-        r = stripe ? 40 : 70; g = stripe ? 120 : 150; b = stripe ? 60 : 90;
-      }
-      if (grey) r = g = b = inside ? 190 : ((x / 16 + y / 24) % 2 == 0 ? 50 : 80);
+      const bool stripe = (x / 16 + y / 24) % 2 == 0;
+      int r = inside ? 200 : stripe ? 40 : 70, g = inside ? 60 : stripe ? 120 : 150,
+          b = inside ? 50 : stripe ? 60 : 90;
+      if (grey) r = g = b = inside ? 190 : stripe ? 50 : 80;
       const int n = noise(rng);
       auto clip = [](int v) { return static_cast<unsigned int>(v < 0 ? 0 : v > 255 ? 255 : v); };
       const unsigned int rr = clip(r + n), gg = clip(g + (grey ? n : noise(rng))),
@@ -114,27 +111,19 @@ TEST_F(SegmentDriver, RecoversDiscAndKeepsHardConstraints) {
     startRectangle(240, 180, grey, 60, 30, 180, 150);
     // Hard constraints in the box: an object seed at the centre, a background
     // seed inside the rectangle's corner.
-    for (int y = 88; y < 92; ++y)
-      for (int x = 118; x < 122; ++x) *at(VELDSEMarker::m_labelImage, x, y) = LABEL_FG;
-    for (int y = 32; y < 36; ++y)
-      for (int x = 62; x < 66; ++x) *at(VELDSEMarker::m_labelImage, x, y) = LABEL_BG;
+    cv::Mat labels = cv::cvarrToMat(VELDSEMarker::m_labelImage);
+    labels(cv::Rect(118, 88, 4, 4)).setTo(LABEL_FG);
+    labels(cv::Rect(62, 32, 4, 4)).setTo(LABEL_BG);
     IplImage* before = cvCloneImage(VELDSEMarker::m_labelImage);
 
     IplImage* mask = pHybrid->segment();
     ASSERT_NE(mask, nullptr);
     expectNothingLeft();
-    int inter = 0, uni = 0, changedHard = 0;
-    for (int y = 0; y < 180; ++y)
-      for (int x = 0; x < 240; ++x) {
-        const bool truth = (x - 120) * (x - 120) + (y - 90) * (y - 90) <= 45 * 45;
-        const bool object = *at(mask, x, y) == 255;
-        inter += truth && object;
-        uni += truth || object;
-        const unsigned char b = *at(before, x, y), a = *at(VELDSEMarker::m_labelImage, x, y);
-        if ((b == LABEL_BG || b == LABEL_FG) && a != b) ++changedHard;
-      }
-    EXPECT_GT(static_cast<double>(inter) / uni, 0.95);
-    EXPECT_EQ(changedHard, 0);
+    cv::Mat truth = cv::Mat::zeros(180, 240, CV_8U), object = cv::cvarrToMat(mask) == 255;
+    cv::circle(truth, cv::Point(120, 90), 45, cv::Scalar(255), cv::FILLED);
+    EXPECT_GT(double(cv::countNonZero(truth & object)) / cv::countNonZero(truth | object), 0.95);
+    const cv::Mat b = cv::cvarrToMat(before), a = cv::cvarrToMat(VELDSEMarker::m_labelImage);
+    EXPECT_EQ(cv::countNonZero(((b == LABEL_BG) | (b == LABEL_FG)) & (a != b)), 0) << "hard codes changed";
     EXPECT_EQ(*at(VELDSEMarker::m_labelImage, 63, 33), LABEL_BG);
     EXPECT_EQ(VELDSEManageUndoRedo::m_current, 1) << "the result enters the history";
     cvReleaseImage(&before);
@@ -143,36 +132,27 @@ TEST_F(SegmentDriver, RecoversDiscAndKeepsHardConstraints) {
   }
 }
 
-TEST_F(SegmentDriver, SetExitFlagAbandonsAfterFirstCut) {
-  startRectangle(160, 120, false, 40, 20, 120, 100);
-  VELDSEMarker::m_exitApp = true;
-  hostlog::startCapture();
-  EXPECT_EQ(pHybrid->segment(), nullptr);
-  const std::vector<hostlog::Record> log = hostlog::stopCapture();
-  expectNothingLeft();
-  int lines = 0;
-  for (const hostlog::Record& r : log) {
-    if (r.text == "Segmentation canceled due to timeout") {
-      ++lines;
-      EXPECT_EQ(r.priority, 6);
-      EXPECT_EQ(r.tag, "Error");
-    }
+TEST_F(SegmentDriver, ExitFlagOrTimeOutAbandonsAfterFirstCut) {
+  for (bool byClock : {false, true}) {
+    SCOPED_TRACE(byClock ? "ten-second budget" : "exit flag");
+    startRectangle(160, 120, false, 40, 20, 120, 100);
+    (byClock ? g_clockJumps : VELDSEMarker::m_exitApp) = true;  // the clock: no waiting
+    hostlog::startCapture();
+    EXPECT_EQ(pHybrid->segment(), nullptr);
+    const std::vector<hostlog::Record> log = hostlog::stopCapture();
+    g_clockJumps = VELDSEMarker::m_exitApp = false;
+    expectNothingLeft();
+    int lines = 0;
+    for (const hostlog::Record& r : log)
+      if (r.text == "Segmentation canceled due to timeout") {
+        ++lines;
+        EXPECT_EQ(r.priority, 6);
+        EXPECT_EQ(r.tag, "Error");
+      }
+    EXPECT_EQ(lines, 1);
+    EXPECT_EQ(VELDSEManageUndoRedo::m_current, 0) << "no result recorded";
+    deinitSegmentation();
   }
-  EXPECT_EQ(lines, 1);
-  EXPECT_EQ(VELDSEManageUndoRedo::m_current, 0) << "no result recorded";
-}
-
-TEST_F(SegmentDriver, TimeOutAbandonsWithoutWaiting) {
-  startRectangle(160, 120, false, 40, 20, 120, 100);
-  g_clockJumps = true;
-  hostlog::startCapture();
-  EXPECT_EQ(pHybrid->segment(), nullptr);
-  const std::vector<hostlog::Record> log = hostlog::stopCapture();
-  g_clockJumps = false;
-  expectNothingLeft();
-  bool found = false;
-  for (const hostlog::Record& r : log) found |= r.text == "Segmentation canceled due to timeout";
-  EXPECT_TRUE(found);
 }
 
 TEST_F(SegmentDriver, CancelMemberTestsTimerAndFlag) {
@@ -205,33 +185,27 @@ VELDSEGraph* sidesGraph(int w, int h, const std::vector<bool>& sink) {
 }
 
 TEST_F(SegmentDriver, UpdateLabelImageKeepsHardCodesAndCountsObject) {
-  struct Case {
-    int w, h;
-  } cases[] = {{7, 9}, {5, 1}, {3, 4}, {13, 7}};
   std::mt19937 rng(11);
-  for (const Case& c : cases) {
-    SCOPED_TRACE(::testing::Message() << c.w << "x" << c.h);
+  for (const cv::Size size : {cv::Size(7, 9), cv::Size(5, 1)}) {
+    SCOPED_TRACE(size);
+    const int n = size.area();
     VELDSEHybrid hybrid;
-    hybrid.m_boundWidth = c.w;
-    hybrid.m_boundHeight = c.h;
-    std::vector<bool> sink(c.w * c.h);
+    hybrid.m_boundWidth = size.width;
+    hybrid.m_boundHeight = size.height;
+    std::vector<bool> sink(n);
     for (size_t i = 0; i < sink.size(); ++i) sink[i] = rng() % 2;
-    hybrid.m_graph = sidesGraph(c.w, c.h, sink);
-    hybrid.m_cropLabel = cvCreateImage(cvSize(c.w, c.h), IPL_DEPTH_8U, 1);
-    std::vector<unsigned char> codes(c.w * c.h);
-    for (int i = 0; i < c.w * c.h; ++i) {
-      codes[i] = static_cast<unsigned char>(rng() % 6);  // 5: an unexpected code
-      *at(hybrid.m_cropLabel, i % c.w, i / c.w) = codes[i];
-    }
-    int expectedCount = 0;
+    hybrid.m_graph = sidesGraph(size.width, size.height, sink);
+    hybrid.m_cropLabel = cvCreateImage(cvSize(size.width, size.height), IPL_DEPTH_8U, 1);
+    std::vector<unsigned char> codes(n);
+    for (int i = 0; i < n; ++i)  // 5: an unexpected code
+      *at(hybrid.m_cropLabel, i % size.width, i / size.width) = codes[i] = static_cast<unsigned char>(rng() % 6);
     const int count = hybrid.updateLabelImage();
-    for (int i = 0; i < c.w * c.h; ++i) {
-      unsigned char expected = codes[i];
-      if (codes[i] != LABEL_BG && codes[i] != LABEL_FG) {
-        expected = sink[i] ? LABEL_PR_BG : LABEL_PR_FG;
-        if (!sink[i]) ++expectedCount;
-      }
-      EXPECT_EQ(*at(hybrid.m_cropLabel, i % c.w, i / c.w), expected) << "node " << i;
+    int expectedCount = 0;
+    for (int i = 0; i < n; ++i) {
+      const bool hard = codes[i] == LABEL_BG || codes[i] == LABEL_FG;
+      expectedCount += !hard && !sink[i];
+      EXPECT_EQ(*at(hybrid.m_cropLabel, i % size.width, i / size.width),
+                hard ? codes[i] : static_cast<unsigned char>(sink[i] ? LABEL_PR_BG : LABEL_PR_FG)) << "node " << i;
     }
     EXPECT_EQ(count, expectedCount);
     hybrid.clearMemory();
@@ -243,8 +217,7 @@ TEST_F(SegmentDriver, ChooseIterKeepsFirstCutOnlyWhenItFollowsEdgesBetter) {
   auto square = [](int inset, unsigned char code) {
     IplImage* l = cvCreateImage(cvSize(60, 60), IPL_DEPTH_8U, 1);
     cvSet(l, cvScalarAll(LABEL_PR_BG));
-    for (int y = 20 - inset; y < 40 + inset; ++y)
-      for (int x = 20 - inset; x < 40 + inset; ++x) *at(l, x, y) = code;
+    cv::cvarrToMat(l)(cv::Rect(20 - inset, 20 - inset, 20 + 2 * inset, 20 + 2 * inset)).setTo(code);
     return l;
   };
   struct Case {
@@ -261,18 +234,12 @@ TEST_F(SegmentDriver, ChooseIterKeepsFirstCutOnlyWhenItFollowsEdgesBetter) {
     SCOPED_TRACE(c.name);
     VELDSEHybrid hybrid;
     hybrid.m_cropSrc = cvCreateImage(cvSize(60, 60), IPL_DEPTH_8U, 3);
-    cvSet(hybrid.m_cropSrc, cvScalarAll(30));
-    cvSetImageROI(hybrid.m_cropSrc, cvRect(20, 20, 20, 20));
-    cvSet(hybrid.m_cropSrc, cvScalarAll(220));
-    cvResetImageROI(hybrid.m_cropSrc);
-    if (c.firstInset < 0) {
-      // Half of the first cut's square boundary lies on the edge, half off.
-      hybrid.m_iterLabel[0] = square(0, LABEL_FG);
-      for (int y = 20; y < 40; ++y)
-        for (int x = 40; x < 44; ++x) *at(hybrid.m_iterLabel[0], x, y) = LABEL_FG;
-    } else {
-      hybrid.m_iterLabel[0] = square(c.firstInset, LABEL_FG);
-    }
+    cv::Mat src = cv::cvarrToMat(hybrid.m_cropSrc);
+    src.setTo(cv::Scalar::all(30));
+    src(cv::Rect(20, 20, 20, 20)).setTo(cv::Scalar::all(220));
+    hybrid.m_iterLabel[0] = square(std::max(c.firstInset, 0), LABEL_FG);
+    // Negative inset: half of the first cut's boundary lies on the edge, half off.
+    if (c.firstInset < 0) cv::cvarrToMat(hybrid.m_iterLabel[0])(cv::Rect(40, 20, 4, 20)).setTo(LABEL_FG);
     hybrid.m_cropLabel = square(c.lastInset, LABEL_PR_FG);
     hybrid.chooseIter();
     EXPECT_EQ(*at(hybrid.m_cropLabel, 30, 30), c.firstWins ? LABEL_FG : LABEL_PR_FG);
