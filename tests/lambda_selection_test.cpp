@@ -5,6 +5,8 @@
 #include <cmath>
 #include <random>
 
+#include <opencv2/core.hpp>
+
 #include "engine/veldse_hybrid.h"
 #include "interface/veldse_marker.h"
 
@@ -26,8 +28,7 @@ unsigned char pixel(const IplImage* image, int x, int y) {
 }
 
 void fillRect(IplImage* image, int x0, int y0, int x1, int y1, unsigned char v) {
-  for (int y = y0; y <= y1; ++y)
-    for (int x = x0; x <= x1; ++x) setPixel(image, x, y, v);
+  cv::cvarrToMat(image)(cv::Rect(x0, y0, x1 - x0 + 1, y1 - y0 + 1)).setTo(v);
 }
 
 // A two-pixel-thick square ring from (2, 2) to (37, 37): spans the 40 x 40 box
@@ -61,13 +62,9 @@ class LambdaSelection : public ::testing::Test {
   // Checkerboard of 0/200 in the source under the rectangle: the interior of
   // a blob there is more contrasted than its border against the flat 100.
   void texture(int x0, int y0, int x1, int y1) {
+    cv::Mat src = cv::cvarrToMat(hybrid->m_cropSrc);
     for (int y = y0; y <= y1; ++y)
-      for (int x = x0; x <= x1; ++x) {
-        unsigned char* p = reinterpret_cast<unsigned char*>(hybrid->m_cropSrc->imageData +
-                                                            y * hybrid->m_cropSrc->widthStep) +
-                           3 * x;
-        p[0] = p[1] = p[2] = ((x + y) & 1) ? 200 : 0;
-      }
+      for (int x = x0; x <= x1; ++x) src.at<cv::Vec3b>(y, x) = cv::Vec3b::all(((x + y) & 1) ? 200 : 0);
   }
   int optimal() { return hybrid->optimalLamda(hybrid->m_iterLabel, nullptr); }
 
@@ -230,7 +227,6 @@ TEST_F(LambdaSelection, BoundaryTestMargins) {
     if (c.x0 >= 0) {
       // Only the corners of the box: the bounding box, not the fill, matters.
       setPixel(mask, c.x0, c.y0, 255);
-      setPixel(mask, c.x1, c.y1, 254);
       setPixel(mask, c.x1, c.y1, 255);
     }
     EXPECT_EQ(hybrid->boundaryTest(mask, 0.15f), c.expected);
@@ -254,15 +250,10 @@ int referenceIntensity(const IplImage* mask, const IplImage* src) {
       for (int dy = -1; dy <= 1; ++dy)
         for (int dx = -1; dx <= 1; ++dx) {
           if (dx == 0 && dy == 0) continue;
-          const unsigned char* a =
-              reinterpret_cast<const unsigned char*>(src->imageData + y * src->widthStep) + 3 * x;
-          const unsigned char* b = reinterpret_cast<const unsigned char*>(
-                                       src->imageData + (y + dy) * src->widthStep) +
-                                   3 * (x + dx);
-          double s = 0;
-          for (int ch = 0; ch < 3; ++ch) s += (a[ch] - b[ch]) * (a[ch] - b[ch]);
+          const cv::Mat image = cv::cvarrToMat(src);
+          const cv::Vec3d d = cv::Vec3d(image.at<cv::Vec3b>(y, x)) - cv::Vec3d(image.at<cv::Vec3b>(y + dy, x + dx));
           const int which = pixel(mask, x + dx, y + dy) == 255 ? 1 : 0;
-          sums[which] += std::sqrt(s);
+          sums[which] += cv::norm(d);
           ++counts[which];
         }
     }
@@ -283,8 +274,7 @@ TEST_F(LambdaSelection, IntensityTestMatchesReferenceOnRandomScenes) {
       for (int x = 0; x < kSize; ++x) {
         const bool inside = std::hypot(x - centre.x, y - centre.y) < 8 + trial % 5;
         if (inside) setPixel(mask, x, y, 255);
-        unsigned char* p =
-            reinterpret_cast<unsigned char*>(src->imageData + y * src->widthStep) + 3 * x;
+        unsigned char* p = cv::cvarrToMat(src).ptr<unsigned char>(y) + 3 * x;
         const int base = inside ? 60 : 60 + trial % 4 * 12, spread = inside ? spreadIn : spreadOut;
         for (int ch = 0; ch < 3; ++ch) p[ch] = static_cast<unsigned char>(base + noise(rng) % (spread + 1) / 2);
       }
