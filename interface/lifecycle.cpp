@@ -5,6 +5,7 @@
 // the running cut; at its end the request tears the context down when both
 // m_exitApp and g_exitStatus are set. exitSegmentation() only arms the exit
 // when a cancel came first.
+#include <android/log.h>
 #include <opencv2/core/core_c.h>
 
 #include "engine/veldse_hybrid.h"
@@ -30,8 +31,14 @@ void releaseOutline() {
 }  // namespace
 
 // Needs the photo (setSourceImage) first: the engine builds its working image
-// from it. An engine that already exists is not released here.
+// from it; without one the call is refused (logged, -1, nothing created). An
+// engine that already exists is not released here.
 int initSegmentationEngine(int /*unused*/) {
+  if (VELDSEMarker::m_originalImage == nullptr) {
+    __android_log_print(ANDROID_LOG_ERROR, "Error", "%s: no photo (setSourceImage first)",
+                        "initSegmentationEngine");
+    return -1;
+  }
   g_imageResizeFactor = 1.0f;
   pHybrid = new VELDSEHybrid;
   VELDSEMarker::initializer();

@@ -28,6 +28,20 @@ void releaseImage(IplImage*& image) {
   if (image != nullptr) cvReleaseImage(&image);
 }
 
+// A request needs a context: the photo and its mask history, and for a cut
+// the engine. After a cancel-and-exit the context is torn down at the end of
+// the running request - cutOutImage, undo and redo still return 0 then - so
+// the bridge can send a request into nothing. Such a request is refused
+// before it touches any state: logged, -1, buffers left alone.
+bool refusedWithoutContext(const char* function, bool needsEngine) {
+  if (VELDSEMarker::m_originalImage != nullptr && VELDSEManageUndoRedo::m_bitPlane != nullptr &&
+      (!needsEngine || pHybrid != nullptr)) {
+    return false;
+  }
+  __android_log_print(ANDROID_LOG_ERROR, "Error", "%s: no segmentation context", function);
+  return true;
+}
+
 bool exitRequested() {
   return g_exitStatus.load() != 0 && VELDSEMarker::m_exitApp.load();
 }
@@ -51,6 +65,7 @@ int deliverHistoryStep(IplImage* step, unsigned int* blended, unsigned char* mas
 }  // namespace
 
 int processSegment(int, int, int, unsigned int* blended, unsigned char* mask) {
+  if (refusedWithoutContext("processSegment", true)) return -1;
   if (g_markerImage != nullptr) {
     pHybrid->setLabelImage(g_markerImage);
     g_resultMask = pHybrid->segment();
@@ -126,6 +141,7 @@ int doSegmentationBB(int width, int height, unsigned int* pixels, int x1, int y1
 }
 
 int cutOutImage(int, int, int, unsigned int* blended, unsigned char* mask) {
+  if (refusedWithoutContext("cutOutImage", false)) return -1;
   const int width = VELDSEMarker::m_originalWidth;
   const int height = VELDSEMarker::m_originalHeight;
   if (width < 1 || height < 1) {
@@ -246,10 +262,12 @@ int fetch_path_array(int** array, int* count) {
 }
 
 int undo(unsigned int* blended, unsigned char* mask) {
+  if (refusedWithoutContext("undo", false)) return -1;
   return deliverHistoryStep(VELDSEManageUndoRedo::undo(), blended, mask);
 }
 
 int redo(unsigned int* blended, unsigned char* mask) {
+  if (refusedWithoutContext("redo", false)) return -1;
   return deliverHistoryStep(VELDSEManageUndoRedo::redo(), blended, mask);
 }
 

@@ -2,6 +2,8 @@
 // synthetic scenes (plain path and full-resolution re-cut), the result
 // formats, stroke edits without a cut, the history, and the exit protocol.
 #include <gtest/gtest.h>
+#include <android/log.h>
+#include <hostlog/capture.h>
 
 #include <algorithm>
 #include <chrono>
@@ -484,6 +486,61 @@ TEST_F(ExitProtocol, CancelAndExitFromAnotherThreadDuringALargeRequest) {
   request.join();
   EXPECT_EQ(result, -1);
   expectTornDown();
+}
+
+// After a cancel-and-exit, cutOutImage, undo and redo tear the context down
+// yet return 0, so a bridge may send its next request into no context at all.
+// Requests without a context (and an engine start without a photo) are
+// refused: logged, -1, the caller's buffers and the library's state untouched.
+TEST_F(ExitProtocol, RequestsAfterATeardownAreRefused) {
+  start(240, 180);
+  ASSERT_EQ(processSegment(0, 0, 0, blended.data(), mask.data()), 0);
+  cancelSegmentation();
+  ASSERT_EQ(exitSegmentation(), 1);
+  setMarkerImage(240, 180, markers.data(), 0);
+  ASSERT_EQ(cutOutImage(0, 0, 0, nullptr, nullptr), 0);
+  expectTornDown();
+
+  setMarkerImage(240, 180, markers.data(), 0);  // the bridge's next request
+  IplImage* const pending = g_markerImage;
+  struct Call {
+    const char* name;
+    int (*run)(Pixels&, Bytes&);
+  } calls[] = {
+      {"processSegment", [](Pixels& b, Bytes& m) { return processSegment(0, 0, 0, b.data(), m.data()); }},
+      {"cutOutImage", [](Pixels& b, Bytes& m) { return cutOutImage(0, 0, 0, b.data(), m.data()); }},
+      {"undo", [](Pixels& b, Bytes& m) { return undo(b.data(), m.data()); }},
+      {"redo", [](Pixels& b, Bytes& m) { return redo(b.data(), m.data()); }},
+  };
+  for (const Call& c : calls) {
+    SCOPED_TRACE(c.name);
+    blended.assign(blended.size(), 5u);
+    mask.assign(mask.size(), 77);
+    hostlog::startCapture();
+    EXPECT_EQ(c.run(blended, mask), -1);
+    const std::vector<hostlog::Record> log = hostlog::stopCapture();
+    ASSERT_EQ(log.size(), 1u);
+    EXPECT_EQ(log[0].priority, ANDROID_LOG_ERROR);
+    EXPECT_EQ(log[0].tag, "Error");
+    EXPECT_EQ(log[0].text, std::string(c.name) + ": no segmentation context");
+    EXPECT_EQ(blended, Pixels(blended.size(), 5u));
+    EXPECT_EQ(mask, Bytes(mask.size(), 77));
+    EXPECT_EQ(g_markerImage, pending) << "left for the bridge's freeLocalBuffers";
+    EXPECT_EQ(g_exitStatus.load(), 0);
+  }
+  freeLocalBuffers();
+
+  hostlog::startCapture();
+  EXPECT_EQ(initSegmentationEngine(0), -1);
+  const std::vector<hostlog::Record> log = hostlog::stopCapture();
+  EXPECT_EQ(pHybrid, nullptr);
+  ASSERT_EQ(log.size(), 1u);
+  EXPECT_EQ(log[0].text, "initSegmentationEngine: no photo (setSourceImage first)");
+
+  // The next context works as usual.
+  start(240, 180);
+  EXPECT_EQ(processSegment(0, 0, 0, blended.data(), mask.data()), 0);
+  EXPECT_GT(iou(mask, scene.truth), 0.9);
 }
 
 }  // namespace
