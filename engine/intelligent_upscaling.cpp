@@ -124,12 +124,6 @@ int VELDSEHybrid::constructGraphTrimapVELD(IplImage* img, IplImage* /*extraTex*/
                               table[std::abs(p[2] - q[2])]);
   };
   auto absent = [&](int node) { graph->addEdge(node, node, 0.0f, 0.0f, true); };
-  // The four pairs of a node whose every edge joins two fixed pixels: the
-  // cursor moves on as after four absent edges, the floats stay unwritten.
-  auto skipUnread = [&]() {
-    graph->m_capLast += 8;
-    graph->m_capCount = static_cast<int>(graph->m_capLast - graph->m_caps);
-  };
 
   // Row 0: only left links.
   {
@@ -167,7 +161,7 @@ int VELDSEHybrid::constructGraphTrimapVELD(IplImage* img, IplImage* /*extraTex*/
           absent(node);
           absent(node);
         } else {
-          skipUnread();
+          graph->skipNodeEdges();
         }
         continue;
       }

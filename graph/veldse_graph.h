@@ -75,6 +75,12 @@
 //       i and j are ignored: the position alone says which edge it is, so the
 //       builder must call it exactly four times per node in the order above.
 //       O(1).
+//   skipNodeEdges()
+//       Moves past one node's four pairs without writing them, in place of its
+//       four addEdge calls. Only for a node that no search can reach and whose
+//       four neighbours no search can reach either (isolated pixels deep in a
+//       fixed area of the re-cut graph): nothing ever reads those floats, and
+//       their memory pages are never touched. O(1).
 //   addToEdge(i, j, cap, revCap)
 //       Adds cap to the first present slot i -> j in the neighbour order and
 //       revCap to its reverse; nothing happens if j is not a present
@@ -150,6 +156,7 @@ class VELDSEGraph {
   int resetNew();
   void addNode(int n);
   void addEdge(int i, int j, float cap, float revCap, bool absent);
+  void skipNodeEdges();
   int addToEdge(int i, int j, float cap, float revCap);
   void addtWeights(int i, float capSource, float capSink);
   int getTreeofNode(int i);
