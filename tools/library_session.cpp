@@ -133,10 +133,7 @@ RequestOutcome LibrarySession::rectangle(int x1, int y1, int x2, int y2) {
     int count = 0;
     fetch_path_array(&array, &count);
     delete[] array;
-    hasMask_ = false;
-    mask_ = cv::Mat::zeros(height_, width_, CV_8UC1);
-    preview_ = fromArgb(photo_, width_, height_);
-    outline_.clear();
+    showPlainPhoto();
     out.note = "cut abandoned";
     return out;
   }
@@ -180,10 +177,7 @@ RequestOutcome LibrarySession::undo() {
   out.delivered = collect();
   if (!out.delivered) {
     // Back at the plain photo.
-    hasMask_ = false;
-    mask_ = cv::Mat::zeros(height_, width_, CV_8UC1);
-    preview_ = fromArgb(photo_, width_, height_);
-    outline_.clear();
+    showPlainPhoto();
     out.note = "back at the plain photo";
   }
   return out;
@@ -205,6 +199,10 @@ RequestOutcome LibrarySession::redo() {
 
 void LibrarySession::reset() {
   resetSegmentationInterface();
+  showPlainPhoto();
+}
+
+void LibrarySession::showPlainPhoto() {
   hasMask_ = false;
   mask_ = cv::Mat::zeros(height_, width_, CV_8UC1);
   preview_ = fromArgb(photo_, width_, height_);

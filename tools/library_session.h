@@ -81,6 +81,8 @@ class LibrarySession {
   // library only paints the outline into it) and a sentinel in the mask buffer
   // so that an untouched buffer shows that no mask was delivered.
   void prepareBuffers();
+  // No mask on screen: the plain photo, no outline.
+  void showPlainPhoto();
   // Takes over the buffers after a call that may have delivered a mask.
   bool collect();
 
