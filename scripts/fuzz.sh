@@ -21,21 +21,7 @@ JOBS=${JOBS:-2}
 FUZZ_WORK=${FUZZ_WORK:-$FUZZ_BUILD/fuzz-work}
 
 # clang and its libFuzzer runtime come from Debian.
-PACKAGES="clang-14 libclang-rt-14-dev cmake make libopencv-core-dev libopencv-imgproc-dev"
-missing=""
-for p in $PACKAGES; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"
-done
-if [ -n "$missing" ]; then
-  if [ "$(id -u)" != 0 ]; then
-    echo "fuzz: missing packages:$missing; run this script as root" >&2
-    exit 1
-  fi
-  export DEBIAN_FRONTEND=noninteractive
-  # shellcheck disable=SC2086
-  apt-get install -y --no-install-recommends $missing ||
-    { apt-get update && apt-get install -y --no-install-recommends $missing; }
-fi
+sh scripts/setup.sh clang-14 libclang-rt-14-dev
 
 cmake -S . -B "$FUZZ_BUILD" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DCMAKE_C_COMPILER=clang-14 -DCMAKE_CXX_COMPILER=clang++-14 \

@@ -21,20 +21,7 @@ ASAN_BUILD=${ASAN_BUILD:-build-asan}
 BUILD=${BUILD:-build}
 JOBS=${JOBS:-2}
 
-sh scripts/setup.sh
-missing=""
-command -v valgrind >/dev/null 2>&1 || missing="$missing valgrind"
-[ -x /usr/bin/time ] || missing="$missing time"
-if [ -n "$missing" ]; then
-  if [ "$(id -u)" != 0 ]; then
-    echo "leakcheck: missing packages:$missing; run this script as root" >&2
-    exit 1
-  fi
-  export DEBIAN_FRONTEND=noninteractive
-  # shellcheck disable=SC2086
-  apt-get install -y --no-install-recommends $missing ||
-    { apt-get update && apt-get install -y --no-install-recommends $missing; }
-fi
+sh scripts/setup.sh valgrind time
 export SEGCORE_LOG_QUIET=1
 
 if [ "$WHAT" = all ] || [ "$WHAT" = lsan ]; then

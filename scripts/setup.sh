@@ -1,9 +1,11 @@
 #!/bin/sh
-# Installs the build and test dependencies on Debian 12 (needs root).
+# Installs the build and test dependencies on Debian 12 (needs root), plus any
+# packages named as arguments (the reliability scripts add theirs).
 # Idempotent: returns at once when everything is already installed.
+# Usage: scripts/setup.sh [extra-package ...]
 set -eu
 PACKAGES="cmake g++ make libopencv-core-dev libopencv-imgproc-dev libopencv-imgcodecs-dev \
-libgtest-dev libgmock-dev libbenchmark-dev"
+libgtest-dev libgmock-dev libbenchmark-dev $*"
 missing=""
 for p in $PACKAGES; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"
