@@ -49,15 +49,6 @@ TEST_F(ImageInput, PhotoIsStoredAsBgrAndReturnedOpaque) {
   EXPECT_EQ(out[0], 0xFF345678u);
 }
 
-TEST_F(ImageInput, PhotoSizesTheHistory) {
-  std::vector<unsigned int> pixels(7 * 5, 0);
-  setSourceImage(7, 5, pixels.data());
-  EXPECT_EQ(VELDSEManageUndoRedo::width, 7);
-  EXPECT_EQ(VELDSEManageUndoRedo::height, 5);
-  EXPECT_EQ(VELDSEManageUndoRedo::m_maxSize, 32);
-  EXPECT_FALSE(VELDSEManageUndoRedo::canUndo());
-}
-
 TEST_F(ImageInput, MarkersAreRoundedAndSaturated) {
   const int w = 4, h = 2;
   std::vector<int> markers = {-5, 0, 1, 2, 3, 4, 255, 300};

@@ -43,18 +43,6 @@ class LeakCheckerPause {
 #endif
 };
 
-TEST(TrackedMemory, MsgFamilyAllocatesAndFreesSilently) {
-  hostlog::startCapture();
-  void* a = VELD_Malloc_Msg(64, "f", 1);
-  void* b = VELD_Calloc_Msg(4, 8, "f", 2);
-  ASSERT_NE(a, nullptr);
-  ASSERT_NE(b, nullptr);
-  for (int i = 0; i < 32; ++i) EXPECT_EQ(static_cast<unsigned char*>(b)[i], 0) << i;
-  VELD_Free_Msg(a, "f", 3);
-  VELD_Free_Msg(b, "f", 4);
-  EXPECT_TRUE(hostlog::stopCapture().empty());
-}
-
 TEST(TrackedMemory, FreeMsgOfNullWarns) {
   hostlog::startCapture();
   VELD_Free_Msg(nullptr, "caller", 77);

@@ -174,13 +174,4 @@ TEST_F(UndoRedo, GetMaskLogsForAnEmptyPhoto) {
   VELDSEMarker::m_originalWidth = kW;
 }
 
-TEST(UndoRedoArithmetic, PreviousAndNextWrap) {
-  VELDSEManageUndoRedo::m_maxSize = 32;
-  EXPECT_EQ(VELDSEManageUndoRedo::previous(0), 31);
-  EXPECT_EQ(VELDSEManageUndoRedo::previous(1), 0);
-  EXPECT_EQ(VELDSEManageUndoRedo::previous(2), 1);
-  EXPECT_EQ(VELDSEManageUndoRedo::previous(31), 30);
-  EXPECT_EQ(VELDSEManageUndoRedo::next(31), 0);
-}
-
 }  // namespace
