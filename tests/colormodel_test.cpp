@@ -3,13 +3,10 @@
 
 #include <cfloat>
 #include <cmath>
-#include <cstdlib>
 #include <cstring>
-#include <algorithm>
 #include <cstdint>
 #include <vector>
 
-#include "colormodel/kmeans_init.h"
 #include "colormodel/training.h"
 #include "colormodel/veldse_color_model.h"
 #include "gtest/gtest.h"
@@ -75,15 +72,6 @@ double referenceMixture(const VELDSEColorModel& m, pixelVal x) {
   return p;
 }
 
-TEST_F(ColorModelTest, FreshModelEvaluatesToZero) {
-  VELDSEColorModel m;
-  for (pixelVal x : {px(0, 0, 0), px(10, 20, 30), px(255, 255, 255)}) {
-    EXPECT_EQ(m.GMMProb(x), 0.0);
-    for (int k = 0; k < 5; ++k) EXPECT_EQ(m.gaussianProb(k, x), 0.0);
-  }
-  EXPECT_TRUE(sameBits(m, VELDSEColorModel()));  // evaluating changes nothing
-}
-
 TEST_F(ColorModelTest, GMMProbMatchesIndependentEvaluation) {
   const struct { uint64_t seed; int empty; } cases[] = {{1, -1}, {2, 0}, {3, 4}, {4, 2}, {5, -1}};
   for (const auto& tc : cases) {
@@ -137,41 +125,6 @@ TEST_F(ColorModelTest, SingularCovarianceIsRegularisedUntilInvertible) {
   EXPECT_NEAR(once.determinant[0], 0.001, 1e-15);
 }
 
-TEST_F(ColorModelTest, ZeroDeterminantKeepsNormFactorEmptyComponentClearsIt) {
-  VELDSEColorModel m;
-  m.weight[0] = 1.0;
-  m.normFactor[0] = 7.5;
-  m.weight[1] = 0.0;
-  m.covariance[1][0] = m.covariance[1][4] = m.covariance[1][8] = 4.0;
-  m.normFactor[1] = 3.0;
-  m.determinant[1] = 64.0;
-  m.setDeterminant();
-  EXPECT_EQ(m.determinant[0], 0.0);
-  EXPECT_EQ(m.normFactor[0], 7.5);
-  EXPECT_EQ(m.determinant[1], 0.0);
-  EXPECT_EQ(m.normFactor[1], 0.0);
-  EXPECT_EQ(m.GMMProb(px(0, 0, 0)), 0.0);
-}
-
-TEST_F(ColorModelTest, GreyScaleDensitiesUseChannelZeroUnguarded) {
-  VELDSEColorModel m;
-  m.weight[0] = 0.25;
-  m.mean[0][0] = 100;
-  m.covariance[0][0] = 16;
-  m.weight[1] = 0.75;
-  m.mean[1][0] = 50;
-  m.covariance[1][0] = 9;
-  const pixelVal x = px(104, 999, -999);
-  const double p0 = std::exp(-0.5 * 16.0 / 16.0) / 4.0;
-  const double p1 = std::exp(-0.5 * 54.0 * 54.0 / 9.0) / 3.0;
-  EXPECT_DOUBLE_EQ(m.gaussianProbGreyScale(0, x), p0);
-  // Components 2..4 have zero variance: no guard, the sum is not finite.
-  EXPECT_FALSE(std::isfinite(m.gaussianProbGreyScale(2, x)));
-  EXPECT_FALSE(std::isfinite(m.GMMProbGreyScale(x)));
-  for (int k = 2; k < 5; ++k) m.covariance[k][0] = 1.0;
-  EXPECT_DOUBLE_EQ(m.GMMProbGreyScale(x), 0.25 * p0 + 0.75 * p1);
-}
-
 TEST_F(ColorModelTest, ColorModelCriteriaBoundaries) {
   struct Comp { double w; double mean0; double det; };
   const struct {
@@ -199,27 +152,6 @@ TEST_F(ColorModelTest, ColorModelCriteriaBoundaries) {
       m.determinant[k] = tc.comps[k].det;
     }
     EXPECT_EQ(m.colorModelCriteria(), tc.expected);
-  }
-}
-
-TEST_F(ColorModelTest, AssignClusterIgnoresWeightAndBreaksTiesLow) {
-  VELDSEColorModel m;
-  EXPECT_EQ(m.assignCluster(px(1, 2, 3)), 0);  // all components degenerate
-  // Component 0 stays empty; 1 and 2 are identical; 4 has a tiny weight.
-  const double centre[5] = {0, 100, 100, 10, 400};
-  for (int k = 1; k < 5; ++k) {
-    m.weight[k] = (k == 4) ? 0.01 : 0.3;
-    for (int c = 0; c < 3; ++c) m.mean[k][c] = centre[k];
-    m.covariance[k][0] = m.covariance[k][4] = m.covariance[k][8] = 25.0;
-  }
-  m.setDeterminant();
-  m.setInverseCovariance();
-  const struct { pixelVal x; int expected; } cases[] = {
-      {px(100, 100, 100), 1}, {px(95, 104, 99), 1}, {px(12, 9, 10), 3},
-      {px(400, 400, 400), 4}, {px(300, 300, 300), 4}};
-  for (const auto& tc : cases) {
-    SCOPED_TRACE(tc.x.val[0]);
-    EXPECT_EQ(m.assignCluster(tc.x), tc.expected);
   }
 }
 
@@ -275,29 +207,6 @@ TEST_F(ColorModelTest, ExtractTrainingDataGroupsLabelsAndPads) {
   cvReleaseImage(&lab);
 }
 
-TEST_F(ColorModelTest, UpdateModelOnFillerKeepsUntouchedComponents) {
-  VELDSEColorModel m;
-  // Components 1..4 carry old parameters but zero determinants, so nothing is
-  // assigned to them.
-  for (int k = 1; k < 5; ++k) {
-    m.weight[k] = 0.1 * k;
-    m.mean[k][0] = k;
-    m.covariance[k][4] = 2.0 * k;
-  }
-  const VELDSEColorModel before = m;
-  const pixelVal f = px(10, 20, 30);
-  updateModel({f, f, f, f, f}, m);
-  EXPECT_EQ(m.weight[0], 1.0);
-  for (int c = 0; c < 3; ++c) EXPECT_EQ(m.mean[0][c], f.val[c]);
-  for (int e = 0; e < 9; ++e) EXPECT_EQ(m.covariance[0][e], 0.0);
-  EXPECT_EQ(m.determinant[0], 0.0);
-  for (int k = 1; k < 5; ++k) {
-    EXPECT_EQ(m.weight[k], before.weight[k]);
-    EXPECT_EQ(std::memcmp(m.mean[k], before.mean[k], sizeof(m.mean[k])), 0);
-    EXPECT_EQ(std::memcmp(m.covariance[k], before.covariance[k], sizeof(m.covariance[k])), 0);
-  }
-}
-
 TEST_F(ColorModelTest, UpdateModelMatchesReferenceRefit) {
   for (uint64_t seed : {11u, 12u, 13u}) {
     SCOPED_TRACE(testing::Message() << "seed " << seed);
@@ -339,233 +248,6 @@ TEST_F(ColorModelTest, UpdateModelMatchesReferenceRefit) {
       }
     }
   }
-}
-
-std::vector<pixelVal> blobs(cv::RNG& rng, const std::vector<int>& sizes) {
-  std::vector<pixelVal> s;
-  for (size_t b = 0; b < sizes.size(); ++b)
-    for (int i = 0; i < sizes[b]; ++i)
-      s.push_back(px(50.0 * b + rng.uniform(0.0, 4.0), 250.0 - 50.0 * b + rng.uniform(0.0, 4.0),
-                     20.0 * b + rng.uniform(0.0, 4.0)));
-  return s;
-}
-
-TEST_F(ColorModelTest, InitModelFindsSeparatedClustersReproducibly) {
-  cv::RNG rng(7);
-  const std::vector<int> sizes{300, 200, 250, 150, 100};
-  const std::vector<pixelVal> s = blobs(rng, sizes);
-  VELDSEColorModel a, b, c;
-  initModel(s, a, 10);
-  initModel(s, b, -3);  // the count argument has no effect
-  EXPECT_TRUE(sameBits(a, b));
-  initModelWithKmeansVELD(s, c);
-  EXPECT_TRUE(sameBits(a, c));
-  // Every blob becomes exactly one component.
-  std::vector<bool> seen(5, false);
-  for (int k = 0; k < 5; ++k) {
-    const int blob = static_cast<int>(std::lround((a.mean[k][0] - 2.0) / 50.0));
-    ASSERT_GE(blob, 0);
-    ASSERT_LT(blob, 5);
-    EXPECT_FALSE(seen[blob]);
-    seen[blob] = true;
-    EXPECT_DOUBLE_EQ(a.weight[k], sizes[blob] / 1000.0);
-    EXPECT_GT(a.determinant[k], 0.0);
-  }
-  VELDSEColorModel pa, pb;
-  initModel(s, blobs(rng, {5, 5, 5, 5, 5}), pa, pb, 0);
-  EXPECT_TRUE(sameBits(pa, a));
-}
-
-TEST_F(ColorModelTest, InitModelLeavesSmallSetsAlone) {
-  VELDSEColorModel m, before;
-  m.weight[2] = before.weight[2] = 0.5;
-  for (int n = 0; n <= 4; ++n) {
-    initModelWithKmeansVELD(std::vector<pixelVal>(n, px(1, 2, 3)), m);
-    EXPECT_TRUE(sameBits(m, before)) << n;
-  }
-}
-
-TEST_F(ColorModelTest, InitModelKeepsEmptyClustersAndSeedReclaim) {
-  // All samples equal: every seed is row 0 (total 0), cluster 0 takes all rows
-  // and the empty clusters 1..4 reclaim row 0 in turn, so cluster 4 ends with
-  // it and clusters 1..3 stay empty.
-  VELDSEColorModel m;
-  for (int k = 0; k < 5; ++k) {
-    m.weight[k] = 0.2;
-    m.mean[k][0] = -k;
-    m.covariance[k][0] = m.covariance[k][4] = m.covariance[k][8] = k + 1.0;
-  }
-  const VELDSEColorModel before = m;
-  initModelWithKmeansVELD(std::vector<pixelVal>(6, px(7, 8, 9)), m);
-  EXPECT_DOUBLE_EQ(m.weight[0], 5.0 / 6.0);
-  EXPECT_DOUBLE_EQ(m.weight[4], 1.0 / 6.0);
-  for (int k : {0, 4}) {
-    for (int c = 0; c < 3; ++c) EXPECT_EQ(m.mean[k][c], 7.0 + c);
-    for (int e = 0; e < 9; ++e) EXPECT_NEAR(m.covariance[k][e], 0.0, 1e-9);
-  }
-  for (int k = 1; k < 4; ++k) {
-    EXPECT_EQ(m.weight[k], before.weight[k]);
-    EXPECT_EQ(m.mean[k][0], before.mean[k][0]);
-    EXPECT_EQ(m.covariance[k][4], before.covariance[k][4]);
-  }
-}
-
-TEST_F(ColorModelTest, FindMinDistanceSplitsRowsOverFourWorkers) {
-  const struct { int n; int first[4]; int end[4]; } cases[] = {
-      {3, {0, 0, 0, 0}, {0, 0, 0, 3}}, {5, {0, 1, 2, 3}, {1, 2, 3, 5}},
-      {6, {0, 1, 2, 3}, {1, 2, 3, 6}}, {7, {0, 1, 2, 3}, {1, 2, 3, 7}},
-      {9, {0, 2, 4, 6}, {2, 4, 6, 9}},
-  };
-  double rowBlock[27], centreBlock[15] = {0};
-  double* rows[9];
-  double* centres[5];
-  for (int i = 0; i < 9; ++i) {
-    rows[i] = rowBlock + 3 * i;
-    rows[i][0] = rows[i][1] = rows[i][2] = 10.0 * i;
-  }
-  for (int k = 0; k < 5; ++k) {
-    centres[k] = centreBlock + 3 * k;
-    centres[k][0] = centres[k][1] = centres[k][2] = 20.0 * k;
-  }
-  for (const auto& tc : cases) {
-    for (int t = 0; t < 4; ++t) {
-      SCOPED_TRACE(testing::Message() << "n " << tc.n << " thread " << t);
-      int labels[9];
-      for (int& l : labels) l = -1;
-      double sums[5][4][3] = {}, counts[5][4] = {}, err[4] = {};
-      double* sumRows[5][4];
-      double** sumPtr[5];
-      double* countPtr[5];
-      for (int k = 0; k < 5; ++k) {
-        for (int u = 0; u < 4; ++u) sumRows[k][u] = sums[k][u];
-        sumPtr[k] = sumRows[k];
-        countPtr[k] = counts[k];
-      }
-      KMeansThreadArg arg{rows, centres, labels, tc.n, sumPtr, countPtr, err, t};
-      EXPECT_EQ(findMinDistance(&arg), nullptr);
-      double booked = 0;
-      for (int i = 0; i < 9; ++i) {
-        const bool mine = i >= tc.first[t] && i < tc.end[t];
-        // Row i (value 10i) is nearest centre i/2 (value 20k): odd rows lie
-        // exactly between two centres and go to the lower index.
-        EXPECT_EQ(labels[i], mine ? i / 2 : -1) << "row " << i;
-        if (mine) booked += 1.0;
-      }
-      double total = 0;
-      for (int k = 0; k < 5; ++k) {
-        for (int u = 0; u < 4; ++u) {
-          if (u != t) {
-            EXPECT_EQ(counts[k][u], 0.0);
-          }
-          total += counts[k][u];
-        }
-      }
-      EXPECT_EQ(total, booked);
-    }
-  }
-}
-
-// Serial reference of the clustering with the same seeds, the same per-worker
-// ranges and the same order of partial sums.
-std::vector<int> referenceKMeans(std::vector<pixelVal> s, const int seeds[5]) {
-  const int n = static_cast<int>(s.size());
-  double cen[5][3];
-  for (int k = 0; k < 5; ++k)
-    for (int c = 0; c < 3; ++c) cen[k][c] = s[seeds[k]].val[c];
-  std::vector<int> lab(n, 0);
-  double prev = DBL_MAX;
-  for (int it = 0; it < 10; ++it) {
-    double sums[5][4][3] = {}, cnt[5][4] = {}, err[4] = {};
-    for (int i = 0; i < n; ++i) {
-      const int t = (n / 4 == 0) ? 3 : std::min(i / (n / 4), 3);
-      double best = DBL_MAX;
-      int bi = lab[i];
-      for (int k = 0; k < 5; ++k) {
-        double d = 0;
-        for (int c = 0; c < 3; ++c) d += (s[i].val[c] - cen[k][c]) * (s[i].val[c] - cen[k][c]);
-        if (d < best) { best = d; bi = k; }
-      }
-      lab[i] = bi;
-      for (int c = 0; c < 3; ++c) sums[bi][t][c] += s[i].val[c];
-      cnt[bi][t] += 1;
-      err[t] += best;
-    }
-    for (int k = 0; k < 5; ++k) {
-      const double c4 = cnt[k][0] + cnt[k][1] + cnt[k][2] + cnt[k][3];
-      if (c4 > 0) {
-        for (int c = 0; c < 3; ++c)
-          cen[k][c] = (sums[k][0][c] + sums[k][1][c] + sums[k][2][c] + sums[k][3][c]) / c4;
-      } else {
-        lab[seeds[k]] = k;
-      }
-    }
-    const double e = err[0] + err[1] + err[2] + err[3];
-    if (e == prev) break;
-    prev = e;
-  }
-  return lab;
-}
-
-// k-means++ seeding written out from its rules, for data whose totals stay
-// within the range of unsigned int.
-std::vector<int> referenceSeeds(const std::vector<pixelVal>& s) {
-  const int n = static_cast<int>(s.size());
-  std::vector<int> seeds(5, 0);
-  std::srand(n);
-  seeds[0] = static_cast<int>(n / 2147483648.0 * std::rand());
-  std::vector<double> dist(n);
-  double total = 0;
-  for (int i = 0; i < n; ++i) total += (dist[i] = distSq(s[i], s[seeds[0]]));
-  for (int j = 1; j < 5; ++j) {
-    std::srand(static_cast<unsigned int>(total));
-    double target = total / 2147483648.0 * std::rand();
-    int i = 0;
-    if (n >= 2) {
-      for (; i < n - 1 && target > dist[i]; ++i) target -= dist[i];
-    }
-    seeds[j] = i;
-    total = 0;
-    for (int m = 0; m < n; ++m) total += (dist[m] = std::min(dist[m], distSq(s[m], s[i])));
-  }
-  return seeds;
-}
-
-TEST_F(ColorModelTest, KMeansppSeedsAndClusteringMatchSerialReference) {
-  for (int n : {1, 2, 5, 6, 7, 40, 50, 333, 1001}) {
-    SCOPED_TRACE(n);
-    cv::RNG rng(n);
-    std::vector<pixelVal> s;
-    std::vector<double> block(3 * n);
-    std::vector<double*> rows(n);
-    for (int i = 0; i < n; ++i) {
-      s.push_back(px(rng.uniform(0, 256), rng.uniform(0, 256), rng.uniform(0, 256)));
-      rows[i] = &block[3 * i];
-      for (int c = 0; c < 3; ++c) rows[i][c] = s[i].val[c];
-    }
-    int seeds[5] = {-1, -1, -1, -1, -1};
-    chooseCentersKMeanspp(rows.data(), n, 5, seeds);
-    EXPECT_EQ(std::vector<int>(seeds, seeds + 5), referenceSeeds(s));
-    if (n < 5) continue;
-    std::vector<int> labels(n, 0);
-    k_means(rows.data(), labels.data(), n, 0.0, 10, nullptr);
-    EXPECT_EQ(labels, referenceKMeans(s, seeds));
-  }
-}
-
-TEST_F(ColorModelTest, EMSmallSetOrNoIterations) {
-  cv::RNG rng(21);
-  VELDSEColorModel m = randomModel(rng, 3);
-  m.covariance[0][0] += 50.0;  // stale derived fields
-  const VELDSEColorModel before = m;
-  const std::vector<pixelVal> four(4, px(1, 2, 3));
-  m.EM(four, 5);
-  EXPECT_TRUE(sameBits(m, before));
-  m.EM(std::vector<pixelVal>(5, px(1, 2, 3)), 0);
-  VELDSEColorModel refreshed = before;
-  refreshed.setDeterminant();
-  refreshed.setInverseCovariance();
-  EXPECT_TRUE(sameBits(m, refreshed));
-  EXPECT_FALSE(sameBits(m, before));
 }
 
 TEST_F(ColorModelTest, EMUsesEntryInversesForEveryIteration) {
