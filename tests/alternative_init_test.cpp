@@ -1,5 +1,3 @@
-#include <opencv2/core/core_c.h>
-
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -10,7 +8,6 @@
 #include "colormodel/kmeans_init.h"
 #include "colormodel/veldse_color_model.h"
 #include "gtest/gtest.h"
-#include "interface/veldse_marker.h"
 
 namespace {
 
@@ -65,15 +62,6 @@ TEST(VarParInitTest, FourSplitsOfWidestGroups) {
   EXPECT_EQ(std::vector<double>(block, block + 15), (std::vector<double>{4, 5, 6, 4, 5, 6, 4, 5, 6, 4, 5, 6, 4, 5, 6}));
 }
 
-TEST(FindMeanTest, MeanAndSumOfSquaredErrors) {
-  EXPECT_EQ(findMean({}).val[0], 0.0);
-  EXPECT_EQ(findSSE({}), 0.0);
-  const std::vector<pixelVal> s{px(0, 0, 0), px(2, 4, 6), px(4, 8, 12)};
-  const pixelVal m = findMean(s);
-  EXPECT_EQ(std::vector<double>(m.val, m.val + 3), (std::vector<double>{2, 4, 6}));
-  EXPECT_DOUBLE_EQ(findSSE(s), 2 * (4.0 + 16.0 + 36.0));
-}
-
 TEST(OrderTest, AscendingByScoreTrueOnNaN) {
   const double nan = std::numeric_limits<double>::quiet_NaN();
   const struct { double a, b; bool expected; } cases[] = {
@@ -89,15 +77,6 @@ std::vector<pixelVal> fiveBlobs(int each) {
   for (int b = 0; b < 5; ++b)
     for (int i = 0; i < each + b; ++i) s.push_back(px(50.0 * b + i % 3, 200.0 - 40.0 * b, 10.0 * b + i % 2));
   return s;
-}
-
-TEST(InitModelWithKmeansTest, SmallSetsLeaveModelUnchanged) {
-  VELDSEColorModel m, before;
-  m.weight[1] = before.weight[1] = 0.5;
-  for (int n = 0; n <= 4; ++n) {
-    initModelWithKmeans(std::vector<pixelVal>(n, px(1, 2, 3)), m);
-    EXPECT_TRUE(sameBits(m, before)) << n;
-  }
 }
 
 TEST(InitModelWithKmeansTest, SeparatedGroupsBecomeComponents) {
@@ -116,102 +95,6 @@ TEST(InitModelWithKmeansTest, SeparatedGroupsBecomeComponents) {
     }
     EXPECT_EQ(blobs.size(), 5u);
   }
-}
-
-IplImage* grid(int w, int h, int channels) {
-  IplImage* img = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, channels);
-  cvSetZero(img);
-  return img;
-}
-
-void put(IplImage* img, int x, int y, const pixelVal& v) {
-  unsigned char* p = reinterpret_cast<unsigned char*>(img->imageData + y * img->widthStep) + x * img->nChannels;
-  for (int c = 0; c < img->nChannels; ++c) p[c] = static_cast<unsigned char>(v.val[c]);
-}
-
-class ThirdInitTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    saved_ = VELDSEMarker::m_noiseLevel;
-    VELDSEMarker::m_noiseLevel = 0.1;
-  }
-  void TearDown() override { VELDSEMarker::m_noiseLevel = saved_; }
-  double saved_ = 0;
-};
-
-// Background pixels: five colour groups of 10 with full-rank spread; `rest`
-// pixels follow them.
-void fillImage(const std::vector<pixelVal>& rest, IplImage** colour, IplImage** label,
-               std::vector<pixelVal>* background) {
-  const int n = 50 + static_cast<int>(rest.size());
-  *colour = grid(n, 1, 3);
-  *label = grid(n, 1, 1);
-  for (int i = 0; i < 50; ++i) {
-    const int g = i % 5, j = i / 5;
-    const pixelVal v = px(20.0 + 10 * g + j % 3, 40.0 + j % 2, 60.0 + 5 * g + j / 5);
-    put(*colour, i, 0, v);
-    put(*label, i, 0, px(i % 2 ? 1 : 3, 0, 0));
-    background->push_back(v);
-  }
-  for (size_t i = 0; i < rest.size(); ++i) {
-    put(*colour, 50 + static_cast<int>(i), 0, rest[i]);
-    const double code[4] = {0, 2, 4, 5};  // anything but 1 and 3
-    put(*label, 50 + static_cast<int>(i), 0, px(code[i % 4], 0, 0));
-  }
-}
-
-TEST_F(ThirdInitTest, FewerThanThreeOthersKeepsObjectModel) {
-  IplImage *colour, *label;
-  std::vector<pixelVal> background;
-  fillImage({px(250, 0, 250), px(0, 250, 0)}, &colour, &label, &background);
-  VELDSEColorModel obj, bg;
-  obj.weight[3] = 0.7;
-  initModelWithKmeansVELD(background, bg);
-  bg.setInverseCovariance();
-  const VELDSEColorModel objBefore = obj;
-  VELDSEColorModel expectedBg = bg;
-  initModelWithKmeansVELD(background, expectedBg);  // fills all five components
-  initThirdInitalization(colour, label, obj, bg);
-  EXPECT_TRUE(sameBits(obj, objBefore));
-  EXPECT_TRUE(sameBits(bg, expectedBg));
-  cvReleaseImage(&colour);
-  cvReleaseImage(&label);
-}
-
-TEST_F(ThirdInitTest, KeepsOuterThirdsDropsMiddle) {
-  // 15 other pixels: 5 far from the background, 5 in between, 5 inside it.
-  std::vector<pixelVal> rest;
-  for (int i = 0; i < 5; ++i) {
-    rest.push_back(px(21 + 10 * i, 40, 60 + 5 * i));   // background-like
-    rest.push_back(px(240 - 3 * i, 200, 250 - 40 * i));  // far
-    rest.push_back(px(20 + 10 * i, 47, 60 + 5 * i));   // in between
-  }
-  IplImage *colour, *label;
-  std::vector<pixelVal> background;
-  fillImage(rest, &colour, &label, &background);
-  VELDSEColorModel obj, bg;
-  initModelWithKmeansVELD(background, bg);
-  bg.setInverseCovariance();
-  initThirdInitalization(colour, label, obj, bg);
-  // The object model is made of the five far colours only.
-  double wsum = 0;
-  for (int k = 0; k < 5; ++k) {
-    SCOPED_TRACE(k);
-    wsum += obj.weight[k];
-    EXPECT_NEAR(obj.mean[k][1], 200.0, 1e-9);
-    EXPECT_NEAR(obj.weight[k] * 5, std::round(obj.weight[k] * 5), 1e-9);
-  }
-  EXPECT_NEAR(wsum, 1.0, 1e-12);
-  // The background model saw 50 + 5 samples: the middle third was dropped.
-  wsum = 0;
-  for (int k = 0; k < 5; ++k) {
-    wsum += bg.weight[k];
-    EXPECT_NEAR(bg.weight[k] * 55, std::round(bg.weight[k] * 55), 1e-9);
-    EXPECT_LT(bg.mean[k][1], 46.0);
-  }
-  EXPECT_NEAR(wsum, 1.0, 1e-12);
-  cvReleaseImage(&colour);
-  cvReleaseImage(&label);
 }
 
 }  // namespace
