@@ -1,7 +1,7 @@
-// Block-parallel max-flow and terminal links: block shapes, the partition and
-// merge bookkeeping on small grids, a randomized cross-check of the cut
-// against the serial solver and an independent Dinic reference, and the
-// terminal weights against a serial evaluation of the same mixtures.
+// Block-parallel max-flow and terminal links: block shapes, a randomized
+// cross-check of the cut against the serial solver and an independent Dinic
+// reference, and the terminal weights against a serial evaluation of the same
+// mixtures.
 #include <gtest/gtest.h>
 
 #include <opencv2/core.hpp>
@@ -23,10 +23,8 @@ namespace {
 using maxflow_reference::build;
 using maxflow_reference::earlierNeighbour;
 using maxflow_reference::expectSameCut;
-using maxflow_reference::fullGrid;
 using maxflow_reference::GridCase;
 using maxflow_reference::randomGrid;
-using maxflow_reference::solveReference;
 
 // Value of the cut the final trees describe (sink tree against the rest),
 // from the network as built.
@@ -56,20 +54,6 @@ std::vector<int> absentSlots(const VELDSEGraph& g) {
   return out;
 }
 
-int countEdges(const blockEdges* p) {
-  int n = 0;
-  for (const storedEdge* e = p->edges; e != nullptr; e = e->next) ++n;
-  return n;
-}
-
-// Phases one and two (block ids, partition) on the test thread.
-void partitionInPlace(ParallelGC* pgc) {
-  for (int phase = 0; phase < 2; ++phase)
-    for (int b = 0; b < pgc->m_blockRows * pgc->m_blockCols; ++b)
-      phase ? pgc->PartitionGraph(b / pgc->m_blockCols, b % pgc->m_blockCols)
-            : pgc->AssignIDs(b / pgc->m_blockCols, b % pgc->m_blockCols);
-}
-
 TEST(ParallelGCBlocks, ShapesForOneToSixteenThreads) {
   const struct { int n, cols, rows; } rows[] = {
       {1, 1, 1},  {2, 2, 1},  {3, 3, 1},  {4, 2, 2},   {5, 1, 5},  {6, 3, 2},   {7, 1, 7},  {8, 4, 2},
@@ -90,126 +74,6 @@ TEST(ParallelGCBlocks, ShapesForOneToSixteenThreads) {
       EXPECT_TRUE(v->m_nodes == g.m_nodes && v->m_caps == g.m_caps);
     }
   }
-}
-
-TEST(ParallelGCPartition, FiveByThreeWithTwoThreads) {
-  // Two 3x3 blocks; the second covers columns 3-5, 5 being outside the grid.
-  const GridCase gc = fullGrid(5, 3, 4);
-  VELDSEGraph g(15, 120, 5, 3, 0);
-  build(gc, &g);
-  ParallelGC pgc(&g, 2);
-  ASSERT_EQ(pgc.m_blockWidth, 3);
-  ASSERT_EQ(pgc.m_blockHeight, 3);
-  const size_t absentBefore = absentSlots(g).size();
-  for (int bx : {0, 1}) pgc.AssignIDs(0, bx);
-  // Interior nodes (6 in block 0, 9 in block 1) keep their free tree.
-  const std::vector<int> ids = {0, 0, 0, 1, 1, 0, 2, 0, 1, 2, 0, 0, 0, 1, 1};
-  for (int i = 0; i < 15; ++i) EXPECT_EQ(g.m_nodes[i].tree, ids[i]) << i;
-
-  for (int bx : {0, 1}) pgc.PartitionGraph(0, bx);
-  ASSERT_EQ(pgc.m_pairs.size(), 1u);
-  blockEdges* pair = pgc.m_pairs[0];
-  EXPECT_TRUE(pair->first == 0 && pair->second == 1);
-  EXPECT_TRUE(pgc.m_blockTable[0][1] == pair && pgc.m_blockTable[1][0] == pair);
-  // Newest first: node 12 right, upper-right; node 7 lower-right, right,
-  // upper-right; node 2 lower-right, right.
-  const std::vector<int> slots = {8 * 13 + 1, 8 * 12 + 6, 8 * 13 + 3, 8 * 8 + 1, 8 * 7 + 6, 8 * 8 + 3, 8 * 3 + 1};
-  std::vector<int> got;
-  for (const storedEdge* e = pair->edges; e != nullptr; e = e->next) {
-    got.push_back(e->slot);
-    EXPECT_EQ(e->revSlot, e->slot ^ 1);
-    EXPECT_TRUE(e->cap == 4.0f && e->revCap == 4.0f);
-    EXPECT_TRUE(g.m_caps[e->slot] == VELDSEGraph::ABSENT_EDGE && g.m_caps[e->revSlot] == VELDSEGraph::ABSENT_EDGE);
-  }
-  EXPECT_EQ(got, slots);
-  // Those 7 pairs and no others are out.
-  EXPECT_EQ(absentSlots(g).size(), absentBefore + 2 * 7);
-
-  EXPECT_EQ(pgc.MergeBlocks(1, 0), 0);
-  EXPECT_EQ(pair->edges, nullptr);
-  EXPECT_EQ(absentSlots(g).size(), absentBefore);
-  std::vector<int> queued;
-  while (nodes* q = pgc.m_blockGraphs[0]->GetTopActiveQueueNode()) queued.push_back(static_cast<int>(q - g.m_nodes));
-  // Tail then head of each restored edge, in list order, without repeats.
-  EXPECT_EQ(queued, (std::vector<int>{12, 13, 8, 7, 3, 2}));
-  pgc.MakeNeighbourChanges(0, 1);
-  EXPECT_TRUE(pgc.m_pairs.empty());
-  EXPECT_EQ(pgc.m_blockTable[0][1], nullptr);
-}
-
-TEST(ParallelGCPartition, PairWithoutPresentEdgesGetsNoRecord) {
-  // 6x4 in 2x2 blocks of 3x2; every edge across the vertical border absent.
-  GridCase gc = fullGrid(6, 4, 3);
-  for (int p = 0; p < 96; ++p) {
-    const int j = earlierNeighbour(6, p / 4, p % 4);
-    if (j >= 0 && (p / 4 % 6 < 3) != (j % 6 < 3)) gc.absent[p] = true;
-  }
-  gc.terminals[0] = gc.terminals[5] = {{9, 0}};
-  gc.terminals[18] = {{0, 9}};
-  gc.terminals[23] = {{0, 7}};
-  {
-    VELDSEGraph g(24, 192, 6, 4, 0);
-    build(gc, &g);
-    ParallelGC pgc(&g, 4);
-    partitionInPlace(&pgc);
-    ASSERT_EQ(pgc.m_pairs.size(), 2u);
-    EXPECT_TRUE(pgc.m_pairs[0]->first == 0 && pgc.m_pairs[0]->second == 2);
-    EXPECT_TRUE(pgc.m_pairs[1]->first == 1 && pgc.m_pairs[1]->second == 3);
-    for (int a = 0; a < 4; ++a)
-      for (int b = 0; b < 4; ++b)
-        EXPECT_EQ(pgc.m_blockTable[a][b] == nullptr, a % 2 != b % 2 || a == b) << a << "," << b;
-    // Put the edges back so the graph is whole again before it is freed.
-    pgc.MergeBlocks(0, 2);
-    pgc.MergeBlocks(1, 3);
-    pgc.MakeNeighbourChanges(0, 2);
-    pgc.MakeNeighbourChanges(1, 3);
-  }
-  // Two merged halves remain unlinked: the run must end, and the halves are
-  // each cut correctly.
-  VELDSEGraph g(24, 192, 6, 4, 0);
-  build(gc, &g);
-  const std::vector<int> before = absentSlots(g);
-  ParallelGC pgc(&g, 4);
-  EXPECT_EQ(pgc.maxFlow(), 0);
-  EXPECT_TRUE(pgc.m_pairs.empty());
-  EXPECT_EQ(absentSlots(g), before);
-  EXPECT_EQ(cutValue(gc, &g), solveReference(gc).flow);
-  expectSameCut(gc, &g, g.m_flow);
-}
-
-TEST(ParallelGCPartition, MergedBlockTakesOverTheOtherBlocksPairs) {
-  // 9x9 in 3x3 blocks of 3x3, all edges present: merge blocks 0 and 1.
-  VELDSEGraph g(81, 648, 9, 9, 0);
-  build(fullGrid(9, 9, 1), &g);
-  ParallelGC pgc(&g, 9);
-  partitionInPlace(&pgc);
-  blockEdges* const* t0 = pgc.m_blockTable[0];
-  blockEdges* const* t1 = pgc.m_blockTable[1];
-  // Block 0 borders 1, 3 (below) and 4 (one corner edge); block 1 borders
-  // 0, 2, 3 (its corner), 4 and 5.
-  const int n03 = countEdges(t0[3]), n13 = countEdges(t1[3]);
-  const int n04 = countEdges(t0[4]), n14 = countEdges(t1[4]);
-  EXPECT_EQ(n04, 1);
-  EXPECT_EQ(n13, 1);
-  blockEdges* const p12 = t1[2];
-  blockEdges* const p15 = t1[5];
-  const storedEdge* const first03 = t0[3]->edges;
-  const size_t pairsBefore = pgc.m_pairs.size();
-
-  EXPECT_EQ(pgc.MergeBlocks(0, 1), 0);
-  pgc.MakeNeighbourChanges(1, 0);
-  // 0-1 is gone; 1-3 and 1-4 joined the existing 0-3 and 0-4 lists at
-  // their end; 1-2 and 1-5 now belong to block 0.
-  EXPECT_EQ(pgc.m_pairs.size(), pairsBefore - 3);
-  EXPECT_EQ(countEdges(t0[3]), n03 + n13);
-  EXPECT_EQ(countEdges(t0[4]), n04 + n14);
-  EXPECT_EQ(t0[3]->edges, first03);
-  EXPECT_EQ(t0[2], p12);
-  EXPECT_EQ(t0[5], p15);
-  EXPECT_EQ(pgc.m_blockTable[2][0], p12);
-  EXPECT_TRUE(p12->first == 0 && p12->second == 2 && p15->first == 0);
-  for (int k = 0; k < 9; ++k) EXPECT_TRUE(pgc.m_blockTable[1][k] == nullptr && pgc.m_blockTable[k][1] == nullptr) << k;
-  for (const blockEdges* p : pgc.m_pairs) EXPECT_TRUE(p->first != 1 && p->second != 1);
 }
 
 // Random grids solved with several thread counts: same flow as the serial
@@ -243,39 +107,6 @@ TEST(ParallelGCMaxFlow, RandomGridsMatchSerialAndReference) {
       expectSameCut(gc, &g, g.m_flow);
     }
   }
-}
-
-TEST(ParallelGCMaxFlow, GraphWithThreadsDispatchesAndReportsZero) {
-  GridCase gc = fullGrid(8, 6, 2);
-  for (int y = 0; y < 6; ++y) {
-    gc.terminals[8 * y] = {{5, 0}};
-    gc.terminals[8 * y + 7] = {{1, 4}};
-  }
-  for (int threads : {1, 2, 4}) {
-    SCOPED_TRACE(threads);
-    VELDSEGraph g(48, 384, 8, 6, threads);
-    build(gc, &g);
-    const float result = g.maxFlow();
-    EXPECT_EQ(result, threads > 1 ? 0.0f : g.m_flow);
-    EXPECT_EQ(cutValue(gc, &g), solveReference(gc).flow);
-    expectSameCut(gc, &g, g.m_flow);
-  }
-}
-
-TEST(ParallelGCMaxFlow, PresetCancelStillRestoresEveryEdge) {
-  VELDSEGraph g(30 * 20, 8 * 600, 30, 20, 0);
-  std::mt19937 rng(3u);
-  build(randomGrid(&rng, 30, 20), &g);
-  const std::vector<int> before = absentSlots(g);
-  const float terminalFlow = g.m_flow;
-  VELDSEMarker::m_exitApp = true;
-  {
-    ParallelGC pgc(&g, 4);
-    EXPECT_EQ(pgc.maxFlow(), 0);
-  }
-  VELDSEMarker::m_exitApp = false;
-  EXPECT_EQ(absentSlots(g), before);
-  EXPECT_EQ(g.m_flow, terminalFlow);
 }
 
 // ---------------------------------------------------------------------------
@@ -377,26 +208,6 @@ TEST(ParallelGCTerminalLinks, MatchTheSerialLoopForEveryBlockShape) {
     for (int i = 0; i < 37 * 23 && r.sinkCode == r.sourceCode; ++i)
       EXPECT_TRUE(lc.labels.data[i] != r.sourceCode || g.m_nodes[i].trCap == 2001.0f) << i;
   }
-}
-
-TEST(ParallelGCTerminalLinks, EmptyModelsGiveInfiniteWeights) {
-  std::mt19937 rng(17u);
-  LinkCase lc(&rng, 10, 7);
-  VELDSEColorModel empty;  // all weights 0
-  VELDSEGraph g(70, 560, 10, 7, 4);
-  g.addNode(70);
-  ParallelGC pgc(&g, 4);
-  pgc.ComputeGMMProbsParallely(&lc.img, &lc.labels, 50.0, 1, 2, &empty, &empty, &g);
-  for (int i = 0; i < 70; ++i) {
-    SCOPED_TRACE(i);
-    const int l = lc.labels.data[i];
-    if (l == 1 || l == 2) {
-      EXPECT_EQ(g.m_nodes[i].trCap, l == 2 ? 50.0f : -50.0f);
-    } else {
-      EXPECT_TRUE(std::isnan(g.m_nodes[i].trCap));  // inf - inf
-    }
-  }
-  EXPECT_TRUE(std::isinf(g.m_flow));
 }
 
 }  // namespace
