@@ -1,5 +1,5 @@
-// Smoothness weight selection: the trial schedule, the blob analysis of the
-// three trial cuts and the rules that pick one of them.
+// Smoothness weight selection: the trial schedule, the chosen trial, blob
+// connectivity and the contrast rule against an independent reading.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -59,13 +59,6 @@ class LambdaSelection : public ::testing::Test {
     delete hybrid;
     VELDSEMarker::m_isGreyScale = false;
   }
-  // Checkerboard of 0/200 in the source under the rectangle: the interior of
-  // a blob there is more contrasted than its border against the flat 100.
-  void texture(int x0, int y0, int x1, int y1) {
-    cv::Mat src = cv::cvarrToMat(hybrid->m_cropSrc);
-    for (int y = y0; y <= y1; ++y)
-      for (int x = x0; x <= x1; ++x) src.at<cv::Vec3b>(y, x) = cv::Vec3b::all(((x + y) & 1) ? 200 : 0);
-  }
   int optimal() { return hybrid->optimalLamda(hybrid->m_iterLabel, nullptr); }
 
   VELDSEHybrid* hybrid = nullptr;
@@ -111,96 +104,6 @@ TEST_F(LambdaSelection, ChosenTrialKeepsItsLabelsAndTheExactCandidate) {
   EXPECT_EQ(hybrid->m_lambda, 10.0);
 }
 
-TEST_F(LambdaSelection, NoAcceptableTrialFallsBackToInitialLabels) {
-  // Largest blob 99 pixels in every trial and none spans: fall-back.
-  for (IplImage* l : hybrid->m_iterLabel) blobOf(l, 99);
-  setPixel(hybrid->m_cropLabelInit, 1, 1, LABEL_FG);
-  for (bool greyPhoto : {false, true}) {
-    SCOPED_TRACE(greyPhoto);
-    VELDSEMarker::m_isGreyScale = greyPhoto;
-    cvSetZero(hybrid->m_cropLabel);
-    EXPECT_EQ(hybrid->parallelLamdaSwtich(3), 2);
-    EXPECT_EQ(hybrid->m_lambda, greyPhoto ? 3.0 : 4.0);
-    EXPECT_EQ(pixel(hybrid->m_cropLabel, 1, 1), LABEL_FG);
-    EXPECT_EQ(pixel(hybrid->m_cropLabel, 10, 10), LABEL_PR_BG);
-  }
-  // One pixel more and the same trials are acceptable.
-  blobOf(hybrid->m_iterLabel[2], 100);
-  EXPECT_NE(optimal(), -1);
-}
-
-TEST_F(LambdaSelection, NoContrastedBorderChoosesFirstTrial) {
-  // Every blob sits on its own checkerboard patch: verdict 2 for all.
-  const int x0[3] = {2, 15, 28};
-  for (int k = 0; k < 3; ++k) {
-    texture(x0[k], 5, x0[k] + 9, 34);
-    fillRect(hybrid->m_iterLabel[k], x0[k], 5, x0[k] + 9, 34, LABEL_FG);
-  }
-  EXPECT_EQ(optimal(), 0);
-  // Trial 1's blob now lies on the flat 100: only it passes.
-  cvSet(hybrid->m_cropSrc, cvScalarAll(100));
-  texture(x0[0], 5, x0[0] + 9, 34);
-  texture(x0[2], 5, x0[2] + 9, 34);
-  EXPECT_EQ(optimal(), 1) << "a single valid trial is chosen";
-}
-
-TEST_F(LambdaSelection, SpanningTrialWithSmallestKeptAreaWins) {
-  // Trial 0: ring + a separate blob of n pixels; it only counts when it is
-  // above (int)(272 * 0.7) = 190. Trial 1: ring with four pixels more (276).
-  // Trial 2 does not span.
-  struct Case {
-    int extra;
-    int expected;
-  } cases[] = {{190, 0}, {191, 1}, {0, 0}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.extra);
-    for (IplImage* l : hybrid->m_iterLabel) cvSet(l, cvScalarAll(LABEL_PR_BG));
-    ring(hybrid->m_iterLabel[0]);
-    blobOf(hybrid->m_iterLabel[0], c.extra, LABEL_FG);
-    ring(hybrid->m_iterLabel[1]);
-    fillRect(hybrid->m_iterLabel[1], 4, 4, 7, 4, LABEL_FG);
-    blobOf(hybrid->m_iterLabel[2], 150);
-    EXPECT_EQ(optimal(), c.expected);
-  }
-  // Equal areas: the earlier trial.
-  for (IplImage* l : hybrid->m_iterLabel) cvSet(l, cvScalarAll(LABEL_PR_BG));
-  ring(hybrid->m_iterLabel[1]);
-  ring(hybrid->m_iterLabel[2]);
-  EXPECT_EQ(optimal(), 1);
-}
-
-TEST_F(LambdaSelection, SpreadOfAreasPicksLastOrSecondToLast) {
-  // Non-spanning blobs of the given areas on a flat source: all verdicts 1.
-  // The spread is sum((mean - area / max)^2) against the limit 0.4.
-  struct Case {
-    int areas[3];
-    int expected;
-  } cases[] = {
-      {{300, 300, 300}, 1},  // spread 0
-      {{120, 200, 300}, 1},  // spread 0.181
-      {{70, 70, 300}, 1},    // spread 0.392
-      {{60, 60, 300}, 2},    // spread 0.427
-      {{30, 30, 300}, 2},    // spread 0.54
-      {{300, 30, 30}, 2},    // the order of the trials, not the areas, decides
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(::testing::Message() << c.areas[0] << "," << c.areas[1] << "," << c.areas[2]);
-    for (int k = 0; k < 3; ++k) {
-      cvSet(hybrid->m_iterLabel[k], cvScalarAll(LABEL_PR_BG));
-      blobOf(hybrid->m_iterLabel[k], c.areas[k]);
-    }
-    EXPECT_EQ(optimal(), c.expected);
-  }
-  // Trial 1 on a checkerboard fails the contrast test: V = {0, 2}, similar
-  // areas, so the second-to-last of V.
-  for (int k = 0; k < 3; ++k) cvSet(hybrid->m_iterLabel[k], cvScalarAll(LABEL_PR_BG));
-  blobOf(hybrid->m_iterLabel[0], 300);
-  fillRect(hybrid->m_iterLabel[1], 25, 5, 34, 24, LABEL_PR_FG);
-  texture(25, 5, 34, 24);
-  blobOf(hybrid->m_iterLabel[2], 290);
-  EXPECT_EQ(optimal(), 0);
-}
-
 TEST_F(LambdaSelection, BlobsAreFourConnected) {
   // Trial 1: a diagonal line (2, 2)-(37, 37) plus (3, 2). With 4-connectivity
   // its largest blob is {(2,2), (3,2), (3,3)}, every single pixel is below 70 %
@@ -210,33 +113,6 @@ TEST_F(LambdaSelection, BlobsAreFourConnected) {
   for (int i = 0; i < 36; ++i) setPixel(hybrid->m_iterLabel[1], 2 + i, 2 + i, LABEL_PR_FG);
   setPixel(hybrid->m_iterLabel[1], 3, 2, LABEL_FG);
   EXPECT_EQ(optimal(), 0);
-}
-
-TEST_F(LambdaSelection, BoundaryTestMargins) {
-  // 20 x 20 mask, fraction 0.15: margin (int)(20 * 0.15f) = 3 on each side.
-  struct Case {
-    int x0, y0, x1, y1;
-    bool expected;
-  } cases[] = {
-      {0, 0, 19, 19, true}, {2, 2, 18, 18, true}, {3, 2, 18, 18, false}, {2, 3, 18, 18, false},
-      {2, 2, 17, 18, false}, {2, 2, 18, 17, false}, {-1, -1, -1, -1, false},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(::testing::Message() << c.x0 << "," << c.y0 << "-" << c.x1 << "," << c.y1);
-    IplImage* mask = grey(20, 20, 0);
-    if (c.x0 >= 0) {
-      // Only the corners of the box: the bounding box, not the fill, matters.
-      setPixel(mask, c.x0, c.y0, 255);
-      setPixel(mask, c.x1, c.y1, 255);
-    }
-    EXPECT_EQ(hybrid->boundaryTest(mask, 0.15f), c.expected);
-    cvReleaseImage(&mask);
-  }
-  // Margins truncate a single-precision product: 10 * 0.15f -> 1.
-  IplImage* mask = grey(10, 10, 255);
-  EXPECT_FALSE(hybrid->boundaryTest(mask, 0.15f)) << "10 - 9 = 1 is not below 1";
-  EXPECT_TRUE(hybrid->boundaryTest(mask, 0.2f));
-  cvReleaseImage(&mask);
 }
 
 // Independent reading of the contrast rule: border pairs against interior
@@ -289,50 +165,6 @@ TEST_F(LambdaSelection, IntensityTestMatchesReferenceOnRandomScenes) {
   IplImage* empty = grey(kSize, kSize, 0);
   EXPECT_EQ(hybrid->intensityTest(empty), 2);
   cvReleaseImage(&empty);
-}
-
-TEST_F(LambdaSelection, HomogenousLamdaRegularisesOnlyTheBackgroundModel) {
-  // Component 0 of both models singular (all-zero covariance, determinant 0).
-  auto singular = [](VELDSEColorModel& m) {
-    m = VELDSEColorModel();
-    m.weight[0] = 1.0;
-  };
-  // Two well separated, well spread components: not homogeneous by the criterion.
-  auto twoColours = [](VELDSEColorModel& m) {
-    m = VELDSEColorModel();
-    for (int k = 0; k < 2; ++k) {
-      m.weight[k] = 0.5;
-      for (int ch = 0; ch < 3; ++ch) m.mean[k][ch] = 200.0 * k;
-      for (int d = 0; d < 3; ++d) m.covariance[k][4 * d] = 100.0;
-    }
-    m.setDeterminant();
-    m.weight[2] = 1e-3;  // a singular, negligible third component
-  };
-  struct Case {
-    bool bgSingle;  // single-colour background model
-    bool sticky;
-    int iter;
-    int expected;
-  } cases[] = {{true, false, 0, 0},  {true, false, 1, 1},  {false, false, 0, 1},
-               {false, true, 0, 0}, {false, true, 3, 0}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(::testing::Message() << c.bgSingle << " " << c.sticky << " " << c.iter);
-    singular(hybrid->m_fgModel);
-    if (c.bgSingle) singular(hybrid->m_bgModel); else twoColours(hybrid->m_bgModel);
-    hybrid->m_lambda = 8.0;
-    VELDSEMarker::m_isHomogenous = c.sticky;
-    VELDSEMarker::m_noiseLevel = 0.1;
-    EXPECT_EQ(hybrid->homogenousLamda(c.iter), c.expected);
-    EXPECT_EQ(VELDSEMarker::m_isHomogenous, c.expected == 0);
-    EXPECT_EQ(VELDSEMarker::m_noiseLevel, 0.1);
-    EXPECT_EQ(hybrid->m_lambda, c.expected == 0 ? 50.0 : 8.0);
-    // The object model is regularised in steps of 0.1; the background model's
-    // singular component in steps of 10.0 only for a homogeneous scene.
-    EXPECT_NEAR(hybrid->m_fgModel.covariance[0][0], 0.1, 1e-12);
-    const int k = c.bgSingle ? 0 : 2;
-    EXPECT_NEAR(hybrid->m_bgModel.covariance[k][0], c.expected == 0 ? 10.0 : 0.1, 1e-12);
-  }
-  VELDSEMarker::m_isHomogenous = false;
 }
 
 }  // namespace
