@@ -1,20 +1,16 @@
-// The segmentation driver: the five cuts, label updates, the fall-back to the
-// first cut, and the abandoned request (cancel flag and ten-second budget).
+// The segmentation driver: the fall-back to the first cut, and the abandoned
+// request (cancel flag and ten-second budget).
 #include <gtest/gtest.h>
 #include <hostlog/capture.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cmath>
 #include <ctime>
 #include <random>
 #include <vector>
 
 #include <opencv2/core.hpp>
-#include <opencv2/imgproc.hpp>
 
-#include "colormodel/kmeans_init.h"
-#include "colormodel/training.h"
 #include "engine/veldse_hybrid.h"
 #include "interface/segmentation_core.h"
 #include "interface/undo_redo.h"
@@ -105,33 +101,6 @@ class SegmentDriver : public ::testing::Test {
   }
 };
 
-TEST_F(SegmentDriver, RecoversDiscAndKeepsHardConstraints) {
-  for (bool grey : {false, true}) {
-    SCOPED_TRACE(grey ? "grey" : "colour");
-    startRectangle(240, 180, grey, 60, 30, 180, 150);
-    // Hard constraints in the box: an object seed at the centre, a background
-    // seed inside the rectangle's corner.
-    cv::Mat labels = cv::cvarrToMat(VELDSEMarker::m_labelImage);
-    labels(cv::Rect(118, 88, 4, 4)).setTo(LABEL_FG);
-    labels(cv::Rect(62, 32, 4, 4)).setTo(LABEL_BG);
-    IplImage* before = cvCloneImage(VELDSEMarker::m_labelImage);
-
-    IplImage* mask = pHybrid->segment();
-    ASSERT_NE(mask, nullptr);
-    expectNothingLeft();
-    cv::Mat truth = cv::Mat::zeros(180, 240, CV_8U), object = cv::cvarrToMat(mask) == 255;
-    cv::circle(truth, cv::Point(120, 90), 45, cv::Scalar(255), cv::FILLED);
-    EXPECT_GT(double(cv::countNonZero(truth & object)) / cv::countNonZero(truth | object), 0.95);
-    const cv::Mat b = cv::cvarrToMat(before), a = cv::cvarrToMat(VELDSEMarker::m_labelImage);
-    EXPECT_EQ(cv::countNonZero(((b == LABEL_BG) | (b == LABEL_FG)) & (a != b)), 0) << "hard codes changed";
-    EXPECT_EQ(*at(VELDSEMarker::m_labelImage, 63, 33), LABEL_BG);
-    EXPECT_EQ(VELDSEManageUndoRedo::m_current, 1) << "the result enters the history";
-    cvReleaseImage(&before);
-    cvReleaseImage(&mask);
-    deinitSegmentation();
-  }
-}
-
 TEST_F(SegmentDriver, ExitFlagOrTimeOutAbandonsAfterFirstCut) {
   for (bool byClock : {false, true}) {
     SCOPED_TRACE(byClock ? "ten-second budget" : "exit flag");
@@ -152,63 +121,6 @@ TEST_F(SegmentDriver, ExitFlagOrTimeOutAbandonsAfterFirstCut) {
     EXPECT_EQ(lines, 1);
     EXPECT_EQ(VELDSEManageUndoRedo::m_current, 0) << "no result recorded";
     deinitSegmentation();
-  }
-}
-
-TEST_F(SegmentDriver, CancelMemberTestsTimerAndFlag) {
-  g_cancelTimer = create_timer();
-  start_cpu_timer(g_cancelTimer);
-  VELDSEHybrid hybrid;
-  EXPECT_FALSE(hybrid.cancelSegmentation());
-  VELDSEMarker::m_exitApp = true;
-  EXPECT_TRUE(hybrid.cancelSegmentation());
-  VELDSEMarker::m_exitApp = false;
-  start_cpu_timer(g_cancelTimer);
-  g_clockJumps = true;  // the stop reading is 11 s after the start
-  EXPECT_TRUE(hybrid.cancelSegmentation());
-  g_clockJumps = false;
-  destroy_timer(g_cancelTimer);
-  g_cancelTimer = nullptr;
-}
-
-// Graph of w x h nodes without neighbour links whose node i goes to the
-// background side exactly when sink[i].
-VELDSEGraph* sidesGraph(int w, int h, const std::vector<bool>& sink) {
-  VELDSEGraph* g = new VELDSEGraph(w * h, 8 * w * h, w, h, 0);
-  g->reset();
-  g->addNode(w * h);
-  for (int i = 0; i < w * h; ++i)
-    for (int e = 0; e < 4; ++e) g->addEdge(i, i, 0.0f, 0.0f, true);
-  for (int i = 0; i < w * h; ++i) g->addtWeights(i, sink[i] ? 1.0f : 5.0f, sink[i] ? 5.0f : 1.0f);
-  g->maxFlow();
-  return g;
-}
-
-TEST_F(SegmentDriver, UpdateLabelImageKeepsHardCodesAndCountsObject) {
-  std::mt19937 rng(11);
-  for (const cv::Size size : {cv::Size(7, 9), cv::Size(5, 1)}) {
-    SCOPED_TRACE(size);
-    const int n = size.area();
-    VELDSEHybrid hybrid;
-    hybrid.m_boundWidth = size.width;
-    hybrid.m_boundHeight = size.height;
-    std::vector<bool> sink(n);
-    for (size_t i = 0; i < sink.size(); ++i) sink[i] = rng() % 2;
-    hybrid.m_graph = sidesGraph(size.width, size.height, sink);
-    hybrid.m_cropLabel = cvCreateImage(cvSize(size.width, size.height), IPL_DEPTH_8U, 1);
-    std::vector<unsigned char> codes(n);
-    for (int i = 0; i < n; ++i)  // 5: an unexpected code
-      *at(hybrid.m_cropLabel, i % size.width, i / size.width) = codes[i] = static_cast<unsigned char>(rng() % 6);
-    const int count = hybrid.updateLabelImage();
-    int expectedCount = 0;
-    for (int i = 0; i < n; ++i) {
-      const bool hard = codes[i] == LABEL_BG || codes[i] == LABEL_FG;
-      expectedCount += !hard && !sink[i];
-      EXPECT_EQ(*at(hybrid.m_cropLabel, i % size.width, i / size.width),
-                hard ? codes[i] : static_cast<unsigned char>(sink[i] ? LABEL_PR_BG : LABEL_PR_FG)) << "node " << i;
-    }
-    EXPECT_EQ(count, expectedCount);
-    hybrid.clearMemory();
   }
 }
 
