@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "colormodel/kmeans_init.h"
 #include "colormodel/training.h"
 #include "colormodel/veldse_color_model.h"
 #include "gtest/gtest.h"
@@ -247,6 +248,75 @@ TEST_F(ColorModelTest, UpdateModelMatchesReferenceRefit) {
         }
       }
     }
+  }
+}
+
+std::vector<pixelVal> blobs(cv::RNG& rng, const std::vector<int>& sizes) {
+  std::vector<pixelVal> s;
+  for (size_t b = 0; b < sizes.size(); ++b)
+    for (int i = 0; i < sizes[b]; ++i)
+      s.push_back(px(50.0 * b + rng.uniform(0.0, 4.0), 250.0 - 50.0 * b + rng.uniform(0.0, 4.0),
+                     20.0 * b + rng.uniform(0.0, 4.0)));
+  return s;
+}
+
+TEST_F(ColorModelTest, InitModelFindsSeparatedClustersReproducibly) {
+  cv::RNG rng(7);
+  const std::vector<int> sizes{300, 200, 250, 150, 100};
+  const std::vector<pixelVal> s = blobs(rng, sizes);
+  VELDSEColorModel a, b, c;
+  initModel(s, a, 10);
+  initModel(s, b, -3);  // the count argument has no effect
+  EXPECT_TRUE(sameBits(a, b));
+  initModelWithKmeansVELD(s, c);
+  EXPECT_TRUE(sameBits(a, c));
+  // Every blob becomes exactly one component.
+  std::vector<bool> seen(5, false);
+  for (int k = 0; k < 5; ++k) {
+    const int blob = static_cast<int>(std::lround((a.mean[k][0] - 2.0) / 50.0));
+    ASSERT_GE(blob, 0);
+    ASSERT_LT(blob, 5);
+    EXPECT_FALSE(seen[blob]);
+    seen[blob] = true;
+    EXPECT_DOUBLE_EQ(a.weight[k], sizes[blob] / 1000.0);
+    EXPECT_GT(a.determinant[k], 0.0);
+  }
+  VELDSEColorModel pa, pb;
+  initModel(s, blobs(rng, {5, 5, 5, 5, 5}), pa, pb, 0);
+  EXPECT_TRUE(sameBits(pa, a));
+}
+
+TEST_F(ColorModelTest, InitModelLeavesSmallSetsAlone) {
+  VELDSEColorModel m, before;
+  m.weight[2] = before.weight[2] = 0.5;
+  for (int n = 0; n <= 4; ++n) {
+    initModelWithKmeansVELD(std::vector<pixelVal>(n, px(1, 2, 3)), m);
+    EXPECT_TRUE(sameBits(m, before)) << n;
+  }
+}
+
+TEST_F(ColorModelTest, InitModelKeepsEmptyClustersAndSeedReclaim) {
+  // All samples equal: every seed is row 0 (total 0), cluster 0 takes all rows
+  // and the empty clusters 1..4 reclaim row 0 in turn, so cluster 4 ends with
+  // it and clusters 1..3 stay empty.
+  VELDSEColorModel m;
+  for (int k = 0; k < 5; ++k) {
+    m.weight[k] = 0.2;
+    m.mean[k][0] = -k;
+    m.covariance[k][0] = m.covariance[k][4] = m.covariance[k][8] = k + 1.0;
+  }
+  const VELDSEColorModel before = m;
+  initModelWithKmeansVELD(std::vector<pixelVal>(6, px(7, 8, 9)), m);
+  EXPECT_DOUBLE_EQ(m.weight[0], 5.0 / 6.0);
+  EXPECT_DOUBLE_EQ(m.weight[4], 1.0 / 6.0);
+  for (int k : {0, 4}) {
+    for (int c = 0; c < 3; ++c) EXPECT_EQ(m.mean[k][c], 7.0 + c);
+    for (int e = 0; e < 9; ++e) EXPECT_NEAR(m.covariance[k][e], 0.0, 1e-9);
+  }
+  for (int k = 1; k < 4; ++k) {
+    EXPECT_EQ(m.weight[k], before.weight[k]);
+    EXPECT_EQ(m.mean[k][0], before.mean[k][0]);
+    EXPECT_EQ(m.covariance[k][4], before.covariance[k][4]);
   }
 }
 
