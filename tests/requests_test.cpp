@@ -1,17 +1,21 @@
 // Requests through the exported functions: rectangle, loop and stroke cuts on
-// synthetic scenes (plain path and full-resolution re-cut), and requests
-// refused after a teardown.
+// synthetic scenes (plain path and full-resolution re-cut), the result
+// formats, stroke edits without a cut, the history, and the exit protocol.
 #include <gtest/gtest.h>
 #include <android/log.h>
 #include <hostlog/capture.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstdlib>
 #include <random>
+#include <thread>
 #include <vector>
 
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
+#include <opencv2/imgproc/imgproc_c.h>
 
 #include "interface/segmentation_core.h"
 #include "interface/undo_redo.h"
@@ -180,6 +184,193 @@ TEST_F(Requests, RectangleLoopAndStrokesRecoverTheObject) {
   }
 }
 
+TEST_F(Requests, RectanglePointListAndMarkerBlock) {
+  // Strong texture everywhere: the pre-processing trims nothing.
+  std::mt19937 rng(1);
+  Pixels photo(40 * 40);
+  for (unsigned int& p : photo) p = 0xFF000000u | (rng() & 0x00FFFFFFu) | 0x010101u;
+  Bytes mask(40 * 40, 77);
+  ASSERT_EQ(doSegmentationBB(40, 40, photo.data(), 10, 20, 13, 22, mask.data()), 0);
+  const std::vector<int> expected = {10, 20, 11, 20, 12, 20, 13, 20, 13, 21,
+                                     13, 22, 12, 22, 11, 22, 10, 22, 10, 21};
+  EXPECT_EQ(VELDSEMarker::currentStroke.points, expected);
+  EXPECT_EQ(VELDSEMarker::currentStroke.strokeType, 0);
+  // Inside the block the labels were undecided or probable object (now cut
+  // to 3 or 4); beyond the band (thickness 3, round ends) everything is
+  // background.
+  for (int y = 0; y < 40; ++y)
+    for (int x = 0; x < 40; ++x) {
+      const unsigned char code = reinterpret_cast<unsigned char*>(
+          VELDSEMarker::m_labelImage->imageData + y * VELDSEMarker::m_labelImage->widthStep)[x];
+      const int dx = x < 10 ? 10 - x : x > 13 ? x - 13 : 0;
+      const int dy = y < 20 ? 20 - y : y > 22 ? y - 22 : 0;
+      if (dx == 0 && dy == 0) {
+        EXPECT_TRUE(code == LABEL_PR_BG || code == LABEL_PR_FG) << x << "," << y;
+      } else if (dx >= 3 || dy >= 3) {
+        EXPECT_EQ(code, LABEL_BG) << x << "," << y;
+      }
+      if (dx >= 3 || dy >= 3) {
+        EXPECT_EQ(mask[y * 40 + x], 255) << x << "," << y;
+      }
+    }
+}
+
+// Context with a photo and a history but no engine: enough for edits.
+class Edits : public Requests {
+ protected:
+  void SetUp() override {
+    photo.resize(kW * kH);
+    for (int i = 0; i < kW * kH; ++i) photo[i] = 0xFF000000u | (i * 2654435761u & 0xFFFFFFu);
+    setSourceImage(kW, kH, photo.data());
+  }
+  // Records `m` (255 = object) as the latest history mask.
+  static void record(const cv::Mat& m) {
+    IplImage* header = cvCreateImageHeader(cvSize(m.cols, m.rows), IPL_DEPTH_8U, 1);
+    cvSetData(header, m.data, static_cast<int>(m.step));
+    VELDSEManageUndoRedo::updateBitPlane(header);
+    cvReleaseImageHeader(&header);
+  }
+  // Edit request with the given marker codes.
+  static void edit(const cv::Mat& codes, Pixels* blended, Bytes* mask) {
+    cv::Mat ints;
+    codes.convertTo(ints, CV_32S);
+    setMarkerImage(kW, kH, ints.ptr<int>(), 2);
+    ASSERT_EQ(cutOutImage(0, 0, 0, blended ? blended->data() : nullptr,
+                          mask ? mask->data() : nullptr),
+              0);
+  }
+  static cv::Mat fromBuffer(const Bytes& mask) {
+    cv::Mat m(kH, kW, CV_8U);
+    for (int i = 0; i < kW * kH; ++i) m.data[i] = mask[i] == 0 ? 255 : 0;
+    return m;
+  }
+  static constexpr int kW = 64, kH = 48;
+  Pixels photo;
+};
+
+TEST_F(Edits, CutOutAppliesMarkersOneAndTwoAndRecordsStep) {
+  cv::Mat previous = cv::Mat::zeros(kH, kW, CV_8U);
+  previous(cv::Rect(10, 10, 20, 20)).setTo(255);
+  record(previous);
+  cv::Mat codes = cv::Mat::zeros(kH, kW, CV_8U);
+  codes(cv::Rect(10, 10, 8, 20)).setTo(LABEL_BG);   // removes
+  codes(cv::Rect(40, 5, 6, 6)).setTo(LABEL_FG);     // adds
+  codes(cv::Rect(50, 30, 5, 5)).setTo(LABEL_PR_FG); // ignored
+  codes(cv::Rect(20, 12, 4, 4)).setTo(LABEL_PR_BG); // ignored
+  Bytes mask(kW * kH, 77);
+  edit(codes, nullptr, &mask);
+  cv::Mat expected = previous.clone();
+  expected(cv::Rect(10, 10, 8, 20)).setTo(0);
+  expected(cv::Rect(40, 5, 6, 6)).setTo(255);
+  EXPECT_EQ(cv::countNonZero(fromBuffer(mask) != expected), 0);
+  EXPECT_EQ(VELDSEManageUndoRedo::m_current, 2);
+  EXPECT_EQ(canUndo(), 1);
+  EXPECT_EQ(g_markerImage, nullptr);
+  EXPECT_EQ(g_resultMask, nullptr);
+  IplImage* latest = VELDSEManageUndoRedo::prevMask();
+  EXPECT_EQ(cv::countNonZero(cv::cvarrToMat(latest) != expected), 0);
+  cvReleaseImage(&latest);
+}
+
+TEST_F(Edits, OutlineArrayLayoutAndOneTimeDelivery) {
+  cv::Mat shapes = cv::Mat::zeros(kH, kW, CV_8U);
+  shapes(cv::Rect(4, 4, 20, 16)).setTo(255);
+  shapes(cv::Rect(9, 8, 6, 5)).setTo(0);  // a hole: its own contour in list mode
+  cv::circle(shapes, cv::Point(45, 30), 9, cv::Scalar(255), cv::FILLED);
+  record(shapes);
+  Pixels blended = photo;
+  Bytes mask(kW * kH, 77);
+  edit(cv::Mat::zeros(kH, kW, CV_8U), &blended, &mask);
+  EXPECT_EQ(cv::countNonZero(fromBuffer(mask) != shapes), 0);
+
+  // Reference: the same contours from the matrix interface.
+  std::vector<std::vector<cv::Point>> ref;
+  cv::findContours(shapes.clone(), ref, cv::RETR_LIST, cv::CHAIN_APPROX_SIMPLE);
+  ASSERT_EQ(ref.size(), 3u);
+  int* array = nullptr;
+  int count = 0;
+  EXPECT_EQ(fetch_path_array(&array, &count), 0);
+  size_t points = 0;
+  for (const auto& c : ref) points += c.size();
+  ASSERT_EQ(count, static_cast<int>(2 * (ref.size() + points) + 1));
+  std::vector<int> expected = {static_cast<int>(ref.size())};
+  for (const auto& c : ref) {
+    expected.push_back(static_cast<int>(c.size()));
+    for (const cv::Point& p : c) { expected.push_back(p.x); expected.push_back(p.y); }
+    expected.push_back(-1);
+  }
+  EXPECT_EQ(std::vector<int>(array, array + count), expected);
+  delete[] array;
+
+  EXPECT_EQ(fetch_path_array(&array, &count), 0);
+  ASSERT_EQ(count, 1);
+  EXPECT_EQ(array[0], 0) << "delivered once";
+  delete[] array;
+
+  // Preview: exactly the full-intensity pixels of the anti-aliased outline.
+  cv::Mat outline = cv::Mat::zeros(kH, kW, CV_8U);
+  std::vector<std::vector<cv::Point>> all;
+  cv::findContours(shapes.clone(), all, cv::RETR_LIST, cv::CHAIN_APPROX_SIMPLE);
+  cv::drawContours(outline, all, -1, cv::Scalar(255), 2, cv::LINE_AA);
+  int painted = 0, fringe = 0;
+  for (int i = 0; i < kW * kH; ++i) {
+    const bool solid = outline.data[i] == 255;
+    painted += solid;
+    fringe += outline.data[i] > 0 && !solid;
+    EXPECT_EQ(blended[i], solid ? 0xFFFFFF00u : photo[i]) << "pixel " << i;
+  }
+  EXPECT_GT(painted, 50);
+  EXPECT_GT(fringe, 0) << "the reference has a fringe that must stay unpainted";
+}
+
+TEST_F(Edits, HistoryThroughExportedFunctions) {
+  cv::Mat a = cv::Mat::zeros(kH, kW, CV_8U), b = a.clone();
+  a(cv::Rect(5, 5, 10, 10)).setTo(255);
+  b(cv::Rect(30, 20, 12, 12)).setTo(255);
+  record(a);
+  cv::Mat codes = cv::Mat::zeros(kH, kW, CV_8U);
+  codes(cv::Rect(30, 20, 12, 12)).setTo(LABEL_FG);
+  codes(cv::Rect(5, 5, 10, 10)).setTo(LABEL_BG);
+  edit(codes, nullptr, nullptr);  // B, by an edit of A
+  EXPECT_EQ(canUndo(), 1);
+  EXPECT_EQ(canRedo(), 0);
+
+  Pixels blended(kW * kH, 0);
+  Bytes mask(kW * kH, 77);
+  struct Step {
+    const char* name;
+    int (*call)(unsigned int*, unsigned char*);
+    const cv::Mat* expected;  // null: the plain photo, mask untouched
+    int canUndo, canRedo;
+  } steps[] = {
+      {"undo to A", undo, &a, 0, 1},
+      {"undo to the photo", undo, nullptr, 0, 1},
+      {"undo at the bottom", undo, nullptr, 0, 1},
+      {"redo to A", redo, &a, 0, 1},
+      {"redo to B", redo, &b, 1, 0},
+      {"redo at the top", redo, &b, 1, 0},
+  };
+  for (const Step& s : steps) {
+    SCOPED_TRACE(s.name);
+    std::fill(mask.begin(), mask.end(), 77);
+    std::fill(blended.begin(), blended.end(), 0u);
+    g_exitStatus = 1;  // without a cancel this arms nothing and is cleared
+    EXPECT_EQ(s.call(blended.data(), mask.data()), 0);
+    EXPECT_EQ(g_exitStatus.load(), 0);
+    if (s.expected == nullptr) {
+      EXPECT_EQ(mask, Bytes(kW * kH, 77));
+      Pixels plain(kW * kH);
+      copySourceImage(plain.data());
+      EXPECT_EQ(blended, plain);
+    } else {
+      EXPECT_EQ(cv::countNonZero(fromBuffer(mask) != *s.expected), 0);
+      EXPECT_GT(std::count(blended.begin(), blended.end(), 0xFFFFFF00u), 20);
+    }
+    EXPECT_EQ(canUndo(), s.canUndo);
+    EXPECT_EQ(canRedo(), s.canRedo);
+  }
+}
+
 class ExitProtocol : public Requests {
  protected:
   void start(int w, int h) {
@@ -209,6 +400,19 @@ class ExitProtocol : public Requests {
   Pixels blended;
   Bytes mask;
 };
+
+TEST_F(ExitProtocol, FlagsSetBeforehand) {
+  start(320, 240);
+  Pixels plain(scene.argb.size());
+  copySourceImage(plain.data());
+  cancelSegmentation();
+  exitSegmentation();
+  EXPECT_EQ(processSegment(0, 0, 0, blended.data(), mask.data()), -1);
+  expectTornDown();
+  EXPECT_EQ(g_exitStatus.load(), 1) << "left for the bridge to see";
+  EXPECT_EQ(blended, plain) << "abandoned cut: the plain photo";
+  EXPECT_EQ(mask, Bytes(mask.size(), 77));
+}
 
 // After a cancel-and-exit, cutOutImage, undo and redo tear the context down
 // yet return 0, so a bridge may send its next request into no context at all.
