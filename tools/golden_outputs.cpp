@@ -23,6 +23,7 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <map>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -274,7 +275,8 @@ std::vector<Case> smallCorpus(const std::string& root) {
   };
 }
 
-// GrabCut photos listed in rects.tsv (id, x1, y1, x2, y2).
+// GrabCut photos: rects.tsv (id, x1, y1, x2, y2) and manifest.tsv (id, photo
+// path, ...).
 std::vector<Case> largeCorpus(const std::string& root, const std::string& dataset) {
   const std::string s = root + "/samples/";
   std::vector<Case> cases = {
@@ -288,11 +290,18 @@ std::vector<Case> largeCorpus(const std::string& root, const std::string& datase
         "cut-object 100 300 140 310"}},
       {"camera-3mp-grey", s + "camera.png", 3.0, 0, {"rect 100 30 420 500", "object 250 200 260 260"}},
   };
+  std::map<std::string, std::string> photos;
+  std::ifstream manifest(dataset + "/manifest.tsv");
+  for (std::string line; std::getline(manifest, line);) {
+    std::istringstream fields(line);
+    std::string id, path;
+    if (fields >> id >> path) photos[id] = dataset + "/" + path;
+  }
   std::ifstream rects(dataset + "/rects.tsv");
   std::string id;
   int x1, y1, x2, y2, k = 0;
   while (rects >> id >> x1 >> y1 >> x2 >> y2) {
-    const std::string photo = dataset + "/images/" + id + ".jpg";
+    const std::string photo = photos[id];
     const std::string rect = "rect " + std::to_string(x1) + " " + std::to_string(y1) + " " +
                              std::to_string(x2) + " " + std::to_string(y2);
     const std::string lasso = dataset + "/trimaps/lasso/" + id + ".bmp";
