@@ -9,9 +9,21 @@
 //
 // Trimap codes: 7 fixed (outside the band: no edges, no terminal links),
 // 1 outer ring (background), 0 the band, 2 inner ring (object).
+//
+// Cost. On a large photo the box round the band is most of the photo while
+// the band itself is a few percent of it, so nothing here is built at the
+// box's or the photo's size that the band does not need:
+//   * the graph holds only the non-fixed pixels (graph/band_graph.h); a fixed
+//     pixel has no terminal link and no edge, so no search ever reaches it
+//     and leaving it out changes neither the cut nor the flow;
+//   * the enlarged trimap and labels are never materialised: the
+//     nearest-neighbour enlargement is a pair of index maps (one per axis,
+//     taken from cvResize itself), read through where a pixel is needed;
+//   * the photo is read in place through a header on the box.
 #include <climits>
 #include <cmath>
 #include <cstdlib>
+#include <vector>
 
 #include <android/log.h>
 #include <opencv2/core/core_c.h>
@@ -19,6 +31,7 @@
 
 #include "engine/engine_util.h"
 #include "engine/veldse_hybrid.h"
+#include "graph/band_graph.h"
 #include "interface/veldse_marker.h"
 #include "support/veld_memory.h"
 
@@ -37,6 +50,45 @@ void releaseImage(IplImage*& image) {
 IplImage* createChecked(int width, int height, int line) {
   checkImageSize(width, height, "intelligentUpscaling", line);
   return cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 1);
+}
+
+// Where cvResize with CV_INTER_NN takes each of `to` output columns (or rows)
+// from, out of `from`: the map is separable, so resizing a single row of
+// indices gives exactly the columns (rows) an image of any height (width)
+// would take.
+std::vector<int> nearestMap(int from, int to) {
+  std::vector<int> map(to > 0 ? to : 0);
+  if (from < 1 || to < 1) return map;
+  IplImage* src = cvCreateImage(cvSize(from, 1), IPL_DEPTH_32S, 1);
+  IplImage* dst = cvCreateImage(cvSize(to, 1), IPL_DEPTH_32S, 1);
+  int* s = imageRow<int>(src, 0);
+  for (int i = 0; i < from; ++i) s[i] = i;
+  cvResize(src, dst, CV_INTER_NN);
+  const int* d = imageRow<int>(dst, 0);
+  for (int i = 0; i < to; ++i) map[i] = d[i];
+  cvReleaseImage(&src);
+  cvReleaseImage(&dst);
+  return map;
+}
+
+// A working-size image seen at full size through the nearest-neighbour maps.
+struct Enlarged {
+  const IplImage* image;
+  const std::vector<int>* xs;
+  const std::vector<int>* ys;
+  const unsigned char* row(int y) const { return imageRow(image, (*ys)[y]); }
+  int column(int x) const { return (*xs)[x]; }
+};
+
+// The box [x0, x0 + w) x [y0, y0 + h) of an enlarged image, as a new image.
+IplImage* cropEnlarged(const Enlarged& e, int x0, int y0, int w, int h) {
+  IplImage* crop = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, 1);
+  for (int y = 0; y < h; ++y) {
+    const unsigned char* in = e.row(y0 + y);
+    unsigned char* out = imageRow(crop, y);
+    for (int x = 0; x < w; ++x) out[x] = in[e.column(x0 + x)];
+  }
+  return crop;
 }
 
 }  // namespace
@@ -59,33 +111,36 @@ int VELDSEHybrid::constructGraphTrimapVELD(IplImage* img, IplImage* /*extraTex*/
                                            IplImage* texHor, IplImage* texVer) {
   const int width = m_boundWidthTrimap;
   const int height = m_boundHeightTrimap;
-  const int n = width * height;
-  m_trimapGraph = new VELDSEGraph(n, 8 * n, width, height, 0);
+  // Only the pixels that take part in the cut become nodes (see the top of
+  // this file); node k is the k-th of them in row-major order.
+  int n = 0;
+  for (int y = 0; y < height; ++y) {
+    const unsigned char* code = imageRow(trimap, y);
+    for (int x = 0; x < width; ++x) n += code[x] != kFixed;
+  }
+  m_trimapGraph = createBandGraph(n, width, height);
   VELDSEGraph* graph = m_trimapGraph;
   if (graph->m_nodes == nullptr || graph->m_caps == nullptr) return 1;
   graph->reset();
   graph->addNode(n);
 
-  // Terminal links. Fixed pixels get none, so they stay isolated.
+  // Terminal links.
   const bool grey = VELDSEMarker::m_isGreyScale;
+  int node = 0;
   for (int y = 0; y < height; ++y) {
     const unsigned char* code = imageRow(trimap, y);
     const unsigned char* px = imageRow(img, y);
     const unsigned char* hor = grey ? imageRow(texHor, y) : nullptr;
     const unsigned char* ver = grey ? imageRow(texVer, y) : nullptr;
     for (int x = 0; x < width; ++x, px += 3) {
-      const int node = x + y * width;
       switch (code[x]) {
+        case kFixed:
+          continue;
         case kOuterRing:
           graph->addtWeights(node, 0.0f, kHardConstraint);
           break;
         case kInnerRing:
           graph->addtWeights(node, kHardConstraint, 0.0f);
-          break;
-        case kFixed:
-          // addtWeights(node, 0, 0) on a fresh node leaves trCap at +0 and
-          // adds 0 to the flow: nothing to write, and most of the box is
-          // fixed.
           break;
         default: {
           pixelVal sample;
@@ -98,6 +153,7 @@ int VELDSEHybrid::constructGraphTrimapVELD(IplImage* img, IplImage* /*extraTex*/
           break;
         }
       }
+      ++node;
     }
   }
 
@@ -123,73 +179,39 @@ int VELDSEHybrid::constructGraphTrimapVELD(IplImage* img, IplImage* /*extraTex*/
     return static_cast<float>(lambda * table[std::abs(p[0] - q[0])] * table[std::abs(p[1] - q[1])] *
                               table[std::abs(p[2] - q[2])]);
   };
-  auto absent = [&](int node) { graph->addEdge(node, node, 0.0f, 0.0f, true); };
-
-  // Row 0: only left links.
-  {
-    const unsigned char* code = imageRow(trimap, 0);
-    absent(0);
-    absent(0);
-    absent(0);
-    absent(0);
-    for (int x = 1; x < width; ++x) {
-      const bool off = code[x] == kFixed || code[x - 1] == kFixed;
-      graph->addEdge(x, x - 1, horizontal, horizontal, off);
-      absent(x);
-      absent(x);
-      absent(x);
-    }
-  }
-  for (int y = 1; y < height; ++y) {
+  // Node index of each pixel of the previous and the current row (-1: fixed
+  // or outside the box).
+  std::vector<int> upIndex(width + 2, -1), rowIndex(width + 2, -1);
+  int* up = upIndex.data() + 1;
+  int* cur = rowIndex.data() + 1;
+  const unsigned char* rowUp = nullptr;
+  node = 0;
+  for (int y = 0; y < height; ++y) {
     const unsigned char* code = imageRow(trimap, y);
-    const unsigned char* codeUp = imageRow(trimap, y - 1);
     const unsigned char* row = imageRow(colours, y);
-    const unsigned char* rowUp = imageRow(colours, y - 1);
     for (int x = 0; x < width; ++x) {
-      const int node = x + y * width;
       if (code[x] == kFixed) {
-        // A fixed pixel never joins a tree, so the solver reads its pairs
-        // only from a non-fixed neighbour at the other end of one of them.
-        // Deep inside a fixed area nobody does: those pairs are passed over
-        // unwritten, which keeps most of the box's capacity pages untouched
-        // (the box around a long band is mostly fixed).
-        const bool reachable = (x > 0 && (code[x - 1] != kFixed || codeUp[x - 1] != kFixed)) ||
-                               codeUp[x] != kFixed || (x < width - 1 && codeUp[x + 1] != kFixed);
-        if (reachable) {
-          absent(node);
-          absent(node);
-          absent(node);
-          absent(node);
-        } else {
-          graph->skipNodeEdges();
-        }
+        cur[x] = -1;
         continue;
       }
+      cur[x] = node;
+      const int left = cur[x - 1];
+      const int upLeft = y > 0 ? up[x - 1] : -1;
+      const int above = y > 0 ? up[x] : -1;
+      const int upRight = y > 0 && x < width - 1 ? up[x + 1] : -1;
+      setBandNeighbours(graph, node, left, upLeft, above, upRight);
       const unsigned char* p = row + 3 * x;
-      if (x == 0 || code[x - 1] == kFixed) {
-        absent(node);
-      } else {
-        graph->addEdge(node, node - 1, horizontal, horizontal, false);
-      }
-      if (x == 0 || codeUp[x - 1] == kFixed) {
-        absent(node);
-      } else {
-        const float w = diagonal(p, rowUp + 3 * (x - 1));
-        graph->addEdge(node, node - width - 1, w, w, false);
-      }
-      if (codeUp[x] == kFixed) {
-        absent(node);
-      } else {
-        const float w = vertical(p, rowUp + 3 * x);
-        graph->addEdge(node, node - width, w, w, false);
-      }
-      if (x == width - 1 || codeUp[x + 1] == kFixed) {
-        absent(node);
-      } else {
-        const float w = diagonal(p, rowUp + 3 * (x + 1));
-        graph->addEdge(node, node - width + 1, w, w, false);
-      }
+      graph->addEdge(node, left, horizontal, horizontal, left < 0);
+      const float wUpLeft = upLeft < 0 ? 0.0f : diagonal(p, rowUp + 3 * (x - 1));
+      graph->addEdge(node, upLeft, wUpLeft, wUpLeft, upLeft < 0);
+      const float wUp = above < 0 ? 0.0f : vertical(p, rowUp + 3 * x);
+      graph->addEdge(node, above, wUp, wUp, above < 0);
+      const float wUpRight = upRight < 0 ? 0.0f : diagonal(p, rowUp + 3 * (x + 1));
+      graph->addEdge(node, upRight, wUpRight, wUpRight, upRight < 0);
+      ++node;
     }
+    std::swap(up, cur);
+    rowUp = row;
   }
 
   VELD_Free_Msg(table, "constructGraphTrimapVELD", 2631);
@@ -200,8 +222,10 @@ IplImage* VELDSEHybrid::intelligentUpscaling(IplImage* mask) {
   m_trimapGraph = nullptr;
   const int fullW = VELDSEMarker::m_originalWidth;
   const int fullH = VELDSEMarker::m_originalHeight;
-  IplImage* trimap = createChecked(fullW, fullH, 1810);
-  IplImage* fallback = createChecked(fullW, fullH, 1811);
+  // The full-size trimap and the fallback mask: the first is only ever read
+  // through the enlargement maps, the second is made on the fallback path.
+  checkImageSize(fullW, fullH, "intelligentUpscaling", 1810);
+  checkImageSize(fullW, fullH, "intelligentUpscaling", 1811);
   IplImage* sum = createChecked(mask->width, mask->height, 1812);
   IplImage* scratch = createChecked(mask->width, mask->height, 1813);
 
@@ -227,35 +251,52 @@ IplImage* VELDSEHybrid::intelligentUpscaling(IplImage* mask) {
     }
   }
 
-  IplImage* labels = createChecked(fullW, fullH, 1870);
-  cvSetZero(labels);
-  cvResize(VELDSEMarker::m_labelImage, labels, CV_INTER_NN);
-  cvResize(sum, trimap, CV_INTER_NN);
+  // The enlarged labels (the working label image at full size).
+  checkImageSize(fullW, fullH, "intelligentUpscaling", 1870);
+  const IplImage* labelImage = VELDSEMarker::m_labelImage;
+  const std::vector<int> sumXs = nearestMap(sum->width, fullW);
+  const std::vector<int> sumYs = nearestMap(sum->height, fullH);
+  const bool sameSize = labelImage->width == sum->width && labelImage->height == sum->height;
+  const std::vector<int> labelXs = sameSize ? std::vector<int>() : nearestMap(labelImage->width, fullW);
+  const std::vector<int> labelYs = sameSize ? std::vector<int>() : nearestMap(labelImage->height, fullH);
+  const Enlarged trimap{sum, &sumXs, &sumYs};
+  const Enlarged labels{labelImage, sameSize ? &sumXs : &labelXs, sameSize ? &sumYs : &labelYs};
 
-  // Box of everything that is not fixed.
-  int xmin = INT_MAX, xmax = -1, ymin = INT_MAX, ymax = -1;
-  for (int y = 0; y < trimap->height; ++y) {
-    const unsigned char* t = imageRow(trimap, y);
-    for (int x = 0; x < trimap->width; ++x) {
-      if (t[x] == kFixed) continue;
-      if (x < xmin) xmin = x;
-      if (x > xmax) xmax = x;
-      if (y < ymin) ymin = y;
-      if (y > ymax) ymax = y;
+  // Box of everything that is not fixed: the enlarged columns and rows whose
+  // working column or row holds a non-fixed pixel of a used row or column.
+  std::vector<unsigned char> usedRow(sum->height, 0), usedColumn(sum->width, 0);
+  std::vector<unsigned char> bandColumn(sum->width, 0), bandRow(sum->height, 0);
+  for (int y = 0; y < fullH; ++y) usedRow[sumYs[y]] = 1;
+  for (int x = 0; x < fullW; ++x) usedColumn[sumXs[x]] = 1;
+  for (int sy = 0; sy < sum->height; ++sy) {
+    if (!usedRow[sy]) continue;
+    const unsigned char* t = imageRow(sum, sy);
+    for (int sx = 0; sx < sum->width; ++sx) {
+      if (t[sx] == kFixed || !usedColumn[sx]) continue;
+      bandColumn[sx] = 1;
+      bandRow[sy] = 1;
     }
+  }
+  int xmin = INT_MAX, xmax = -1, ymin = INT_MAX, ymax = -1;
+  for (int x = 0; x < fullW; ++x) {
+    if (!bandColumn[sumXs[x]]) continue;
+    if (x < xmin) xmin = x;
+    xmax = x;
+  }
+  for (int y = 0; y < fullH; ++y) {
+    if (!bandRow[sumYs[y]]) continue;
+    if (y < ymin) ymin = y;
+    ymax = y;
   }
   m_boundWidthTrimap = xmax - xmin + 1;
   m_boundHeightTrimap = ymax - ymin + 1;
 
   IplImage* trimapCrop = nullptr;
-  IplImage* photoCrop = nullptr;
-  IplImage* horFull = nullptr;
-  IplImage* verFull = nullptr;
+  IplImage* photoBox = nullptr;
   IplImage* horCrop = nullptr;
   IplImage* verCrop = nullptr;
   bool failed = false;
-  if (xmin >= trimap->width || ymin >= trimap->height || xmax - xmin < 0 || ymax - ymin < 0 || xmax < 0 ||
-      ymax < 0) {
+  if (xmin >= fullW || ymin >= fullH || xmax - xmin < 0 || ymax - ymin < 0 || xmax < 0 || ymax < 0) {
     __android_log_print(ANDROID_LOG_ERROR, "Error", "Failed: xmin:%d, xmax:%d, ymin:%d, ymax:%d", xmin, xmax,
                         ymin, ymax);
     failed = true;
@@ -267,18 +308,25 @@ IplImage* VELDSEHybrid::intelligentUpscaling(IplImage* mask) {
     __android_log_print(ANDROID_LOG_INFO, "Info", "m_boundWidthTrimap:%d, m_boundHeightTrimap:%d",
                         m_boundWidthTrimap, m_boundHeightTrimap);
 
-    trimapCrop = cropImageTrimap(trimap, m_boundWidthTrimap, m_boundHeightTrimap, ymin, xmin);
-    photoCrop = cropImageTrimap(VELDSEMarker::m_originalImage, m_boundWidthTrimap, m_boundHeightTrimap, ymin, xmin);
+    trimapCrop = cropEnlarged(trimap, xmin, ymin, m_boundWidthTrimap, m_boundHeightTrimap);
+    // The builder only reads the photo, so a header on the box serves as its
+    // crop.
+    const IplImage* photo = VELDSEMarker::m_originalImage;
+    photoBox = cvCreateImageHeader(cvSize(m_boundWidthTrimap, m_boundHeightTrimap), IPL_DEPTH_8U, 3);
+    cvSetData(photoBox, photo->imageData + static_cast<long>(ymin) * photo->widthStep + 3 * xmin,
+              photo->widthStep);
     if (VELDSEMarker::m_isGreyScale) {
-      horFull = createChecked(fullW, fullH, 1981);
-      verFull = createChecked(fullW, fullH, 1982);
-      cvResize(VELDSEMarker::m_texHor, horFull, CV_INTER_NN);
-      cvResize(VELDSEMarker::m_texVer, verFull, CV_INTER_NN);
-      horCrop = cropImageTrimap(horFull, m_boundWidthTrimap, m_boundHeightTrimap, ymin, xmin);
-      verCrop = cropImageTrimap(verFull, m_boundWidthTrimap, m_boundHeightTrimap, ymin, xmin);
+      checkImageSize(fullW, fullH, "intelligentUpscaling", 1981);
+      checkImageSize(fullW, fullH, "intelligentUpscaling", 1982);
+      const IplImage* hor = VELDSEMarker::m_texHor;
+      const IplImage* ver = VELDSEMarker::m_texVer;
+      const std::vector<int> texXs = nearestMap(hor->width, fullW);
+      const std::vector<int> texYs = nearestMap(hor->height, fullH);
+      horCrop = cropEnlarged(Enlarged{hor, &texXs, &texYs}, xmin, ymin, m_boundWidthTrimap, m_boundHeightTrimap);
+      verCrop = cropEnlarged(Enlarged{ver, &texXs, &texYs}, xmin, ymin, m_boundWidthTrimap, m_boundHeightTrimap);
     }
 
-    const int status = constructGraphTrimapVELD(photoCrop, horCrop, trimapCrop, horCrop, verCrop);
+    const int status = constructGraphTrimapVELD(photoBox, horCrop, trimapCrop, horCrop, verCrop);
     if (status != 0) {
       __android_log_print(ANDROID_LOG_ERROR, "Error", "Failed: intelligentUpscaling (status_flag = %d)", status);
       failed = true;
@@ -287,24 +335,29 @@ IplImage* VELDSEHybrid::intelligentUpscaling(IplImage* mask) {
 
   IplImage* result = nullptr;
   if (!failed) {
-    m_trimapGraph->maxFlow();
-    // Only the band takes the new cut; the rings and the fixed pixels keep
-    // the enlarged working labels.
-    for (int y = 0; y < m_boundHeightTrimap; ++y) {
-      const unsigned char* t = imageRow(trimapCrop, y);
-      unsigned char* e = imageRow(labels, ymin + y) + xmin;
-      for (int x = 0; x < m_boundWidthTrimap; ++x) {
-        if (t[x] != kBand) continue;
-        e[x] = m_trimapGraph->getTreeofNode(x + y * m_boundWidthTrimap) == 1 ? LABEL_PR_BG : LABEL_PR_FG;
-      }
-    }
+    bandMaxFlow(m_trimapGraph);
+    // The enlarged working labels (object: codes 2 and 4), then the band
+    // takes the new cut; the rings and the fixed pixels keep the labels.
     result = createChecked(fullW, fullH, 2085);
     for (int y = 0; y < fullH; ++y) {
-      const unsigned char* e = imageRow(labels, y);
+      const unsigned char* e = labels.row(y);
       unsigned char* r = imageRow(result, y);
-      for (int x = 0; x < fullW; ++x) r[x] = (e[x] == LABEL_FG || e[x] == LABEL_PR_FG) ? 255 : 0;
+      for (int x = 0; x < fullW; ++x) {
+        const unsigned char code = e[labels.column(x)];
+        r[x] = (code == LABEL_FG || code == LABEL_PR_FG) ? 255 : 0;
+      }
     }
-    releaseImage(fallback);
+    int node = 0;
+    for (int y = 0; y < m_boundHeightTrimap; ++y) {
+      const unsigned char* t = imageRow(trimapCrop, y);
+      unsigned char* r = imageRow(result, ymin + y) + xmin;
+      for (int x = 0; x < m_boundWidthTrimap; ++x) {
+        if (t[x] == kFixed) continue;
+        // Sink side (1) is background.
+        if (t[x] == kBand) r[x] = m_trimapGraph->getTreeofNode(node) == 1 ? 0 : 255;
+        ++node;
+      }
+    }
   } else {
     // Plain enlargement of the working mask.
     for (int y = 0; y < mask->height; ++y) {
@@ -313,20 +366,16 @@ IplImage* VELDSEHybrid::intelligentUpscaling(IplImage* mask) {
         if (m[x] == 1) m[x] = 255;
       }
     }
-    cvResize(mask, fallback, CV_INTER_NN);
-    result = fallback;
+    result = cvCreateImage(cvSize(fullW, fullH), IPL_DEPTH_8U, 1);
+    cvResize(mask, result, CV_INTER_NN);
   }
 
   delete m_trimapGraph;
   m_trimapGraph = nullptr;
-  releaseImage(trimap);
   releaseImage(sum);
   releaseImage(scratch);
-  releaseImage(labels);
   releaseImage(trimapCrop);
-  releaseImage(photoCrop);
-  releaseImage(horFull);
-  releaseImage(verFull);
+  if (photoBox != nullptr) cvReleaseImageHeader(&photoBox);
   releaseImage(horCrop);
   releaseImage(verCrop);
   return result;

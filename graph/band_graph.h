@@ -1,0 +1,56 @@
+// Band graphs: the grid graph of graph/veldse_graph.h restricted to some of
+// the pixels of its box.
+//
+// The full-resolution re-cut fixes nearly all of its box and cuts only a thin
+// band. A band graph holds just the band's pixels, yet its solver visits them
+// exactly as the full grid solver would visit the same pixels when every other
+// pixel of the box is isolated (no terminal link, no edge): the same node
+// order (row-major), the same fixed neighbour order, the same queues. So the
+// cut, the trees and the flow are identical, at the cost of the band instead
+// of the box.
+//
+// A band graph is a VELDSEGraph object: node i is the i-th band pixel in
+// row-major order and owns the capacity floats 8i .. 8i+7 exactly as a grid
+// node does (pairs towards its left, upper-left, up and upper-right
+// neighbours; ABSENT_EDGE where that neighbour is not in the band). Where a
+// grid node finds its neighbours by arithmetic, a band node looks them up in
+// a table of 8 node indices per node (-1: no band pixel there), kept in the
+// same allocation as the capacities, just past m_capMax, so that deleting the
+// graph frees it too. m_width and m_height give the box.
+//
+// Building one (the calls of a grid builder, plus the neighbour table):
+//     VELDSEGraph* g = createBandGraph(n, boxWidth, boxHeight);
+//     if (g->m_nodes == nullptr || g->m_caps == nullptr) give up;
+//     g->reset(); g->addNode(n);
+//     g->addtWeights(i, ...) for the nodes in index order;
+//     for i in 0 .. n-1:
+//       setBandNeighbours(g, i, left, upLeft, up, upRight);   // node or -1
+//       four addEdge calls as for a grid node (absent where the index is -1)
+//     bandMaxFlow(g);  then g->getTreeofNode(i).
+// Never call the grid solver (maxFlow, maxFlowSerialCall) on a band graph.
+#ifndef SEGCORE_GRAPH_BAND_GRAPH_H
+#define SEGCORE_GRAPH_BAND_GRAPH_H
+
+#include "graph/veldse_graph.h"
+
+// A graph of nodeCount band nodes in a width x height box: node records, four
+// capacity pairs per node and the neighbour table (all -1), one thread. The
+// arrays may be null when memory is short; the caller checks as for a grid.
+// Cost per node: 20 bytes of record (32-bit ARM; 32 on x86_64), 32 of
+// capacities, 32 of neighbour table.
+VELDSEGraph* createBandGraph(int nodeCount, int width, int height);
+
+// Node i's earlier neighbours (left, upper-left, up, upper-right: node index
+// or -1); records i as their later neighbour in turn. Call once per node,
+// in index order, before i's four addEdge calls.
+void setBandNeighbours(VELDSEGraph* g, int i, int left, int upLeft, int up, int upRight);
+
+// The neighbour index of node i in direction k (the fixed order left,
+// upper-left, up, upper-right, right, lower-right, down, lower-left), or -1.
+int bandNeighbour(const VELDSEGraph* g, int i, int k);
+
+// maxFlow() of a band graph: tree initialisation in node order, then the
+// serial two-tree solver with the same cancel and time-limit checks.
+float bandMaxFlow(VELDSEGraph* g);
+
+#endif

@@ -1,0 +1,384 @@
+// The two-search-tree solver shared by the grid graph and the band graph.
+//
+// Internal to graph/: VELDSEGraph's methods and the band solver instantiate
+// these templates with their topology. Everything here works on a
+// VELDSEGraph's node records, capacity floats and queues.
+#ifndef SEGCORE_GRAPH_SOLVER_CORE_H
+#define SEGCORE_GRAPH_SOLVER_CORE_H
+
+#include <sys/time.h>
+
+#include <climits>
+#include <cstdint>
+
+#include "graph/veldse_graph.h"
+#include "interface/veldse_marker.h"
+#include "support/cpu_timer.h"
+#include "support/veld_memory.h"
+
+namespace graphcore {
+
+// Exact i / w for 0 <= i < 2^31 with one widening multiply instead of a
+// divide: m = ceil(2^(32+l) / w) with 2^l >= w is exact for every 32-bit
+// dividend (Granlund and Montgomery), and i * m stays below 2^64.
+struct RowDivider {
+  uint64_t magic;
+  int shift;
+
+  explicit RowDivider(int w) {
+    int l = 0;
+    while ((1ull << l) < static_cast<uint64_t>(w)) ++l;
+    shift = 32 + l;
+    magic = ((1ull << shift) + static_cast<uint64_t>(w) - 1) / static_cast<uint64_t>(w);
+  }
+  int row(int i) const {
+    return static_cast<int>((static_cast<uint64_t>(static_cast<uint32_t>(i)) * magic) >> shift);
+  }
+};
+
+// Direction bits in the fixed neighbour order.
+enum : unsigned {
+  kLeft = 1u << 0,
+  kUpLeft = 1u << 1,
+  kUp = 1u << 2,
+  kUpRight = 1u << 3,
+  kRight = 1u << 4,
+  kDownRight = 1u << 5,
+  kDown = 1u << 6,
+  kDownLeft = 1u << 7,
+};
+
+// Everything a node visit needs that depends only on the grid: the leaving
+// slot of each direction relative to 8i, the neighbour's index offset, and
+// the border masks. Built once per call on the stack.
+struct GridWalk {
+  int slotOffset[8];
+  int nodeOffset[8];
+  int width;
+  int lastRow;
+  RowDivider div;
+
+  GridWalk(int w, int h) : width(w), lastRow(h - 1), div(w < 1 ? 1 : w) {
+    const int slot[8] = {0, 2, 4, 6, 9, 8 * w + 11, 8 * w + 5, 8 * w - 1};
+    const int node[8] = {-1, -w - 1, -w, -w + 1, 1, w + 1, w, w - 1};
+    for (int k = 0; k < 8; ++k) {
+      slotOffset[k] = slot[k];
+      nodeOffset[k] = node[k];
+    }
+  }
+
+  // Directions of node i that lie inside the grid.
+  unsigned mask(int i) const {
+    const int r = div.row(i);
+    const int c = i - r * width;
+    unsigned m = 0xFFu;
+    if (c == 0) m &= ~(kLeft | kUpLeft | kDownLeft);
+    if (r == 0) m &= ~(kUpLeft | kUp | kUpRight);
+    if (c == width - 1) m &= ~(kUpRight | kRight | kDownRight);
+    if (r == lastRow) m &= ~(kDownRight | kDown | kDownLeft);
+    return m;
+  }
+};
+
+inline bool residual(float c) { return c != 0.0f && c != VELDSEGraph::ABSENT_EDGE; }
+
+inline void freshNode(nodes* n) {
+  n->parent = VELDSEGraph::NONE;
+  n->tree = VELDSEGraph::FREE_TREE;
+  n->trCap = 0.0f;
+  n->nextActive = nullptr;
+  n->nextOrphan = nullptr;
+}
+
+// Allocation of count elements of elemSize bytes, or null when the byte count
+// does not fit the allocator's 32-bit size.
+inline void* allocArray(int count, unsigned elemSize, int line) {
+  const uint64_t bytes = static_cast<uint64_t>(count) * elemSize;
+  if (bytes > UINT_MAX) return nullptr;
+  return VELD_Malloc_Msg(static_cast<unsigned>(bytes), "VELDSEGraph", line);
+}
+
+inline bool exitRequested() { return VELDSEMarker::m_exitApp.load(std::memory_order_relaxed); }
+
+// The check after every node visit: the time limit (which raises the cancel
+// flag itself) and then the flag. The limit counts from the start of the
+// request's timer up to now, also when the driver stopped the timer after an
+// earlier cut.
+inline bool stopAfterVisit() {
+  CpuTimer* t = g_cancelTimer;
+  if (t != nullptr) {
+    // Read the time without writing the timer on every visit: the solver
+    // threads of the parallel path check it concurrently. Only a run that is
+    // over the limit stops the timer, as the elapsed-time query expects.
+    struct timeval now;
+    gettimeofday(&now, nullptr);
+    const double startMicros =
+        static_cast<double>(t->start.tv_sec) * 1e6 + static_cast<double>(t->start.tv_usec);
+    const double nowMicros = static_cast<double>(now.tv_sec) * 1e6 + static_cast<double>(now.tv_usec);
+    if ((nowMicros - startMicros) * 0.001 > VELDSEGraph::TIME_LIMIT_MS) {
+      stop_cpu_timer(t);
+      VELDSEMarker::m_exitApp.store(true, std::memory_order_relaxed);
+      return true;
+    }
+  }
+  return exitRequested();
+}
+
+
+// Topologies: where the neighbour of node i in direction k (the fixed order
+// left, upper-left, up, upper-right, right, lower-right, down, lower-left)
+// is, and which capacity slot leads there. The solver below only ever asks
+// these four questions, so the same search runs on the full grid and on a
+// subset of its pixels and visits the common nodes in the same order.
+
+// Every pixel of a width x height box is a node; all is implicit.
+struct GridTopology {
+  GridWalk walk;
+  int offsets[8];
+
+  explicit GridTopology(const VELDSEGraph* g) : walk(g->m_width, g->m_height) {
+    for (int k = 0; k < 8; ++k) offsets[k] = g->m_offsets[k];
+  }
+  unsigned mask(int i) const { return walk.mask(i); }
+  int slot(int i, int k) const { return 8 * i + walk.slotOffset[k]; }
+  int neighbour(int i, int k) const { return i + walk.nodeOffset[k]; }
+  int head(int s) const { return offsets[(s + 1) & 7] + ((s + 1) >> 3); }
+};
+
+// Nodes are some of the box's pixels in row-major order, with an explicit
+// table of 8 neighbour indices per node (-1: no node there). Node i still
+// owns the 8 capacity floats 8i .. 8i+7 towards its four earlier neighbours,
+// so the pair between i and a later neighbour j lives in j's floats.
+struct BandTopology {
+  const int* table;
+
+  unsigned mask(int i) const {
+    const int* t = table + 8 * i;
+    unsigned m = 0;
+    for (int k = 0; k < 8; ++k) m |= static_cast<unsigned>(t[k] >= 0) << k;
+    return m;
+  }
+  int slot(int i, int k) const { return k < 4 ? 8 * i + 2 * k : 8 * table[8 * i + k] + 2 * (k - 4) + 1; }
+  int neighbour(int i, int k) const { return table[8 * i + k]; }
+  int head(int s) const { return (s & 1) ? (s >> 3) : table[(s & ~7) + ((s & 7) >> 1)]; }
+};
+
+template <class Topology>
+void augmentPath(VELDSEGraph* g, const Topology& topo, int middle) {
+  float* const caps = g->m_caps;
+  nodes* const base = g->m_nodes;
+  // The first pass records the slots of each half so that the second pass
+  // need not chase the parent chain again; a half longer than the buffer is
+  // walked twice instead.
+  constexpr int kRecorded = 1024;
+  int sinkSlots[kRecorded], sourceSlots[kRecorded];
+
+  // Bottleneck over the sink half, the middle edge and the source half.
+  float f = caps[middle];
+  nodes* x = base + topo.head(middle);
+  int sinkLen = 0;
+  for (int p = x->parent; p != VELDSEGraph::TERMINAL; p = x->parent) {
+    if (caps[p] < f) f = caps[p];
+    if (sinkLen < kRecorded) sinkSlots[sinkLen] = p;
+    ++sinkLen;
+    x = base + topo.head(p);
+  }
+  nodes* const sinkRoot = x;
+  if (-x->trCap < f) f = -x->trCap;
+  x = base + topo.head(middle ^ 1);
+  int sourceLen = 0;
+  for (int p = x->parent; p != VELDSEGraph::TERMINAL; p = x->parent) {
+    if (caps[p ^ 1] < f) f = caps[p ^ 1];
+    if (sourceLen < kRecorded) sourceSlots[sourceLen] = p;
+    ++sourceLen;
+    x = base + topo.head(p);
+  }
+  nodes* const sourceRoot = x;
+  if (x->trCap < f) f = x->trCap;
+
+  caps[middle] -= f;
+  caps[middle ^ 1] += f;
+
+  // Push and collect orphans, sink half first, each half from the middle out.
+  // The node whose parent slot is p is the tail of p.
+  if (sinkLen <= kRecorded) {
+    for (int k = 0; k < sinkLen; ++k) {
+      const int p = sinkSlots[k];
+      caps[p] -= f;
+      caps[p ^ 1] += f;
+      if (caps[p] == 0.0f) g->AddToOrphanQueue(base + topo.head(p ^ 1));
+    }
+  } else {
+    x = base + topo.head(middle);
+    for (int p = x->parent; p != VELDSEGraph::TERMINAL; p = x->parent) {
+      caps[p] -= f;
+      caps[p ^ 1] += f;
+      nodes* const next = base + topo.head(p);
+      if (caps[p] == 0.0f) g->AddToOrphanQueue(x);
+      x = next;
+    }
+  }
+  sinkRoot->trCap += f;
+  if (sinkRoot->trCap == 0.0f) g->AddToOrphanQueue(sinkRoot);
+
+  if (sourceLen <= kRecorded) {
+    for (int k = 0; k < sourceLen; ++k) {
+      const int p = sourceSlots[k];
+      caps[p ^ 1] -= f;
+      caps[p] += f;
+      if (caps[p ^ 1] == 0.0f) g->AddToOrphanQueue(base + topo.head(p ^ 1));
+    }
+  } else {
+    x = base + topo.head(middle ^ 1);
+    for (int p = x->parent; p != VELDSEGraph::TERMINAL; p = x->parent) {
+      caps[p ^ 1] -= f;
+      caps[p] += f;
+      nodes* const next = base + topo.head(p);
+      if (caps[p ^ 1] == 0.0f) g->AddToOrphanQueue(x);
+      x = next;
+    }
+  }
+  sourceRoot->trCap -= f;
+  if (sourceRoot->trCap == 0.0f) g->AddToOrphanQueue(sourceRoot);
+
+  g->m_flow += f;
+}
+
+// Adoption of orphan o of tree `tree`. sinkSide selects which slot of a pair
+// carries the residual towards the parent: from o to j in the sink tree, from
+// j to o in the source tree.
+template <bool sinkSide, class Topology>
+void adoptOrphan(VELDSEGraph* g, nodes* o, const Topology& topo) {
+  const int tree = sinkSide ? VELDSEGraph::SINK_TREE : VELDSEGraph::SOURCE_TREE;
+  nodes* const base = g->m_nodes;
+  float* const caps = g->m_caps;
+  const int i = static_cast<int>(o - base);
+  const unsigned mask = topo.mask(i);
+
+  int bestSlot = VELDSEGraph::NONE;
+  int bestDist = INT_MAX;
+  for (int k = 0; k < 8; ++k) {
+    if ((mask & (1u << k)) == 0) continue;
+    const int e = topo.slot(i, k);
+    if (caps[e] == VELDSEGraph::ABSENT_EDGE) continue;
+    if ((sinkSide ? caps[e] : caps[e ^ 1]) == 0.0f) continue;
+    const nodes* const j = base + topo.neighbour(i, k);
+    if (j->parent == VELDSEGraph::NONE || j->tree != tree) continue;
+    // Walk the whole chain to the terminal; a chain through an orphan fails.
+    // A walk already as long as the best cannot win (ties go to the earlier
+    // slot), so it may stop there.
+    int d = 2;
+    int s = j->parent;
+    while (s != VELDSEGraph::TERMINAL && d < bestDist) {
+      s = base[topo.head(s)].parent;
+      ++d;
+      if (s == VELDSEGraph::NONE) break;
+    }
+    if (s == VELDSEGraph::TERMINAL && d < bestDist) {
+      bestDist = d;
+      bestSlot = e;
+      if (d == 2) break;  // nothing later can be strictly nearer
+    }
+  }
+  if (bestSlot != VELDSEGraph::NONE) {
+    o->parent = bestSlot;
+    return;
+  }
+
+  o->parent = VELDSEGraph::NONE;
+  o->tree = VELDSEGraph::FREE_TREE;
+  for (int k = 0; k < 8; ++k) {
+    if ((mask & (1u << k)) == 0) continue;
+    const int e = topo.slot(i, k);
+    if (caps[e] == VELDSEGraph::ABSENT_EDGE) continue;
+    // Neighbours of the same tree, including ones that are themselves orphans
+    // still waiting in the queue: such a neighbour may be re-adopted later,
+    // and unless it is queued now nobody would grow back into o. Skipping
+    // them leaves free nodes with residual edges into a tree at the end, so
+    // the cut is not minimal (and an augmenting path can be missed).
+    nodes* const j = base + topo.neighbour(i, k);
+    if (j->tree != tree) continue;
+    if ((sinkSide ? caps[e] : caps[e ^ 1]) != 0.0f) g->AddToActiveQueue(j);
+    if (j->parent >= 0 && topo.head(j->parent) == i) g->AddToOrphanQueue(j);
+  }
+}
+
+
+template <class Topology>
+float serialLoop(VELDSEGraph* g, const Topology& topo) {
+  if (exitRequested()) return g->m_flow;
+  nodes* const base = g->m_nodes;
+  float* const caps = g->m_caps;
+
+  for (;;) {
+    // Pop the head of the active queue.
+    nodes* const n = g->m_activeHead;
+    if (n == nullptr) return g->m_flow;
+    if (n == g->m_activeTail) {
+      g->m_activeHead = g->m_activeTail = nullptr;
+    } else {
+      g->m_activeHead = n->nextActive;
+    }
+
+    const int i = static_cast<int>(n - base);
+    const unsigned mask = topo.mask(i);
+    for (;;) {
+      n->nextActive = nullptr;
+      int middle = -1;
+      if (n->tree == VELDSEGraph::SOURCE_TREE) {
+        for (int k = 0; k < 8; ++k) {
+          if ((mask & (1u << k)) == 0) continue;
+          const int e = topo.slot(i, k);
+          if (!residual(caps[e])) continue;
+          nodes* const j = base + topo.neighbour(i, k);
+          if (j->tree == VELDSEGraph::FREE_TREE) {
+            j->tree = VELDSEGraph::SOURCE_TREE;
+            j->parent = e ^ 1;
+            g->AddToActiveQueue(j);
+          } else if (j->tree == VELDSEGraph::SINK_TREE) {
+            middle = e;
+            break;
+          }
+        }
+      } else if (n->tree == VELDSEGraph::SINK_TREE) {
+        for (int k = 0; k < 8; ++k) {
+          if ((mask & (1u << k)) == 0) continue;
+          const int e = topo.slot(i, k) ^ 1;
+          if (!residual(caps[e])) continue;
+          nodes* const j = base + topo.neighbour(i, k);
+          if (j->tree == VELDSEGraph::FREE_TREE) {
+            j->tree = VELDSEGraph::SINK_TREE;
+            j->parent = e;
+            g->AddToActiveQueue(j);
+          } else if (j->tree == VELDSEGraph::SOURCE_TREE) {
+            middle = e;
+            break;
+          }
+        }
+      }
+      if (middle < 0) {
+        if (stopAfterVisit()) return g->m_flow;
+        break;
+      }
+
+      // Counts as queued while its own augmentation's orphans are adopted;
+      // it is visited again right after.
+      n->nextActive = n;
+      augmentPath(g, topo, middle);
+      while (!exitRequested()) {
+        nodes* const o = g->GetTopOrphanQueueNode();
+        if (o == nullptr) break;
+        if (o->tree == VELDSEGraph::SINK_TREE) {
+          adoptOrphan<true>(g, o, topo);
+        } else if (o->tree == VELDSEGraph::SOURCE_TREE) {
+          adoptOrphan<false>(g, o, topo);
+        }
+      }
+      if (stopAfterVisit()) return g->m_flow;
+    }
+  }
+}
+
+}  // namespace graphcore
+
+#endif
