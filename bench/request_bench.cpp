@@ -1,13 +1,25 @@
-// A whole rectangle request at about 0.3, 3 and 12 megapixels, and where its
-// time goes.
+// Whole rectangle requests on large photos: wall time and the memory a
+// request adds.
 //
-// The photo is samples/coffee.png scaled up to the size (3:2), the rectangle
-// round cup and saucer scaled with it. BM_RectangleRequest times
-// doSegmentationBB exactly as the app calls it (fresh context, five cuts,
-// full-resolution re-cut, post-processing, history).
+// Photos: samples/coffee.png (cup and saucer, about a third of the photo) and
+// GrabCut's 189080 (the object covers about half of it; read from the shared
+// dataset folder, skipped when absent), scaled (cubic) to 0.3, 3, 12 and 50
+// megapixels with their rectangle.
 //
-// BM_RequestStages runs the same work stage by stage through the engine's
-// members and reports each stage's time per request as a counter (ms):
+// BM_Request makes the request as the app's bridge does: setSourceImage,
+// initSegmentationEngine, the rectangle's marks (its border as the stroke, 4
+// inside it in the marker grid, mode 0), processSegment. The time is all of
+// it. peak_B_per_px is the peak resident memory processSegment adds on top of
+// the set-up context, per photo pixel. The first request on a context also
+// faults in the history's bit planes (4 bytes per pixel, allocated with the
+// context but untouched until a mask is recorded): that is included.
+//
+// BM_DoSegmentationBB is the same rectangle through doSegmentationBB, which
+// makes its own copies of the photo, the marker grid and a fresh context;
+// its peak_B_per_px is over the whole call.
+//
+// BM_RequestStages runs the work stage by stage through the engine's members
+// and reports each stage's time per request as a counter (ms):
 //   reduce_weights  setSourceImage + initSegmentationEngine (working image,
 //                   grey test, neighbour weights)
 //   labels_box      marks -> label image, working box, pre-processing, crops
@@ -19,12 +31,18 @@
 // It cuts five times at the default smoothness weight instead of choosing it
 // with three trial cuts, so its sum is close to, not equal to, the request.
 #include <benchmark/benchmark.h>
+#include <malloc.h>
 #include <opencv2/core/core_c.h>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <map>
+#include <string>
 #include <vector>
 
 #include "colormodel/kmeans_init.h"
@@ -43,11 +61,24 @@ struct Photo {
   int x1 = 0, y1 = 0, x2 = 0, y2 = 0;  // rectangle, inclusive
 };
 
-// coffee.png (600x400) scaled to `tenthsMp` tenths of a megapixel.
-Photo makePhoto(int tenthsMp) {
-  const cv::Mat src = cv::imread(SEGCORE_SOURCE_DIR "/samples/coffee.png", cv::IMREAD_COLOR);
-  const double scale = std::sqrt(tenthsMp * 1e5 / (static_cast<double>(src.cols) * src.rows));
+struct Source {
+  const char* path;
+  int x1, y1, x2, y2;
+};
+
+const Source kSources[] = {
+    {SEGCORE_SOURCE_DIR "/samples/coffee.png", 65, 50, 485, 392},
+    {SEGCORE_SOURCE_DIR "/../shared/datasets/grabcut/images/189080.jpg", 15, 0, 298, 480},
+};
+
+// Source `which` scaled to `tenthsMp` tenths of a megapixel; empty when the
+// file is missing.
+Photo makePhoto(int which, int tenthsMp) {
+  const Source& s = kSources[which];
+  const cv::Mat src = cv::imread(s.path, cv::IMREAD_COLOR);
   Photo p;
+  if (src.empty()) return p;
+  const double scale = std::sqrt(tenthsMp * 1e5 / (static_cast<double>(src.cols) * src.rows));
   p.width = static_cast<int>(std::lround(src.cols * scale));
   p.height = static_cast<int>(std::lround(src.rows * scale));
   cv::Mat img;
@@ -55,41 +86,139 @@ Photo makePhoto(int tenthsMp) {
   p.argb.resize(static_cast<size_t>(p.width) * p.height);
   for (int y = 0; y < p.height; ++y) {
     const unsigned char* row = img.ptr<unsigned char>(y);
+    unsigned int* out = &p.argb[static_cast<size_t>(y) * p.width];
     for (int x = 0; x < p.width; ++x) {
-      p.argb[static_cast<size_t>(y) * p.width + x] =
-          0xFF000000u | row[3 * x] | (row[3 * x + 1] << 8) | (row[3 * x + 2] << 16);
+      out[x] = 0xFF000000u | row[3 * x] | (row[3 * x + 1] << 8) | (row[3 * x + 2] << 16);
     }
   }
-  // The demo's rectangle on the 600x400 original.
-  p.x1 = static_cast<int>(65 * scale);
-  p.y1 = static_cast<int>(50 * scale);
-  p.x2 = std::min(p.width - 1, static_cast<int>(485 * scale));
-  p.y2 = std::min(p.height - 1, static_cast<int>(392 * scale));
+  p.x1 = static_cast<int>(s.x1 * scale);
+  p.y1 = static_cast<int>(s.y1 * scale);
+  p.x2 = std::min(p.width - 1, static_cast<int>(s.x2 * scale));
+  p.y2 = std::min(p.height - 1, static_cast<int>(s.y2 * scale));
   return p;
 }
 
-const Photo& photoOf(int tenthsMp) {
-  static Photo cache[3];
-  const int i = tenthsMp <= 3 ? 0 : tenthsMp <= 30 ? 1 : 2;
-  if (cache[i].width == 0) cache[i] = makePhoto(tenthsMp);
-  return cache[i];
+// One photo at a time is kept: a 50 megapixel one is 200 MB.
+const Photo& photoOf(int which, int tenthsMp) {
+  static Photo cached;
+  static int key = -1;
+  if (key != which * 10000 + tenthsMp) {
+    cached = Photo();
+    cached = makePhoto(which, tenthsMp);
+    key = which * 10000 + tenthsMp;
+  }
+  return cached;
 }
 
-void BM_RectangleRequest(benchmark::State& state) {
-  const Photo& p = photoOf(static_cast<int>(state.range(0)));
-  std::vector<unsigned int> pixels = p.argb;
-  std::vector<unsigned char> mask(pixels.size());
+// Resident memory from /proc/self/status (kB fields), in bytes.
+long statusBytes(const char* field) {
+  std::ifstream f("/proc/self/status");
+  const std::string want = std::string(field) + ":";
+  for (std::string line; std::getline(f, line);) {
+    if (line.compare(0, want.size(), want) == 0) return std::stol(line.substr(want.size())) * 1024;
+  }
+  return -1;
+}
+
+// Peak resident memory of a stretch of work above the memory resident when it
+// starts. Freed memory is handed back to the system first, and large blocks
+// always come from their own mappings, so what was freed before cannot hide
+// what the work allocates.
+class PeakMemory {
+ public:
+  PeakMemory() {
+    static const bool fixed = mallopt(M_MMAP_THRESHOLD, 128 * 1024) == 1;
+    (void)fixed;
+    malloc_trim(0);
+    std::ofstream("/proc/self/clear_refs") << "5";  // peak := current
+    base_ = statusBytes("VmRSS");
+  }
+  long added() const { return statusBytes("VmHWM") - base_; }
+
+ private:
+  long base_;
+};
+
+void borderAndGrid(const Photo& p, std::vector<int>* border, std::vector<int>* grid) {
+  border->clear();
+  for (int x = p.x1; x < p.x2; ++x) border->insert(border->end(), {x, p.y1});
+  for (int y = p.y1; y < p.y2; ++y) border->insert(border->end(), {p.x2, y});
+  for (int x = p.x2; x > p.x1; --x) border->insert(border->end(), {x, p.y2});
+  for (int y = p.y2; y > p.y1; --y) border->insert(border->end(), {p.x1, y});
+  grid->assign(p.argb.size(), 0);
+  for (int y = p.y1; y <= p.y2; ++y) {
+    std::fill(grid->begin() + static_cast<long>(y) * p.width + p.x1,
+              grid->begin() + static_cast<long>(y) * p.width + p.x2 + 1, LABEL_PR_FG);
+  }
+}
+
+void reportPhoto(benchmark::State& state, const Photo& p, double peakBytes, const std::vector<unsigned char>& mask) {
+  const double pixels = p.width * static_cast<double>(p.height);
+  state.counters["megapixels"] = pixels * 1e-6;
+  state.counters["peak_B_per_px"] = benchmark::Counter(peakBytes / pixels, benchmark::Counter::kAvgIterations);
+  state.counters["object_pixels"] = static_cast<double>(std::count(mask.begin(), mask.end(), 0));
+}
+
+void BM_Request(benchmark::State& state) {
+  const Photo& p = photoOf(static_cast<int>(state.range(0)), static_cast<int>(state.range(1)));
+  if (p.width == 0) {
+    state.SkipWithError("photo not found");
+    return;
+  }
+  std::vector<unsigned int> preview(p.argb.size());
+  std::vector<unsigned char> mask(p.argb.size());
+  std::vector<int> border, grid;
+  double peak = 0.0;
   for (auto _ : state) {
-    doSegmentationBB(p.width, p.height, pixels.data(), p.x1, p.y1, p.x2, p.y2, mask.data());
-    benchmark::DoNotOptimize(mask.data());
+    std::vector<unsigned int> photo = p.argb;
+    deinitSegmentation();
+    resetSegmentationInterface();
+    setSourceImage(p.width, p.height, photo.data());
+    initSegmentationEngine(0);
+    borderAndGrid(p, &border, &grid);
+    setCurrentMarkerVector(static_cast<int>(border.size()), border.data());
+    setMarkerImage(p.width, p.height, grid.data(), 0);
+    preview = p.argb;
+    const PeakMemory memory;
+    processSegment(0, 0, 0, preview.data(), mask.data());
+    peak += static_cast<double>(memory.added());
+    int* outline = nullptr;
+    int count = 0;
+    fetch_path_array(&outline, &count);
+    delete[] outline;
   }
   deinitSegmentation();
-  state.counters["megapixels"] = p.width * static_cast<double>(p.height) * 1e-6;
-  state.counters["object_pixels"] =
-      static_cast<double>(std::count(mask.begin(), mask.end(), 0));
+  reportPhoto(state, p, peak, mask);
 }
-// Wall time: k-means runs on worker threads.
-BENCHMARK(BM_RectangleRequest)->Arg(3)->Arg(30)->Arg(120)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+void BM_DoSegmentationBB(benchmark::State& state) {
+  const Photo& p = photoOf(static_cast<int>(state.range(0)), static_cast<int>(state.range(1)));
+  if (p.width == 0) {
+    state.SkipWithError("photo not found");
+    return;
+  }
+  std::vector<unsigned char> mask(p.argb.size());
+  double peak = 0.0;
+  for (auto _ : state) {
+    std::vector<unsigned int> photo = p.argb;
+    deinitSegmentation();
+    const PeakMemory memory;
+    doSegmentationBB(p.width, p.height, photo.data(), p.x1, p.y1, p.x2, p.y2, mask.data());
+    peak += static_cast<double>(memory.added());
+  }
+  deinitSegmentation();
+  reportPhoto(state, p, peak, mask);
+}
+
+// {photo, tenths of a megapixel}; wall time (k-means runs on worker threads).
+void photoSizes(benchmark::internal::Benchmark* b) {
+  for (int which : {0, 1}) {
+    for (int tenths : {3, 30, 120, 500}) b->Args({which, tenths});
+  }
+  b->ArgNames({"photo", "tenths_mp"})->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(3);
+}
+BENCHMARK(BM_Request)->Apply(photoSizes);
+BENCHMARK(BM_DoSegmentationBB)->Apply(photoSizes);
 
 class StageClock {
  public:
@@ -104,18 +233,11 @@ class StageClock {
 };
 
 void BM_RequestStages(benchmark::State& state) {
-  const Photo& p = photoOf(static_cast<int>(state.range(0)));
+  const Photo& p = photoOf(0, static_cast<int>(state.range(0)));
   std::vector<unsigned int> pixels = p.argb;
   // The rectangle's marks as doSegmentationBB makes them.
-  std::vector<int> border;
-  for (int x = p.x1; x < p.x2; ++x) border.insert(border.end(), {x, p.y1});
-  for (int y = p.y1; y < p.y2; ++y) border.insert(border.end(), {p.x2, y});
-  for (int x = p.x2; x > p.x1; --x) border.insert(border.end(), {x, p.y2});
-  for (int y = p.y2; y > p.y1; --y) border.insert(border.end(), {p.x1, y});
-  std::vector<int> grid(pixels.size(), 0);
-  for (int y = p.y1; y <= p.y2; ++y) {
-    for (int x = p.x1; x <= p.x2; ++x) grid[static_cast<size_t>(y) * p.width + x] = LABEL_PR_FG;
-  }
+  std::vector<int> border, grid;
+  borderAndGrid(p, &border, &grid);
 
   enum { kReduce, kLabels, kModels, kBuild, kFlow, kRecut, kPost, kStages };
   double ms[kStages] = {};

@@ -6,17 +6,20 @@
 
 namespace {
 
-int* neighbourTable(const VELDSEGraph* g) {
-  // Past the capacities of every allocated node record.
-  return reinterpret_cast<int*>(g->m_caps + 8 * (g->m_nodeMax - g->m_nodes));
-}
+long records(const VELDSEGraph* g) { return g->m_nodeMax - g->m_nodes; }
+
+// Past the capacities of every allocated node record: the neighbour table,
+// then each node's parent node.
+int* neighbourTable(const VELDSEGraph* g) { return reinterpret_cast<int*>(g->m_caps + 8 * records(g)); }
+int* parentNodes(const VELDSEGraph* g) { return neighbourTable(g) + 8 * records(g); }
 
 }  // namespace
 
 VELDSEGraph* createBandGraph(int nodeCount, int width, int height) {
   const int records = nodeCount > 16 ? nodeCount : 16;
-  // Four capacity pairs per record, then 8 ints (four pairs' worth) of table.
-  VELDSEGraph* g = new VELDSEGraph(nodeCount, 8 * records, width, height, 0);
+  // Per record: four capacity pairs, 8 ints of neighbour table and one parent
+  // node (17 four-byte words), in pairs of two words.
+  VELDSEGraph* g = new VELDSEGraph(nodeCount, (17 * records + 1) / 2, width, height, 0);
   if (g->m_nodes == nullptr || g->m_caps == nullptr) return g;
   g->m_capMax = g->m_caps + 8 * static_cast<long>(records);
   std::memset(neighbourTable(g), 0xFF, static_cast<size_t>(records) * 8 * sizeof(int));
@@ -41,5 +44,5 @@ int bandNeighbour(const VELDSEGraph* g, int i, int k) { return neighbourTable(g)
 
 float bandMaxFlow(VELDSEGraph* g) {
   g->maxflowInit();
-  return graphcore::serialLoop(g, graphcore::BandTopology{neighbourTable(g)});
+  return graphcore::serialLoop(g, graphcore::BandTopology{neighbourTable(g), parentNodes(g)});
 }

@@ -14,9 +14,10 @@
 // node does (pairs towards its left, upper-left, up and upper-right
 // neighbours; ABSENT_EDGE where that neighbour is not in the band). Where a
 // grid node finds its neighbours by arithmetic, a band node looks them up in
-// a table of 8 node indices per node (-1: no band pixel there), kept in the
-// same allocation as the capacities, just past m_capMax, so that deleting the
-// graph frees it too. m_width and m_height give the box.
+// a table of 8 node indices per node (-1: no band pixel there); the solver
+// also keeps the node each parent slot leads to. Both live in the same
+// allocation as the capacities, just past m_capMax, so that deleting the
+// graph frees them too. m_width and m_height give the box.
 //
 // Building one (the calls of a grid builder, plus the neighbour table):
 //     VELDSEGraph* g = createBandGraph(n, boxWidth, boxHeight);
@@ -37,7 +38,7 @@
 // capacity pairs per node and the neighbour table (all -1), one thread. The
 // arrays may be null when memory is short; the caller checks as for a grid.
 // Cost per node: 20 bytes of record (32-bit ARM; 32 on x86_64), 32 of
-// capacities, 32 of neighbour table.
+// capacities, 32 of neighbour table, 4 of parent node.
 VELDSEGraph* createBandGraph(int nodeCount, int width, int height);
 
 // Node i's earlier neighbours (left, upper-left, up, upper-right: node index

@@ -143,6 +143,9 @@ struct GridTopology {
   int slot(int i, int k) const { return 8 * i + walk.slotOffset[k]; }
   int neighbour(int i, int k) const { return i + walk.nodeOffset[k]; }
   int head(int s) const { return offsets[(s + 1) & 7] + ((s + 1) >> 3); }
+  // The node that parent slot s of node x leads to.
+  int parentOf(int /*x*/, int s) const { return head(s); }
+  void setParent(nodes* base, int x, int s, int /*to*/) const { base[x].parent = s; }
 };
 
 // Nodes are some of the box's pixels in row-major order, with an explicit
@@ -151,6 +154,10 @@ struct GridTopology {
 // so the pair between i and a later neighbour j lives in j's floats.
 struct BandTopology {
   const int* table;
+  // The node each node's parent slot leads to, kept beside the slot: walking
+  // a chain towards its root then costs one load per step instead of two
+  // dependent ones (record, then table).
+  int* parentNode;
 
   unsigned mask(int i) const {
     const int* t = table + 8 * i;
@@ -161,6 +168,11 @@ struct BandTopology {
   int slot(int i, int k) const { return k < 4 ? 8 * i + 2 * k : 8 * table[8 * i + k] + 2 * (k - 4) + 1; }
   int neighbour(int i, int k) const { return table[8 * i + k]; }
   int head(int s) const { return (s & 1) ? (s >> 3) : table[(s & ~7) + ((s & 7) >> 1)]; }
+  int parentOf(int x, int /*s*/) const { return parentNode[x]; }
+  void setParent(nodes* base, int x, int s, int to) const {
+    base[x].parent = s;
+    parentNode[x] = to;
+  }
 };
 
 template <class Topology>
@@ -172,6 +184,8 @@ void augmentPath(VELDSEGraph* g, const Topology& topo, int middle) {
   // walked twice instead.
   constexpr int kRecorded = 1024;
   int sinkSlots[kRecorded], sourceSlots[kRecorded];
+  // ... with the node each slot leaves from (its tail).
+  int sinkTails[kRecorded], sourceTails[kRecorded];
 
   // Bottleneck over the sink half, the middle edge and the source half.
   float f = caps[middle];
@@ -179,9 +193,13 @@ void augmentPath(VELDSEGraph* g, const Topology& topo, int middle) {
   int sinkLen = 0;
   for (int p = x->parent; p != VELDSEGraph::TERMINAL; p = x->parent) {
     if (caps[p] < f) f = caps[p];
-    if (sinkLen < kRecorded) sinkSlots[sinkLen] = p;
+    const int at = static_cast<int>(x - base);
+    if (sinkLen < kRecorded) {
+      sinkSlots[sinkLen] = p;
+      sinkTails[sinkLen] = at;
+    }
     ++sinkLen;
-    x = base + topo.head(p);
+    x = base + topo.parentOf(at, p);
   }
   nodes* const sinkRoot = x;
   if (-x->trCap < f) f = -x->trCap;
@@ -189,9 +207,13 @@ void augmentPath(VELDSEGraph* g, const Topology& topo, int middle) {
   int sourceLen = 0;
   for (int p = x->parent; p != VELDSEGraph::TERMINAL; p = x->parent) {
     if (caps[p ^ 1] < f) f = caps[p ^ 1];
-    if (sourceLen < kRecorded) sourceSlots[sourceLen] = p;
+    const int at = static_cast<int>(x - base);
+    if (sourceLen < kRecorded) {
+      sourceSlots[sourceLen] = p;
+      sourceTails[sourceLen] = at;
+    }
     ++sourceLen;
-    x = base + topo.head(p);
+    x = base + topo.parentOf(at, p);
   }
   nodes* const sourceRoot = x;
   if (x->trCap < f) f = x->trCap;
@@ -206,14 +228,14 @@ void augmentPath(VELDSEGraph* g, const Topology& topo, int middle) {
       const int p = sinkSlots[k];
       caps[p] -= f;
       caps[p ^ 1] += f;
-      if (caps[p] == 0.0f) g->AddToOrphanQueue(base + topo.head(p ^ 1));
+      if (caps[p] == 0.0f) g->AddToOrphanQueue(base + sinkTails[k]);
     }
   } else {
     x = base + topo.head(middle);
     for (int p = x->parent; p != VELDSEGraph::TERMINAL; p = x->parent) {
       caps[p] -= f;
       caps[p ^ 1] += f;
-      nodes* const next = base + topo.head(p);
+      nodes* const next = base + topo.parentOf(static_cast<int>(x - base), p);
       if (caps[p] == 0.0f) g->AddToOrphanQueue(x);
       x = next;
     }
@@ -226,14 +248,14 @@ void augmentPath(VELDSEGraph* g, const Topology& topo, int middle) {
       const int p = sourceSlots[k];
       caps[p ^ 1] -= f;
       caps[p] += f;
-      if (caps[p ^ 1] == 0.0f) g->AddToOrphanQueue(base + topo.head(p ^ 1));
+      if (caps[p ^ 1] == 0.0f) g->AddToOrphanQueue(base + sourceTails[k]);
     }
   } else {
     x = base + topo.head(middle ^ 1);
     for (int p = x->parent; p != VELDSEGraph::TERMINAL; p = x->parent) {
       caps[p ^ 1] -= f;
       caps[p] += f;
-      nodes* const next = base + topo.head(p);
+      nodes* const next = base + topo.parentOf(static_cast<int>(x - base), p);
       if (caps[p ^ 1] == 0.0f) g->AddToOrphanQueue(x);
       x = next;
     }
@@ -256,32 +278,37 @@ void adoptOrphan(VELDSEGraph* g, nodes* o, const Topology& topo) {
   const unsigned mask = topo.mask(i);
 
   int bestSlot = VELDSEGraph::NONE;
+  int bestNode = -1;
   int bestDist = INT_MAX;
   for (int k = 0; k < 8; ++k) {
     if ((mask & (1u << k)) == 0) continue;
     const int e = topo.slot(i, k);
     if (caps[e] == VELDSEGraph::ABSENT_EDGE) continue;
     if ((sinkSide ? caps[e] : caps[e ^ 1]) == 0.0f) continue;
-    const nodes* const j = base + topo.neighbour(i, k);
+    const int jIndex = topo.neighbour(i, k);
+    const nodes* const j = base + jIndex;
     if (j->parent == VELDSEGraph::NONE || j->tree != tree) continue;
     // Walk the whole chain to the terminal; a chain through an orphan fails.
     // A walk already as long as the best cannot win (ties go to the earlier
     // slot), so it may stop there.
     int d = 2;
+    int at = jIndex;
     int s = j->parent;
     while (s != VELDSEGraph::TERMINAL && d < bestDist) {
-      s = base[topo.head(s)].parent;
+      at = topo.parentOf(at, s);
+      s = base[at].parent;
       ++d;
       if (s == VELDSEGraph::NONE) break;
     }
     if (s == VELDSEGraph::TERMINAL && d < bestDist) {
       bestDist = d;
       bestSlot = e;
+      bestNode = jIndex;
       if (d == 2) break;  // nothing later can be strictly nearer
     }
   }
   if (bestSlot != VELDSEGraph::NONE) {
-    o->parent = bestSlot;
+    topo.setParent(base, i, bestSlot, bestNode);
     return;
   }
 
@@ -296,10 +323,11 @@ void adoptOrphan(VELDSEGraph* g, nodes* o, const Topology& topo) {
     // and unless it is queued now nobody would grow back into o. Skipping
     // them leaves free nodes with residual edges into a tree at the end, so
     // the cut is not minimal (and an augmenting path can be missed).
-    nodes* const j = base + topo.neighbour(i, k);
+    const int jIndex = topo.neighbour(i, k);
+    nodes* const j = base + jIndex;
     if (j->tree != tree) continue;
     if ((sinkSide ? caps[e] : caps[e ^ 1]) != 0.0f) g->AddToActiveQueue(j);
-    if (j->parent >= 0 && topo.head(j->parent) == i) g->AddToOrphanQueue(j);
+    if (j->parent >= 0 && topo.parentOf(jIndex, j->parent) == i) g->AddToOrphanQueue(j);
   }
 }
 
@@ -330,10 +358,11 @@ float serialLoop(VELDSEGraph* g, const Topology& topo) {
           if ((mask & (1u << k)) == 0) continue;
           const int e = topo.slot(i, k);
           if (!residual(caps[e])) continue;
-          nodes* const j = base + topo.neighbour(i, k);
+          const int jIndex = topo.neighbour(i, k);
+          nodes* const j = base + jIndex;
           if (j->tree == VELDSEGraph::FREE_TREE) {
             j->tree = VELDSEGraph::SOURCE_TREE;
-            j->parent = e ^ 1;
+            topo.setParent(base, jIndex, e ^ 1, i);
             g->AddToActiveQueue(j);
           } else if (j->tree == VELDSEGraph::SINK_TREE) {
             middle = e;
@@ -345,10 +374,11 @@ float serialLoop(VELDSEGraph* g, const Topology& topo) {
           if ((mask & (1u << k)) == 0) continue;
           const int e = topo.slot(i, k) ^ 1;
           if (!residual(caps[e])) continue;
-          nodes* const j = base + topo.neighbour(i, k);
+          const int jIndex = topo.neighbour(i, k);
+          nodes* const j = base + jIndex;
           if (j->tree == VELDSEGraph::FREE_TREE) {
             j->tree = VELDSEGraph::SINK_TREE;
-            j->parent = e;
+            topo.setParent(base, jIndex, e, i);
             g->AddToActiveQueue(j);
           } else if (j->tree == VELDSEGraph::SOURCE_TREE) {
             middle = e;
