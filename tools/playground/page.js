@@ -79,6 +79,10 @@
 
   // Sizes the canvases to the displayed photo and repaints the overlay.
   function layout() {
+    // The photo fits the space between the toolbar and the status line.
+    const main = document.querySelector('main');
+    const room = main.clientHeight - 24;
+    if (room > 100) preview.style.maxHeight = room + 'px';
     const r = preview.getBoundingClientRect();
     const dpr = window.devicePixelRatio || 1;
     for (const c of [tint, draw]) {
@@ -101,13 +105,21 @@
     ctx.drawImage(maskImage, 0, 0, tint.width, tint.height);
     const data = ctx.getImageData(0, 0, tint.width, tint.height);
     const px = data.data;
-    for (let i = 0; i < px.length; i += 4) {
-      if (px[i] > 127) {
-        px[i] = MASK_COLOUR[0]; px[i + 1] = MASK_COLOUR[1];
-        px[i + 2] = MASK_COLOUR[2]; px[i + 3] = MASK_COLOUR[3];
-      } else {
+    const w = tint.width;
+    const inside = new Uint8Array(w * tint.height);
+    for (let i = 0, j = 0; j < inside.length; i += 4, j++) inside[j] = px[i] > 127 ? 1 : 0;
+    // Translucent inside; an opaque edge keeps the outline visible when a large
+    // photo is shown scaled down (the library's 2-pixel outline then thins out).
+    for (let j = 0, i = 0; j < inside.length; j++, i += 4) {
+      if (!inside[j]) {
         px[i + 3] = 0;
+        continue;
       }
+      const x = j % w;
+      const edge = x === 0 || x === w - 1 || j < w || j >= inside.length - w ||
+        !inside[j - 1] || !inside[j + 1] || !inside[j - w] || !inside[j + w];
+      px[i] = MASK_COLOUR[0]; px[i + 1] = MASK_COLOUR[1]; px[i + 2] = MASK_COLOUR[2];
+      px[i + 3] = edge ? 255 : MASK_COLOUR[3];
     }
     ctx.putImageData(data, 0, 0);
   }
@@ -359,7 +371,9 @@
     finish(isError);
   });
 
-  new ResizeObserver(() => { if (pg.state) layout(); }).observe(preview);
+  const resized = new ResizeObserver(() => { if (pg.state) layout(); });
+  resized.observe(preview);
+  resized.observe(document.querySelector('main'));
 
   (async () => {
     const { status, body } = await api('/api/state');
