@@ -257,7 +257,7 @@
   }
 
   draw.addEventListener('pointerdown', (e) => {
-    if (!pg.state || e.button > 0) return;
+    if (!pg.state || e.button > 0 || gesture) return;  // one pointer draws at a time
     if (pg.busy) {
       setStatus('A request is still running: wait for it or cancel it.', true);
       return;

@@ -426,7 +426,9 @@ void Server::handlePhoto(const httplib::Request& req, httplib::Response& res) {
   }
   const std::vector<unsigned char> bytes(req.body.begin(), req.body.end());
   const cv::Mat bgr = cv::imdecode(bytes, cv::IMREAD_COLOR);
-  if (bgr.empty() || bgr.cols != w || bgr.rows != h) {
+  // Decoding turns a JPEG by its EXIF orientation, which may swap the sides.
+  const bool sizeOk = (bgr.cols == w && bgr.rows == h) || (bgr.cols == h && bgr.rows == w);
+  if (bgr.empty() || !sizeOk) {
     sendJson(res, 400, errorJson("the file could not be decoded as an image"));
     return;
   }
