@@ -33,6 +33,8 @@ fi
 BROWSER_TEST=tools/playground/browser-test
 if ! cmp -s "$BROWSER_TEST/package-lock.json" "$BROWSER_TEST/node_modules/.segcore-lock"; then
   echo "setup: npm ci in $BROWSER_TEST"
+  # npm keeps its cache under HOME; give it one in the tree when HOME is unset.
+  [ -n "${HOME:-}" ] || export npm_config_cache="$(pwd)/$BROWSER_TEST/.npm-cache"
   (cd "$BROWSER_TEST" && PUPPETEER_SKIP_DOWNLOAD=1 npm ci --no-audit --no-fund)
   cp "$BROWSER_TEST/package-lock.json" "$BROWSER_TEST/node_modules/.segcore-lock"
 fi

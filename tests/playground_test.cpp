@@ -177,6 +177,7 @@ TEST_F(PlaygroundServer, HistoryFlagsFollowRequests) {
       {"/api/undo", "", false, true, true},       {"/api/redo", "", true, false, true},
       {"/api/stroke", editStroke, true, false, true}, {"/api/undo", "", true, true, true},
       {"/api/reset", "", false, false, false},
+      {"/api/loop", R"({"points":[[70,60],[480,60],[480,390],[70,390]]})", false, false, true},
   };
   std::vector<long> pixels;
   for (const Step& step : steps) {
@@ -196,6 +197,7 @@ TEST_F(PlaygroundServer, HistoryFlagsFollowRequests) {
   EXPECT_LT(pixels[4], pixels[3]);
   EXPECT_EQ(pixels[5], pixels[3]);
   EXPECT_EQ(pixels[6], 0);
+  EXPECT_GT(pixels[7], 0);
 }
 
 TEST_F(PlaygroundServer, EditWithoutMaskIsRefused) {
