@@ -4,6 +4,7 @@
 #include <opencv2/imgcodecs.hpp>
 
 #include <chrono>
+#include <exception>
 #include <utility>
 #include <vector>
 
@@ -241,7 +242,14 @@ void Server::exclusive(httplib::Response& res, bool cancellable, Work work) {
     cancellable_ = cancellable;
     cancelRequested_ = false;
   }
-  Reply reply = work();
+  Reply reply;
+  try {
+    reply = work();
+  } catch (const std::exception& e) {
+    // Whatever failed, the server must not stay busy for ever.
+    reply.status = 500;
+    reply.json = errorJson(std::string("the request failed: ") + e.what());
+  }
   bool cancelled = false;
   {
     std::lock_guard<std::mutex> lock(stateMutex_);
