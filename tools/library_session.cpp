@@ -168,6 +168,32 @@ RequestOutcome LibrarySession::marks(const std::vector<cv::Point>& points,
   return out;
 }
 
+RequestOutcome LibrarySession::cutOut(const std::vector<cv::Point>& points,
+                                      const std::vector<int>& markers, int mode) {
+  RequestOutcome out;
+  if (!hasMask_) {
+    // The library would edit an uninitialised mask.
+    out.note = "no mask to edit";
+    return out;
+  }
+  std::vector<int> coords;
+  coords.reserve(points.size() * 2);
+  for (const cv::Point& p : points) {
+    coords.push_back(p.x);
+    coords.push_back(p.y);
+  }
+  std::vector<int> grid = markers;
+  prepareBuffers();
+  const auto start = std::chrono::steady_clock::now();
+  setCurrentMarkerVector(static_cast<int>(coords.size()), coords.data());
+  setMarkerImage(width_, height_, grid.data(), mode);
+  cutOutImage(0, 0, 0, previewBuffer_.data(), maskBuffer_.data());
+  out.millis = millisSince(start);
+  out.delivered = collect();
+  if (!out.delivered) out.note = "edit abandoned; the previous mask stays";
+  return out;
+}
+
 RequestOutcome LibrarySession::undo() {
   RequestOutcome out;
   prepareBuffers();

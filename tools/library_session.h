@@ -63,6 +63,11 @@ class LibrarySession {
   // stroke); then processSegment.
   RequestOutcome marks(const std::vector<cv::Point>& points, const std::vector<int>& markers,
                        int mode);
+  // The same marks applied to the mask on screen without a cut (cutOutImage):
+  // marker 2 adds to the object, 1 removes from it. Refused (nothing
+  // delivered) while no mask is on screen.
+  RequestOutcome cutOut(const std::vector<cv::Point>& points, const std::vector<int>& markers,
+                        int mode);
 
   RequestOutcome undo();
   // Consults canRedo first: redo on an exhausted history would hand back an

@@ -1,0 +1,16 @@
+# Writes the page's files into a header as raw string literals, so the server
+# serves them from memory. Run as: cmake -DSRC=dir -DOUT=file -P embed_page.cmake
+set(text "// Generated from tools/playground/page.* by embed_page.cmake; do not edit.\n#ifndef SEGCORE_PLAYGROUND_PAGE_H\n#define SEGCORE_PLAYGROUND_PAGE_H\n")
+foreach(pair "kPageHtml;page.html" "kPageCss;page.css" "kPageJs;page.js")
+  list(GET pair 0 name)
+  list(GET pair 1 file)
+  file(READ "${SRC}/${file}" content)
+  string(FIND "${content}" ")PAGE\"" clash)
+  if(NOT clash EQUAL -1)
+    message(FATAL_ERROR "${file} contains the raw string delimiter )PAGE\"")
+  endif()
+  string(APPEND text "inline constexpr char ${name}[] = R\"PAGE(${content})PAGE\";\n")
+endforeach()
+string(APPEND text "#endif\n")
+file(WRITE "${OUT}.tmp" "${text}")
+file(COPY_FILE "${OUT}.tmp" "${OUT}" ONLY_IF_DIFFERENT)
