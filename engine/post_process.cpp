@@ -8,8 +8,6 @@
 #include <algorithm>
 #include <vector>
 
-#include <opencv2/core/core.hpp>
-#include <opencv2/imgproc/imgproc.hpp>
 #include <opencv2/imgproc/imgproc_c.h>
 
 #include "engine/engine_util.h"
@@ -20,41 +18,88 @@ namespace {
 
 const unsigned char kObject = 255;
 const unsigned char kBackground = 0;
-// Components already measured are repainted with this value in the working
-// copy, so each component is flooded exactly once and the 8-bit copy never
-// needs more than one label (a running label per component would saturate
-// after 253 components).
-const unsigned char kVisited = 1;
 // Background components of fewer pixels than this are holes.
 const int kHoleLimit = 5;
 // Stroke-connected change markers.
 const unsigned char kChanged = 127;
 const unsigned char kReached = 255;
 
-struct Component {
-  cv::Point seed;
-  int size;
-};
-
-// Floods every 4-connected component of `value` in `work` (row-major scan,
-// each from its first pixel) and returns seed and size of each.
-std::vector<Component> findComponents(cv::Mat& work, unsigned char value) {
-  std::vector<Component> found;
-  for (int y = 0; y < work.rows; ++y) {
-    const unsigned char* row = work.ptr<unsigned char>(y);
-    for (int x = 0; x < work.cols; ++x) {
-      if (row[x] != value) continue;
-      const int size = cv::floodFill(work, cv::Point(x, y), cv::Scalar(kVisited), nullptr,
-                                     cv::Scalar(0), cv::Scalar(0), 4);
-      found.push_back({cv::Point(x, y), size});
+// The 4-connected components of the pixels equal to `value`, found in one
+// pass over the rows: each row's runs of `value` are joined (union-find) with
+// the runs of the row above that share a column with them. A component is the
+// same pixel set a 4-connected flood fill from any of its pixels reaches, at
+// the cost of the runs rather than of one flood (and its bookkeeping) per
+// component.
+class RunComponents {
+ public:
+  RunComponents(const IplImage* mask, unsigned char value) {
+    int previousBegin = 0, previousEnd = 0;
+    for (int y = 0; y < mask->height; ++y) {
+      const unsigned char* row = imageRow(mask, y);
+      const int begin = static_cast<int>(runs_.size());
+      int above = previousBegin;
+      for (int x = 0; x < mask->width;) {
+        if (row[x] != value) {
+          ++x;
+          continue;
+        }
+        const int x0 = x;
+        while (x < mask->width && row[x] == value) ++x;
+        const int id = static_cast<int>(runs_.size());
+        runs_.push_back({y, x0, x, id, x - x0});
+        // Runs above that end before this one starts cannot touch it or any
+        // later run of this row.
+        while (above < previousEnd && runs_[above].x1 <= x0) ++above;
+        for (int a = above; a < previousEnd && runs_[a].x0 < x; ++a) join(a, id);
+      }
+      previousBegin = begin;
+      previousEnd = static_cast<int>(runs_.size());
     }
   }
-  return found;
-}
 
-void fillComponent(cv::Mat& mask, cv::Point seed, unsigned char value) {
-  cv::floodFill(mask, seed, cv::Scalar(value), nullptr, cv::Scalar(0), cv::Scalar(0), 4);
-}
+  // Pixel count of the component of run r.
+  int size(int r) { return runs_[find(r)].size; }
+  int largest() {
+    int best = 0;
+    for (int r = 0; r < static_cast<int>(runs_.size()); ++r) {
+      if (runs_[r].parent == r) best = std::max(best, runs_[r].size);
+    }
+    return best;
+  }
+  // Paints every component smaller than `limit` pixels with `value`.
+  void paintSmaller(IplImage* mask, int limit, unsigned char value) {
+    for (int r = 0; r < static_cast<int>(runs_.size()); ++r) {
+      if (size(r) >= limit) continue;
+      unsigned char* row = imageRow(mask, runs_[r].y);
+      std::fill(row + runs_[r].x0, row + runs_[r].x1, value);
+    }
+  }
+
+ private:
+  struct Run {
+    int y, x0, x1;
+    int parent;
+    int size;  // pixels of the component, valid at its root
+  };
+
+  int find(int r) {
+    while (runs_[r].parent != r) {
+      runs_[r].parent = runs_[runs_[r].parent].parent;
+      r = runs_[r].parent;
+    }
+    return r;
+  }
+  void join(int a, int b) {
+    a = find(a);
+    b = find(b);
+    if (a == b) return;
+    if (a > b) std::swap(a, b);
+    runs_[b].parent = a;
+    runs_[a].size += runs_[b].size;
+  }
+
+  std::vector<Run> runs_;
+};
 
 }  // namespace
 
@@ -67,61 +112,47 @@ void VELDSEHybrid::postProcess(IplImage* mask) {
   }
   if (VELDSEMarker::m_prevResult == nullptr) return;
 
-  IplImage* merged = cvCloneImage(VELDSEMarker::m_prevResult);
+  const IplImage* prev = VELDSEMarker::m_prevResult;
   const unsigned char v = (type == 0 || type == 2) ? kObject : kBackground;
   const float scale = g_imageResizeFactor;
   const int y0 = static_cast<int>(scale * VELDSEMarker::m_yMinBBox);
   const int x0 = static_cast<int>(scale * VELDSEMarker::m_xMinBBox);
   const int rows = static_cast<int>(scale * m_imgHeight);
   const int cols = static_cast<int>(scale * m_imgWidth);
+  // The merge: inside the region, where the new mask reached v it keeps v;
+  // everywhere else the previous result wins. Without a valid region the mask
+  // simply reverts to the previous result. The region is the working image's
+  // size scaled up but anchored at the box corner, so it usually runs past the
+  // mask's right and bottom edges; only the part inside the mask counts.
+  int yBegin = 0, yEnd = 0, xBegin = 0, xEnd = 0;
   if (rows >= 1 && cols >= 1) {
-    // The region is the working image's size scaled up but anchored at the
-    // box corner, so it usually runs past the mask's right and bottom edges.
-    // Only the part inside the mask can be merged; clipping keeps every
-    // in-range pixel exactly as the unclipped region would and never writes
-    // outside the images.
-    const int yEnd = std::min(y0 + rows, std::min(mask->height, merged->height));
-    const int xEnd = std::min(x0 + cols, std::min(mask->width, merged->width));
-    for (int y = std::max(y0, 0); y < yEnd; ++y) {
-      const unsigned char* in = imageRow(mask, y);
-      unsigned char* out = imageRow(merged, y);
-      for (int x = std::max(x0, 0); x < xEnd; ++x) {
-        if (in[x] == v) out[x] = v;
-      }
+    yBegin = std::max(y0, 0);
+    yEnd = std::min(y0 + rows, std::min(mask->height, prev->height));
+    xBegin = std::max(x0, 0);
+    xEnd = std::min(x0 + cols, std::min(mask->width, prev->width));
+  }
+  for (int y = 0; y < mask->height; ++y) {
+    unsigned char* out = imageRow(mask, y);
+    const unsigned char* p = imageRow(prev, y);
+    const bool inRows = y >= yBegin && y < yEnd;
+    for (int x = 0; x < mask->width; ++x) {
+      if (!(inRows && x >= xBegin && x < xEnd && out[x] == v)) out[x] = p[x];
     }
   }
-  // Outside the region, and where the new mask did not reach v, the previous
-  // result wins; without a valid region the mask simply reverts to it.
-  cvCopy(merged, mask);
-  cvReleaseImage(&merged);
 }
 
 void VELDSEHybrid::postProcessForLoop(IplImage* mask) {
-  cv::Mat target = cv::cvarrToMat(mask);
-
   // Islands: object components smaller than a tenth of the largest one go.
-  IplImage* islandCopy = cvCloneImage(mask);
-  cv::Mat islands = cv::cvarrToMat(islandCopy);
-  const std::vector<Component> objects = findComponents(islands, kObject);
-  int largest = 0;
-  for (const Component& c : objects) largest = std::max(largest, c.size);
-  const int threshold = static_cast<int>(static_cast<double>(largest) * 0.1);
-  // Removing one island never joins or splits another, so re-flooding the
-  // mask from the seed touches exactly that island.
-  for (const Component& c : objects) {
-    if (c.size < threshold) fillComponent(target, c.seed, kBackground);
+  // Removing one island never joins or splits another.
+  {
+    RunComponents objects(mask, kObject);
+    const int threshold = static_cast<int>(static_cast<double>(objects.largest()) * 0.1);
+    objects.paintSmaller(mask, threshold, kBackground);
   }
-  cvReleaseImage(&islandCopy);
-
   // Holes: background components of 1 to 4 pixels are filled, wherever they
-  // lie, the image border included.
-  IplImage* holeCopy = cvCloneImage(mask);
-  cv::Mat holes = cv::cvarrToMat(holeCopy);
-  const std::vector<Component> backgrounds = findComponents(holes, kBackground);
-  for (const Component& c : backgrounds) {
-    if (c.size < kHoleLimit) fillComponent(target, c.seed, kObject);
-  }
-  cvReleaseImage(&holeCopy);
+  // lie, the image border included (found on the mask without its islands).
+  RunComponents holes(mask, kBackground);
+  holes.paintSmaller(mask, kHoleLimit, kObject);
 }
 
 void VELDSEHybrid::postProcessForStroke(IplImage* mask) {

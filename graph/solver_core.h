@@ -332,26 +332,11 @@ void adoptOrphan(VELDSEGraph* g, nodes* o, const Topology& topo) {
 }
 
 
-// The checks after each node visit. The cancel flag is read every time; the
-// clock, which costs a system-library call, every 16th visit (a run over the
-// limit goes on for at most 15 visits more, a few microseconds).
-class VisitChecks {
- public:
-  bool stop() {
-    if ((++visits_ & 15u) == 0) return stopAfterVisit();
-    return exitRequested();
-  }
-
- private:
-  unsigned visits_ = 0;
-};
-
 template <class Topology>
 float serialLoop(VELDSEGraph* g, const Topology& topo) {
   if (exitRequested()) return g->m_flow;
   nodes* const base = g->m_nodes;
   float* const caps = g->m_caps;
-  VisitChecks checks;
 
   for (;;) {
     // Pop the head of the active queue.
@@ -402,7 +387,7 @@ float serialLoop(VELDSEGraph* g, const Topology& topo) {
         }
       }
       if (middle < 0) {
-        if (checks.stop()) return g->m_flow;
+        if (stopAfterVisit()) return g->m_flow;
         break;
       }
 
@@ -419,7 +404,7 @@ float serialLoop(VELDSEGraph* g, const Topology& topo) {
           adoptOrphan<false>(g, o, topo);
         }
       }
-      if (checks.stop()) return g->m_flow;
+      if (stopAfterVisit()) return g->m_flow;
     }
   }
 }
