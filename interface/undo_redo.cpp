@@ -2,6 +2,8 @@
 
 #include <android/log.h>
 
+#include <algorithm>
+
 #include "interface/veldse_marker.h"
 
 unsigned int** VELDSEManageUndoRedo::m_bitPlane = nullptr;
@@ -34,6 +36,50 @@ void VELDSEManageUndoRedo::deallocate() {
 
 void VELDSEManageUndoRedo::reset() { m_top = m_bottom = m_current = 0; }
 
+namespace {
+
+// The planes hold one word per pixel, column by column (m_bitPlane[x][y]),
+// while images are stored row by row. Both directions are walked in bands of
+// kBandRows rows: for each column, the band's words are one cache line of the
+// column and the band's image rows stay in cache while the columns go by, so
+// neither side is read or written a pixel per cache line.
+const int kBandRows = 16;
+
+unsigned char* maskRow(const IplImage* mask, int y) {
+  return reinterpret_cast<unsigned char*>(mask->imageData + static_cast<long>(y) * mask->widthStep);
+}
+
+void readSlot(int k, int w, int h, IplImage* mask) {
+  unsigned char* rows[kBandRows];
+  for (int y0 = 0; y0 < h; y0 += kBandRows) {
+    const int n = std::min(kBandRows, h - y0);
+    for (int r = 0; r < n; ++r) rows[r] = maskRow(mask, y0 + r);
+    for (int x = 0; x < w; ++x) {
+      const unsigned int* column = VELDSEManageUndoRedo::m_bitPlane[x] + y0;
+      for (int r = 0; r < n; ++r) rows[r][x] = ((column[r] >> k) & 1u) ? 255 : 0;
+    }
+  }
+}
+
+void writeSlot(int k, const IplImage* mask) {
+  const unsigned int bit = 1u << k;
+  const int w = VELDSEManageUndoRedo::width;
+  const int h = VELDSEManageUndoRedo::height;
+  const unsigned char* rows[kBandRows];
+  for (int y0 = 0; y0 < h; y0 += kBandRows) {
+    const int n = std::min(kBandRows, h - y0);
+    for (int r = 0; r < n; ++r) rows[r] = maskRow(mask, y0 + r);
+    for (int x = 0; x < w; ++x) {
+      unsigned int* column = VELDSEManageUndoRedo::m_bitPlane[x] + y0;
+      for (int r = 0; r < n; ++r) {
+        if (rows[r][x] != 0) column[r] |= bit; else column[r] &= ~bit;
+      }
+    }
+  }
+}
+
+}  // namespace
+
 IplImage* VELDSEManageUndoRedo::getMask(int k) {
   if (k < 0) return nullptr;
   const int w = VELDSEMarker::m_originalWidth;
@@ -46,26 +92,9 @@ IplImage* VELDSEManageUndoRedo::getMask(int k) {
     cvSetZero(mask);
     return mask;
   }
-  for (int x = 0; x < w; ++x) {
-    const unsigned int* column = m_bitPlane[x];
-    unsigned char* out = reinterpret_cast<unsigned char*>(mask->imageData) + x;
-    for (int y = 0; y < h; ++y) out[y * mask->widthStep] = ((column[y] >> k) & 1u) ? 255 : 0;
-  }
+  readSlot(k, w, h, mask);
   return mask;
 }
-
-namespace {
-void writeSlot(int k, const IplImage* mask) {
-  const unsigned int bit = 1u << k;
-  for (int x = 0; x < VELDSEManageUndoRedo::width; ++x) {
-    unsigned int* column = VELDSEManageUndoRedo::m_bitPlane[x];
-    const unsigned char* in = reinterpret_cast<const unsigned char*>(mask->imageData) + x;
-    for (int y = 0; y < VELDSEManageUndoRedo::height; ++y) {
-      if (in[y * mask->widthStep] != 0) column[y] |= bit; else column[y] &= ~bit;
-    }
-  }
-}
-}  // namespace
 
 void VELDSEManageUndoRedo::setMask(int k, IplImage* mask) { writeSlot(k, mask); }
 
