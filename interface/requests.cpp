@@ -199,16 +199,16 @@ void loadBlendedImageInfo(unsigned int* blended) {
     __android_log_print(ANDROID_LOG_ERROR, "Error", "MEMORY_CRASH : %s %d", "loadBlendedImageInfo",
                         493);
   }
-  IplImage* outline = cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 1);
-  cvSetZero(outline);
   if (storage != nullptr) cvReleaseMemStorage(&storage);
   storage = cvCreateMemStorage(0);
   contours = nullptr;
 
-  IplImage* work = cvCloneImage(g_resultMask);
-  cvFindContours(work, storage, &contours, sizeof(CvContour), CV_RETR_LIST, CV_CHAIN_APPROX_SIMPLE,
+  // The contour search writes into its image, so it runs on a copy of the
+  // mask; the same buffer, cleared, then takes the drawn outline.
+  IplImage* outline = cvCloneImage(g_resultMask);
+  cvFindContours(outline, storage, &contours, sizeof(CvContour), CV_RETR_LIST, CV_CHAIN_APPROX_SIMPLE,
                  cvPoint(0, 0));
-  cvReleaseImage(&work);
+  cvSetZero(outline);
   cvDrawContours(outline, contours, cvScalarAll(255), cvScalarAll(255), 255, 2, CV_AA,
                  cvPoint(0, 0));
   if (contours != nullptr) g_contoursReady = 1;
