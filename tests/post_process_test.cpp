@@ -1,5 +1,7 @@
 // Mask clean-up after a cut: islands and holes for loop selections, stroke
 // connectivity for strokes, and the merge with the previous result.
+#include <algorithm>
+#include <random>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -7,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <opencv2/core/core.hpp>
 #include <opencv2/core/core_c.h>
+#include <opencv2/imgproc/imgproc.hpp>
 
 #include "engine/veldse_hybrid.h"
 #include "interface/veldse_marker.h"
@@ -204,3 +207,49 @@ TEST_F(PostProcessTest, EmptyRegionRevertsToThePreviousResult) {
 }
 
 }  // namespace
+
+namespace {
+
+// The loop clean-up as one flood per component: every 4-connected component
+// of `value` measured by cv::floodFill on a copy, the small ones repainted by
+// flooding the mask from their first pixel.
+void floodReference(cv::Mat& mask, unsigned char value, int limit, unsigned char paint) {
+  cv::Mat work = mask.clone();
+  std::vector<std::pair<cv::Point, int>> found;
+  for (int y = 0; y < work.rows; ++y)
+    for (int x = 0; x < work.cols; ++x)
+      if (work.at<unsigned char>(y, x) == value)
+        found.push_back({{x, y}, cv::floodFill(work, cv::Point(x, y), cv::Scalar(1), nullptr, 0, 0, 4)});
+  if (limit < 0) {  // islands: a tenth of the largest
+    int largest = 0;
+    for (const auto& c : found) largest = std::max(largest, c.second);
+    limit = static_cast<int>(largest * 0.1);
+  }
+  for (const auto& c : found)
+    if (c.second < limit) cv::floodFill(mask, c.first, cv::Scalar(paint), nullptr, 0, 0, 4);
+}
+
+}  // namespace
+
+TEST_F(PostProcessTest, LoopCleanUpMatchesOneFloodPerComponent) {
+  std::mt19937 rng(5);
+  auto uni = [&rng](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
+  for (int round = 0; round < 300; ++round) {
+    const int w = uni(1, 70), h = uni(1, 50);
+    cv::Mat m(h, w, CV_8UC1, cv::Scalar(0));
+    // Blobs of every size and scattered noise, so that islands, holes, ties
+    // and runs touching only diagonally all occur.
+    for (int b = uni(0, 12); b > 0; --b)
+      cv::rectangle(m, cv::Rect(uni(0, w), uni(0, h), uni(1, w), uni(1, h)), cv::Scalar(uni(0, 1) * 255), -1);
+    for (int p = uni(0, w * h / 3); p > 0; --p) m.at<unsigned char>(uni(0, h - 1), uni(0, w - 1)) ^= 255;
+    cv::Mat expected = m.clone();
+    floodReference(expected, 255, -1, 0);
+    floodReference(expected, 0, 5, 255);
+    IplImage* mask = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, 1);
+    m.copyTo(cv::cvarrToMat(mask));
+    hybrid_.postProcessForLoop(mask);
+    IplImage copy = cvIplImage(expected);
+    SCOPED_TRACE("round " + std::to_string(round));
+    expectSameAndRelease(mask, cvCloneImage(&copy));
+  }
+}
