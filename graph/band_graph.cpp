@@ -4,45 +4,73 @@
 
 #include "graph/solver_core.h"
 
+using graphcore::BandLinks;
+
 namespace {
 
 long records(const VELDSEGraph* g) { return g->m_nodeMax - g->m_nodes; }
 
-// Past the capacities of every allocated node record: the neighbour table,
-// then each node's parent node.
-int* neighbourTable(const VELDSEGraph* g) { return reinterpret_cast<int*>(g->m_caps + 8 * records(g)); }
-int* parentNodes(const VELDSEGraph* g) { return neighbourTable(g) + 8 * records(g); }
+// Past the capacities of every allocated node record: the neighbour links,
+// each node's parent node, and the presence bits of its neighbours.
+BandLinks* links(const VELDSEGraph* g) { return reinterpret_cast<BandLinks*>(g->m_caps + 8 * records(g)); }
+int* parentNodes(const VELDSEGraph* g) { return reinterpret_cast<int*>(links(g) + records(g)); }
+unsigned char* present(const VELDSEGraph* g) {
+  return reinterpret_cast<unsigned char*>(parentNodes(g) + records(g));
+}
+
+graphcore::BandTopology topology(const VELDSEGraph* g) { return {links(g), present(g), parentNodes(g)}; }
 
 }  // namespace
 
 VELDSEGraph* createBandGraph(int nodeCount, int width, int height) {
-  const int records = nodeCount > 16 ? nodeCount : 16;
-  // Per record: four capacity pairs, 8 ints of neighbour table and one parent
-  // node (17 four-byte words), in pairs of two words.
-  VELDSEGraph* g = new VELDSEGraph(nodeCount, (17 * records + 1) / 2, width, height, 0);
+  const long records = nodeCount > 16 ? nodeCount : 16;
+  // Per record, in four-byte words: 8 capacities, 2 of links, 1 parent node,
+  // and a quarter for the presence byte; the allocation counts pairs of words.
+  const long words = 11 * records + (records + 3) / 4;
+  VELDSEGraph* g = new VELDSEGraph(nodeCount, static_cast<int>((words + 1) / 2), width, height, 0);
   if (g->m_nodes == nullptr || g->m_caps == nullptr) return g;
-  g->m_capMax = g->m_caps + 8 * static_cast<long>(records);
-  std::memset(neighbourTable(g), 0xFF, static_cast<size_t>(records) * 8 * sizeof(int));
+  g->m_capMax = g->m_caps + 8 * records;
+  std::memset(present(g), 0, static_cast<size_t>(records));
   return g;
 }
 
 void setBandNeighbours(VELDSEGraph* g, int i, int left, int upLeft, int up, int upRight) {
-  int* t = neighbourTable(g);
-  int* own = t + 8 * static_cast<long>(i);
-  own[0] = left;
-  own[1] = upLeft;
-  own[2] = up;
-  own[3] = upRight;
-  // The opposite direction of k (k < 4) is k + 4: i is its neighbour's right,
-  // lower-right, down or lower-left neighbour.
-  for (int k = 0; k < 4; ++k) {
-    if (own[k] >= 0) t[8 * static_cast<long>(own[k]) + k + 4] = i;
+  BandLinks* l = links(g);
+  unsigned char* p = present(g);
+  // Index of the pixel right above i: up itself, or the one after the
+  // upper-left neighbour, or the upper-right one when up is missing.
+  const int above = up >= 0 ? up : upLeft >= 0 ? upLeft + 1 : upRight;
+  unsigned bits = p[i];
+  if (left >= 0) bits |= 1u << 0;
+  if (upLeft >= 0) bits |= 1u << 1;
+  if (up >= 0) bits |= 1u << 2;
+  if (upRight >= 0) bits |= 1u << 3;
+  p[i] = static_cast<unsigned char>(bits);
+  l[i].above = above;
+  // i is its earlier neighbours' right, lower-right, down or lower-left
+  // neighbour; the pixel below each of them is i, i's left one or i's right
+  // one, whose index is i, i-1 (left present) or i, and i+1.
+  if (left >= 0) p[left] |= 1u << 4;
+  if (upLeft >= 0) {
+    p[upLeft] |= 1u << 5;
+    l[upLeft].below = left >= 0 ? i - 1 : i;
+  }
+  if (up >= 0) {
+    p[up] |= 1u << 6;
+    l[up].below = i;
+  }
+  if (upRight >= 0) {
+    p[upRight] |= 1u << 7;
+    l[upRight].below = i + 1;
   }
 }
 
-int bandNeighbour(const VELDSEGraph* g, int i, int k) { return neighbourTable(g)[8 * static_cast<long>(i) + k]; }
+int bandNeighbour(const VELDSEGraph* g, int i, int k) {
+  const graphcore::BandTopology t = topology(g);
+  return (t.mask(i) >> k) & 1u ? t.neighbour(i, k) : -1;
+}
 
 float bandMaxFlow(VELDSEGraph* g) {
   g->maxflowInit();
-  return graphcore::serialLoop(g, graphcore::BandTopology{neighbourTable(g), parentNodes(g)});
+  return graphcore::serialLoop(g, topology(g));
 }

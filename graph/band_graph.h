@@ -13,9 +13,10 @@
 // row-major order and owns the capacity floats 8i .. 8i+7 exactly as a grid
 // node does (pairs towards its left, upper-left, up and upper-right
 // neighbours; ABSENT_EDGE where that neighbour is not in the band). Where a
-// grid node finds its neighbours by arithmetic, a band node looks them up in
-// a table of 8 node indices per node (-1: no band pixel there); the solver
-// also keeps the node each parent slot leads to. Both live in the same
+// grid node finds its neighbours by arithmetic alone, a band node needs which
+// of its eight neighbours are band pixels and the index of the pixels above
+// and below it (the rest follows from the row-major numbering); the solver
+// also keeps the node each parent slot leads to. These live in the same
 // allocation as the capacities, just past m_capMax, so that deleting the
 // graph frees them too. m_width and m_height give the box.
 //
@@ -35,15 +36,16 @@
 #include "graph/veldse_graph.h"
 
 // A graph of nodeCount band nodes in a width x height box: node records, four
-// capacity pairs per node and the neighbour table (all -1), one thread. The
-// arrays may be null when memory is short; the caller checks as for a grid.
-// Cost per node: 20 bytes of record (32-bit ARM; 32 on x86_64), 32 of
-// capacities, 32 of neighbour table, 4 of parent node.
+// capacity pairs per node and the neighbour links (no neighbours yet), one
+// thread. The arrays may be null when memory is short; the caller checks as
+// for a grid. Cost per node: 20 bytes of record (32-bit ARM; 32 on x86_64),
+// 32 of capacities, 13 of neighbour links and parent node.
 VELDSEGraph* createBandGraph(int nodeCount, int width, int height);
 
 // Node i's earlier neighbours (left, upper-left, up, upper-right: node index
 // or -1); records i as their later neighbour in turn. Call once per node,
-// in index order, before i's four addEdge calls.
+// in index order, before i's four addEdge calls. Nodes must be numbered in
+// the row-major order of their pixels.
 void setBandNeighbours(VELDSEGraph* g, int i, int left, int upLeft, int up, int upRight);
 
 // The neighbour index of node i in direction k (the fixed order left,

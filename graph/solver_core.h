@@ -148,26 +148,44 @@ struct GridTopology {
   void setParent(nodes* base, int x, int s, int /*to*/) const { base[x].parent = s; }
 };
 
-// Nodes are some of the box's pixels in row-major order, with an explicit
-// table of 8 neighbour indices per node (-1: no node there). Node i still
-// owns the 8 capacity floats 8i .. 8i+7 towards its four earlier neighbours,
-// so the pair between i and a later neighbour j lives in j's floats.
+// Nodes are some of the box's pixels, numbered in row-major order. Node i
+// still owns the 8 capacity floats 8i .. 8i+7 towards its four earlier
+// neighbours, so the pair between i and a later neighbour j lives in j's
+// floats. Because of the numbering, a node's neighbours follow from three
+// small facts: which of the eight are present (a bit each), and the index
+// that the pixels right above and right below the node have or would have
+// (the count of band pixels before them):
+//   left i-1, upper-left above-1, up above, upper-right above+[up present],
+//   right i+1, lower-right below+[down present], down below, lower-left below-1.
+struct BandLinks {
+  int above;
+  int below;
+};
+
 struct BandTopology {
-  const int* table;
+  const BandLinks* links;
+  const unsigned char* present;
   // The node each node's parent slot leads to, kept beside the slot: walking
   // a chain towards its root then costs one load per step instead of two
-  // dependent ones (record, then table).
+  // dependent ones (record, then neighbours).
   int* parentNode;
 
-  unsigned mask(int i) const {
-    const int* t = table + 8 * i;
-    unsigned m = 0;
-    for (int k = 0; k < 8; ++k) m |= static_cast<unsigned>(t[k] >= 0) << k;
-    return m;
+  unsigned mask(int i) const { return present[i]; }
+  int neighbour(int i, int k) const {
+    const unsigned m = present[i];
+    switch (k) {
+      case 0: return i - 1;
+      case 1: return links[i].above - 1;
+      case 2: return links[i].above;
+      case 3: return links[i].above + static_cast<int>((m >> 2) & 1u);
+      case 4: return i + 1;
+      case 5: return links[i].below + static_cast<int>((m >> 6) & 1u);
+      case 6: return links[i].below;
+      default: return links[i].below - 1;
+    }
   }
-  int slot(int i, int k) const { return k < 4 ? 8 * i + 2 * k : 8 * table[8 * i + k] + 2 * (k - 4) + 1; }
-  int neighbour(int i, int k) const { return table[8 * i + k]; }
-  int head(int s) const { return (s & 1) ? (s >> 3) : table[(s & ~7) + ((s & 7) >> 1)]; }
+  int slot(int i, int k) const { return k < 4 ? 8 * i + 2 * k : 8 * neighbour(i, k) + 2 * (k - 4) + 1; }
+  int head(int s) const { return (s & 1) ? (s >> 3) : neighbour(s >> 3, (s & 7) >> 1); }
   int parentOf(int x, int /*s*/) const { return parentNode[x]; }
   void setParent(nodes* base, int x, int s, int to) const {
     base[x].parent = s;
