@@ -11,22 +11,25 @@ namespace {
 long records(const VELDSEGraph* g) { return g->m_nodeMax - g->m_nodes; }
 
 // Past the capacities of every allocated node record: the neighbour links,
-// each node's parent node, and the presence bits of its neighbours.
+// the solver's mirror of parent and tree, and the presence bits of the
+// neighbours.
 BandLinks* links(const VELDSEGraph* g) { return reinterpret_cast<BandLinks*>(g->m_caps + 8 * records(g)); }
-int* parentNodes(const VELDSEGraph* g) { return reinterpret_cast<int*>(links(g) + records(g)); }
-unsigned char* present(const VELDSEGraph* g) {
-  return reinterpret_cast<unsigned char*>(parentNodes(g) + records(g));
+graphcore::BandLink* state(const VELDSEGraph* g) {
+  return reinterpret_cast<graphcore::BandLink*>(links(g) + records(g));
 }
+unsigned char* present(const VELDSEGraph* g) { return reinterpret_cast<unsigned char*>(state(g) + records(g)); }
+unsigned char* trees(const VELDSEGraph* g) { return present(g) + records(g); }
 
-graphcore::BandTopology topology(const VELDSEGraph* g) { return {links(g), present(g), parentNodes(g)}; }
+graphcore::BandTopology topology(const VELDSEGraph* g) { return {links(g), present(g), state(g), trees(g)}; }
 
 }  // namespace
 
 VELDSEGraph* createBandGraph(int nodeCount, int width, int height) {
   const long records = nodeCount > 16 ? nodeCount : 16;
-  // Per record, in four-byte words: 8 capacities, 2 of links, 1 parent node,
-  // and a quarter for the presence byte; the allocation counts pairs of words.
-  const long words = 11 * records + (records + 3) / 4;
+  // Per record, in four-byte words: 8 capacities, 2 of links, 2 of mirrored
+  // parent, and two bytes (presence bits, mirrored tree); the allocation
+  // counts pairs of words.
+  const long words = 12 * records + (2 * records + 3) / 4;
   VELDSEGraph* g = new VELDSEGraph(nodeCount, static_cast<int>((words + 1) / 2), width, height, 0);
   if (g->m_nodes == nullptr || g->m_caps == nullptr) return g;
   g->m_capMax = g->m_caps + 8 * records;
@@ -72,5 +75,10 @@ int bandNeighbour(const VELDSEGraph* g, int i, int k) {
 
 float bandMaxFlow(VELDSEGraph* g) {
   g->maxflowInit();
-  return graphcore::serialLoop(g, topology(g));
+  const graphcore::BandTopology t = topology(g);
+  for (int i = 0; i < g->m_nodeCount; ++i) {
+    t.state[i].parent = g->m_nodes[i].parent;
+    t.trees[i] = static_cast<unsigned char>(g->m_nodes[i].tree);
+  }
+  return graphcore::serialLoop(g, t);
 }

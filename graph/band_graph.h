@@ -16,7 +16,8 @@
 // grid node finds its neighbours by arithmetic alone, a band node needs which
 // of its eight neighbours are band pixels and the index of the pixels above
 // and below it (the rest follows from the row-major numbering); the solver
-// also keeps the node each parent slot leads to. These live in the same
+// also mirrors each node's parent slot, parent node and tree in dense arrays
+// (the records stay authoritative when it returns). These live in the same
 // allocation as the capacities, just past m_capMax, so that deleting the
 // graph frees them too. m_width and m_height give the box.
 //
@@ -39,7 +40,8 @@
 // capacity pairs per node and the neighbour links (no neighbours yet), one
 // thread. The arrays may be null when memory is short; the caller checks as
 // for a grid. Cost per node: 20 bytes of record (32-bit ARM; 32 on x86_64),
-// 32 of capacities, 13 of neighbour links and parent node.
+// 32 of capacities, 9 of neighbour links, 9 of the solver's mirror of parent
+// and tree.
 VELDSEGraph* createBandGraph(int nodeCount, int width, int height);
 
 // Node i's earlier neighbours (left, upper-left, up, upper-right: node index

@@ -145,7 +145,12 @@ struct GridTopology {
   int head(int s) const { return offsets[(s + 1) & 7] + ((s + 1) >> 3); }
   // The node that parent slot s of node x leads to.
   int parentOf(int /*x*/, int s) const { return head(s); }
+  // Node state as the solver reads and writes it.
+  int parent(const nodes* base, int x) const { return base[x].parent; }
+  int tree(const nodes* base, int x) const { return base[x].tree; }
   void setParent(nodes* base, int x, int s, int /*to*/) const { base[x].parent = s; }
+  void setTree(nodes* base, int x, int t) const { base[x].tree = t; }
+  void orphan(VELDSEGraph* g, int x) const { g->AddToOrphanQueue(g->m_nodes + x); }
 };
 
 // Nodes are some of the box's pixels, numbered in row-major order. Node i
@@ -162,13 +167,20 @@ struct BandLinks {
   int below;
 };
 
+// What the solver reads most of a band node - its parent slot, the node that
+// slot leads to, its tree - is mirrored in dense arrays beside the records
+// (which stay authoritative for everyone else): walking a chain then reads
+// one 8-byte entry per step, and scanning the neighbours' trees one byte each.
+struct BandLink {
+  int parent;      // as nodes::parent
+  int parentNode;  // node the parent slot leads to (parent >= 0 only)
+};
+
 struct BandTopology {
   const BandLinks* links;
   const unsigned char* present;
-  // The node each node's parent slot leads to, kept beside the slot: walking
-  // a chain towards its root then costs one load per step instead of two
-  // dependent ones (record, then neighbours).
-  int* parentNode;
+  BandLink* state;
+  unsigned char* trees;
 
   unsigned mask(int i) const { return present[i]; }
   int neighbour(int i, int k) const {
@@ -186,10 +198,21 @@ struct BandTopology {
   }
   int slot(int i, int k) const { return k < 4 ? 8 * i + 2 * k : 8 * neighbour(i, k) + 2 * (k - 4) + 1; }
   int head(int s) const { return (s & 1) ? (s >> 3) : neighbour(s >> 3, (s & 7) >> 1); }
-  int parentOf(int x, int /*s*/) const { return parentNode[x]; }
+  int parentOf(int x, int /*s*/) const { return state[x].parentNode; }
+  int parent(const nodes* /*base*/, int x) const { return state[x].parent; }
+  int tree(const nodes* /*base*/, int x) const { return trees[x]; }
   void setParent(nodes* base, int x, int s, int to) const {
     base[x].parent = s;
-    parentNode[x] = to;
+    state[x].parent = s;
+    state[x].parentNode = to;
+  }
+  void setTree(nodes* base, int x, int t) const {
+    base[x].tree = t;
+    trees[x] = static_cast<unsigned char>(t);
+  }
+  void orphan(VELDSEGraph* g, int x) const {
+    g->AddToOrphanQueue(g->m_nodes + x);
+    state[x].parent = VELDSEGraph::NONE;
   }
 };
 
@@ -207,34 +230,32 @@ void augmentPath(VELDSEGraph* g, const Topology& topo, int middle) {
 
   // Bottleneck over the sink half, the middle edge and the source half.
   float f = caps[middle];
-  nodes* x = base + topo.head(middle);
+  int x = topo.head(middle);
   int sinkLen = 0;
-  for (int p = x->parent; p != VELDSEGraph::TERMINAL; p = x->parent) {
+  for (int p = topo.parent(base, x); p != VELDSEGraph::TERMINAL; p = topo.parent(base, x)) {
     if (caps[p] < f) f = caps[p];
-    const int at = static_cast<int>(x - base);
     if (sinkLen < kRecorded) {
       sinkSlots[sinkLen] = p;
-      sinkTails[sinkLen] = at;
+      sinkTails[sinkLen] = x;
     }
     ++sinkLen;
-    x = base + topo.parentOf(at, p);
+    x = topo.parentOf(x, p);
   }
-  nodes* const sinkRoot = x;
-  if (-x->trCap < f) f = -x->trCap;
-  x = base + topo.head(middle ^ 1);
+  const int sinkRoot = x;
+  if (-base[x].trCap < f) f = -base[x].trCap;
+  x = topo.head(middle ^ 1);
   int sourceLen = 0;
-  for (int p = x->parent; p != VELDSEGraph::TERMINAL; p = x->parent) {
+  for (int p = topo.parent(base, x); p != VELDSEGraph::TERMINAL; p = topo.parent(base, x)) {
     if (caps[p ^ 1] < f) f = caps[p ^ 1];
-    const int at = static_cast<int>(x - base);
     if (sourceLen < kRecorded) {
       sourceSlots[sourceLen] = p;
-      sourceTails[sourceLen] = at;
+      sourceTails[sourceLen] = x;
     }
     ++sourceLen;
-    x = base + topo.parentOf(at, p);
+    x = topo.parentOf(x, p);
   }
-  nodes* const sourceRoot = x;
-  if (x->trCap < f) f = x->trCap;
+  const int sourceRoot = x;
+  if (base[x].trCap < f) f = base[x].trCap;
 
   caps[middle] -= f;
   caps[middle ^ 1] += f;
@@ -246,40 +267,40 @@ void augmentPath(VELDSEGraph* g, const Topology& topo, int middle) {
       const int p = sinkSlots[k];
       caps[p] -= f;
       caps[p ^ 1] += f;
-      if (caps[p] == 0.0f) g->AddToOrphanQueue(base + sinkTails[k]);
+      if (caps[p] == 0.0f) topo.orphan(g, sinkTails[k]);
     }
   } else {
-    x = base + topo.head(middle);
-    for (int p = x->parent; p != VELDSEGraph::TERMINAL; p = x->parent) {
+    x = topo.head(middle);
+    for (int p = topo.parent(base, x); p != VELDSEGraph::TERMINAL; p = topo.parent(base, x)) {
       caps[p] -= f;
       caps[p ^ 1] += f;
-      nodes* const next = base + topo.parentOf(static_cast<int>(x - base), p);
-      if (caps[p] == 0.0f) g->AddToOrphanQueue(x);
+      const int next = topo.parentOf(x, p);
+      if (caps[p] == 0.0f) topo.orphan(g, x);
       x = next;
     }
   }
-  sinkRoot->trCap += f;
-  if (sinkRoot->trCap == 0.0f) g->AddToOrphanQueue(sinkRoot);
+  base[sinkRoot].trCap += f;
+  if (base[sinkRoot].trCap == 0.0f) topo.orphan(g, sinkRoot);
 
   if (sourceLen <= kRecorded) {
     for (int k = 0; k < sourceLen; ++k) {
       const int p = sourceSlots[k];
       caps[p ^ 1] -= f;
       caps[p] += f;
-      if (caps[p ^ 1] == 0.0f) g->AddToOrphanQueue(base + sourceTails[k]);
+      if (caps[p ^ 1] == 0.0f) topo.orphan(g, sourceTails[k]);
     }
   } else {
-    x = base + topo.head(middle ^ 1);
-    for (int p = x->parent; p != VELDSEGraph::TERMINAL; p = x->parent) {
+    x = topo.head(middle ^ 1);
+    for (int p = topo.parent(base, x); p != VELDSEGraph::TERMINAL; p = topo.parent(base, x)) {
       caps[p ^ 1] -= f;
       caps[p] += f;
-      nodes* const next = base + topo.parentOf(static_cast<int>(x - base), p);
-      if (caps[p ^ 1] == 0.0f) g->AddToOrphanQueue(x);
+      const int next = topo.parentOf(x, p);
+      if (caps[p ^ 1] == 0.0f) topo.orphan(g, x);
       x = next;
     }
   }
-  sourceRoot->trCap -= f;
-  if (sourceRoot->trCap == 0.0f) g->AddToOrphanQueue(sourceRoot);
+  base[sourceRoot].trCap -= f;
+  if (base[sourceRoot].trCap == 0.0f) topo.orphan(g, sourceRoot);
 
   g->m_flow += f;
 }
@@ -303,25 +324,24 @@ void adoptOrphan(VELDSEGraph* g, nodes* o, const Topology& topo) {
     const int e = topo.slot(i, k);
     if (caps[e] == VELDSEGraph::ABSENT_EDGE) continue;
     if ((sinkSide ? caps[e] : caps[e ^ 1]) == 0.0f) continue;
-    const int jIndex = topo.neighbour(i, k);
-    const nodes* const j = base + jIndex;
-    if (j->parent == VELDSEGraph::NONE || j->tree != tree) continue;
+    const int j = topo.neighbour(i, k);
+    if (topo.parent(base, j) == VELDSEGraph::NONE || topo.tree(base, j) != tree) continue;
     // Walk the whole chain to the terminal; a chain through an orphan fails.
     // A walk already as long as the best cannot win (ties go to the earlier
     // slot), so it may stop there.
     int d = 2;
-    int at = jIndex;
-    int s = j->parent;
+    int at = j;
+    int s = topo.parent(base, j);
     while (s != VELDSEGraph::TERMINAL && d < bestDist) {
       at = topo.parentOf(at, s);
-      s = base[at].parent;
+      s = topo.parent(base, at);
       ++d;
       if (s == VELDSEGraph::NONE) break;
     }
     if (s == VELDSEGraph::TERMINAL && d < bestDist) {
       bestDist = d;
       bestSlot = e;
-      bestNode = jIndex;
+      bestNode = j;
       if (d == 2) break;  // nothing later can be strictly nearer
     }
   }
@@ -330,8 +350,8 @@ void adoptOrphan(VELDSEGraph* g, nodes* o, const Topology& topo) {
     return;
   }
 
-  o->parent = VELDSEGraph::NONE;
-  o->tree = VELDSEGraph::FREE_TREE;
+  topo.setParent(base, i, VELDSEGraph::NONE, -1);
+  topo.setTree(base, i, VELDSEGraph::FREE_TREE);
   for (int k = 0; k < 8; ++k) {
     if ((mask & (1u << k)) == 0) continue;
     const int e = topo.slot(i, k);
@@ -341,14 +361,13 @@ void adoptOrphan(VELDSEGraph* g, nodes* o, const Topology& topo) {
     // and unless it is queued now nobody would grow back into o. Skipping
     // them leaves free nodes with residual edges into a tree at the end, so
     // the cut is not minimal (and an augmenting path can be missed).
-    const int jIndex = topo.neighbour(i, k);
-    nodes* const j = base + jIndex;
-    if (j->tree != tree) continue;
-    if ((sinkSide ? caps[e] : caps[e ^ 1]) != 0.0f) g->AddToActiveQueue(j);
-    if (j->parent >= 0 && topo.parentOf(jIndex, j->parent) == i) g->AddToOrphanQueue(j);
+    const int j = topo.neighbour(i, k);
+    if (topo.tree(base, j) != tree) continue;
+    if ((sinkSide ? caps[e] : caps[e ^ 1]) != 0.0f) g->AddToActiveQueue(base + j);
+    const int p = topo.parent(base, j);
+    if (p >= 0 && topo.parentOf(j, p) == i) topo.orphan(g, j);
   }
 }
-
 
 template <class Topology>
 float serialLoop(VELDSEGraph* g, const Topology& topo) {
@@ -371,34 +390,35 @@ float serialLoop(VELDSEGraph* g, const Topology& topo) {
     for (;;) {
       n->nextActive = nullptr;
       int middle = -1;
-      if (n->tree == VELDSEGraph::SOURCE_TREE) {
+      const int tree = topo.tree(base, i);
+      if (tree == VELDSEGraph::SOURCE_TREE) {
         for (int k = 0; k < 8; ++k) {
           if ((mask & (1u << k)) == 0) continue;
           const int e = topo.slot(i, k);
           if (!residual(caps[e])) continue;
-          const int jIndex = topo.neighbour(i, k);
-          nodes* const j = base + jIndex;
-          if (j->tree == VELDSEGraph::FREE_TREE) {
-            j->tree = VELDSEGraph::SOURCE_TREE;
-            topo.setParent(base, jIndex, e ^ 1, i);
-            g->AddToActiveQueue(j);
-          } else if (j->tree == VELDSEGraph::SINK_TREE) {
+          const int j = topo.neighbour(i, k);
+          const int jTree = topo.tree(base, j);
+          if (jTree == VELDSEGraph::FREE_TREE) {
+            topo.setTree(base, j, VELDSEGraph::SOURCE_TREE);
+            topo.setParent(base, j, e ^ 1, i);
+            g->AddToActiveQueue(base + j);
+          } else if (jTree == VELDSEGraph::SINK_TREE) {
             middle = e;
             break;
           }
         }
-      } else if (n->tree == VELDSEGraph::SINK_TREE) {
+      } else if (tree == VELDSEGraph::SINK_TREE) {
         for (int k = 0; k < 8; ++k) {
           if ((mask & (1u << k)) == 0) continue;
           const int e = topo.slot(i, k) ^ 1;
           if (!residual(caps[e])) continue;
-          const int jIndex = topo.neighbour(i, k);
-          nodes* const j = base + jIndex;
-          if (j->tree == VELDSEGraph::FREE_TREE) {
-            j->tree = VELDSEGraph::SINK_TREE;
-            topo.setParent(base, jIndex, e, i);
-            g->AddToActiveQueue(j);
-          } else if (j->tree == VELDSEGraph::SOURCE_TREE) {
+          const int j = topo.neighbour(i, k);
+          const int jTree = topo.tree(base, j);
+          if (jTree == VELDSEGraph::FREE_TREE) {
+            topo.setTree(base, j, VELDSEGraph::SINK_TREE);
+            topo.setParent(base, j, e, i);
+            g->AddToActiveQueue(base + j);
+          } else if (jTree == VELDSEGraph::SOURCE_TREE) {
             middle = e;
             break;
           }
@@ -416,9 +436,10 @@ float serialLoop(VELDSEGraph* g, const Topology& topo) {
       while (!exitRequested()) {
         nodes* const o = g->GetTopOrphanQueueNode();
         if (o == nullptr) break;
-        if (o->tree == VELDSEGraph::SINK_TREE) {
+        const int oTree = topo.tree(base, static_cast<int>(o - base));
+        if (oTree == VELDSEGraph::SINK_TREE) {
           adoptOrphan<true>(g, o, topo);
-        } else if (o->tree == VELDSEGraph::SOURCE_TREE) {
+        } else if (oTree == VELDSEGraph::SOURCE_TREE) {
           adoptOrphan<false>(g, o, topo);
         }
       }
