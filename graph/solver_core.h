@@ -125,6 +125,43 @@ inline bool stopAfterVisit() {
 }
 
 
+// The FIFO queues of VELDSEGraph (same rules as its members, which call
+// these), here so that the solver loops inline them.
+inline void pushActive(VELDSEGraph* g, nodes* n) {
+  if (n->nextActive != nullptr) return;
+  n->nextActive = n;
+  if (g->m_activeTail != nullptr) {
+    g->m_activeTail->nextActive = n;
+  } else {
+    g->m_activeHead = n;
+  }
+  g->m_activeTail = n;
+}
+
+inline void pushOrphan(VELDSEGraph* g, nodes* n) {
+  n->parent = VELDSEGraph::NONE;
+  if (n->nextOrphan != nullptr) return;
+  n->nextOrphan = n;
+  if (g->m_orphanTail != nullptr) {
+    g->m_orphanTail->nextOrphan = n;
+  } else {
+    g->m_orphanHead = n;
+  }
+  g->m_orphanTail = n;
+}
+
+inline nodes* popOrphan(VELDSEGraph* g) {
+  nodes* n = g->m_orphanHead;
+  if (n == nullptr) return nullptr;
+  if (n == g->m_orphanTail) {
+    g->m_orphanHead = g->m_orphanTail = nullptr;
+  } else {
+    g->m_orphanHead = n->nextOrphan;
+  }
+  n->nextOrphan = nullptr;
+  return n;
+}
+
 // Topologies: where the neighbour of node i in direction k (the fixed order
 // left, upper-left, up, upper-right, right, lower-right, down, lower-left)
 // is, and which capacity slot leads there. The solver below only ever asks
@@ -150,7 +187,7 @@ struct GridTopology {
   int tree(const nodes* base, int x) const { return base[x].tree; }
   void setParent(nodes* base, int x, int s, int /*to*/) const { base[x].parent = s; }
   void setTree(nodes* base, int x, int t) const { base[x].tree = t; }
-  void orphan(VELDSEGraph* g, int x) const { g->AddToOrphanQueue(g->m_nodes + x); }
+  void orphan(VELDSEGraph* g, int x) const { pushOrphan(g, g->m_nodes + x); }
 };
 
 // Nodes are some of the box's pixels, numbered in row-major order. Node i
@@ -211,7 +248,7 @@ struct BandTopology {
     trees[x] = static_cast<unsigned char>(t);
   }
   void orphan(VELDSEGraph* g, int x) const {
-    g->AddToOrphanQueue(g->m_nodes + x);
+    pushOrphan(g, g->m_nodes + x);
     state[x].parent = VELDSEGraph::NONE;
   }
 };
@@ -363,7 +400,7 @@ void adoptOrphan(VELDSEGraph* g, nodes* o, const Topology& topo) {
     // the cut is not minimal (and an augmenting path can be missed).
     const int j = topo.neighbour(i, k);
     if (topo.tree(base, j) != tree) continue;
-    if ((sinkSide ? caps[e] : caps[e ^ 1]) != 0.0f) g->AddToActiveQueue(base + j);
+    if ((sinkSide ? caps[e] : caps[e ^ 1]) != 0.0f) pushActive(g, base + j);
     const int p = topo.parent(base, j);
     if (p >= 0 && topo.parentOf(j, p) == i) topo.orphan(g, j);
   }
@@ -401,7 +438,7 @@ float serialLoop(VELDSEGraph* g, const Topology& topo) {
           if (jTree == VELDSEGraph::FREE_TREE) {
             topo.setTree(base, j, VELDSEGraph::SOURCE_TREE);
             topo.setParent(base, j, e ^ 1, i);
-            g->AddToActiveQueue(base + j);
+            pushActive(g, base + j);
           } else if (jTree == VELDSEGraph::SINK_TREE) {
             middle = e;
             break;
@@ -417,7 +454,7 @@ float serialLoop(VELDSEGraph* g, const Topology& topo) {
           if (jTree == VELDSEGraph::FREE_TREE) {
             topo.setTree(base, j, VELDSEGraph::SINK_TREE);
             topo.setParent(base, j, e, i);
-            g->AddToActiveQueue(base + j);
+            pushActive(g, base + j);
           } else if (jTree == VELDSEGraph::SOURCE_TREE) {
             middle = e;
             break;
@@ -434,7 +471,7 @@ float serialLoop(VELDSEGraph* g, const Topology& topo) {
       n->nextActive = n;
       augmentPath(g, topo, middle);
       while (!exitRequested()) {
-        nodes* const o = g->GetTopOrphanQueueNode();
+        nodes* const o = popOrphan(g);
         if (o == nullptr) break;
         const int oTree = topo.tree(base, static_cast<int>(o - base));
         if (oTree == VELDSEGraph::SINK_TREE) {

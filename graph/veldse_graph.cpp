@@ -159,16 +159,7 @@ int VELDSEGraph::getTreeofNode(int i) { return m_nodes[i].tree == SINK_TREE ? 1 
 // ---------------------------------------------------------------------------
 // Queues
 
-void VELDSEGraph::AddToActiveQueue(nodes* n) {
-  if (n->nextActive != nullptr) return;
-  n->nextActive = n;
-  if (m_activeTail != nullptr) {
-    m_activeTail->nextActive = n;
-  } else {
-    m_activeHead = n;
-  }
-  m_activeTail = n;
-}
+void VELDSEGraph::AddToActiveQueue(nodes* n) { pushActive(this, n); }
 
 nodes* VELDSEGraph::GetTopActiveQueueNode() {
   nodes* n = m_activeHead;
@@ -181,29 +172,9 @@ nodes* VELDSEGraph::GetTopActiveQueueNode() {
   return n;
 }
 
-void VELDSEGraph::AddToOrphanQueue(nodes* n) {
-  n->parent = NONE;
-  if (n->nextOrphan != nullptr) return;
-  n->nextOrphan = n;
-  if (m_orphanTail != nullptr) {
-    m_orphanTail->nextOrphan = n;
-  } else {
-    m_orphanHead = n;
-  }
-  m_orphanTail = n;
-}
+void VELDSEGraph::AddToOrphanQueue(nodes* n) { pushOrphan(this, n); }
 
-nodes* VELDSEGraph::GetTopOrphanQueueNode() {
-  nodes* n = m_orphanHead;
-  if (n == nullptr) return nullptr;
-  if (n == m_orphanTail) {
-    m_orphanHead = m_orphanTail = nullptr;
-  } else {
-    m_orphanHead = n->nextOrphan;
-  }
-  n->nextOrphan = nullptr;
-  return n;
-}
+nodes* VELDSEGraph::GetTopOrphanQueueNode() { return popOrphan(this); }
 
 // ---------------------------------------------------------------------------
 // Solver
