@@ -1,10 +1,11 @@
 // Whole rectangle requests on large photos: wall time and the memory a
 // request adds.
 //
-// Photos: samples/coffee.png (cup and saucer, about a third of the photo) and
-// GrabCut's 189080 (the object covers about half of it; read from the shared
-// dataset folder, skipped when absent), scaled (cubic) to 0.3, 3, 12 and 50
-// megapixels with their rectangle.
+// Photos (argument "photo"): 0 samples/coffee.png (cup and saucer, about a
+// third of the photo), 1 GrabCut's 189080 (the object covers about half of
+// it) and 2 GrabCut's person1 (both read from the shared dataset folder,
+// skipped when absent), scaled (cubic) to 0.3, 3, 12 and 50 megapixels with
+// their rectangle.
 //
 // BM_Request makes the request as the app's bridge does: setSourceImage,
 // initSegmentationEngine, the rectangle's marks (its border as the stroke, 4
@@ -73,6 +74,7 @@ struct Source {
 const Source kSources[] = {
     {SEGCORE_SOURCE_DIR "/samples/coffee.png", 65, 50, 485, 392},
     {SEGCORE_SOURCE_DIR "/../shared/datasets/grabcut/images/189080.jpg", 15, 0, 298, 480},
+    {SEGCORE_SOURCE_DIR "/../shared/datasets/grabcut/images/person1.jpg", 55, 61, 599, 449},
 };
 
 // Source `which` scaled to `tenthsMp` tenths of a megapixel; empty when the
@@ -255,7 +257,7 @@ void BM_DoSegmentationBB(benchmark::State& state) {
 
 // {photo, tenths of a megapixel}; wall time (k-means runs on worker threads).
 void photoSizes(benchmark::internal::Benchmark* b) {
-  for (int which : {0, 1}) {
+  for (int which : {0, 1, 2}) {
     for (int tenths : {3, 30, 120, 500}) b->Args({which, tenths});
   }
   b->ArgNames({"photo", "tenths_mp"})->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(3);
