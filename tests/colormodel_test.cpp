@@ -78,7 +78,7 @@ TEST_F(ColorModelTest, GMMProbMatchesIndependentEvaluation) {
   for (const auto& tc : cases) {
     SCOPED_TRACE(testing::Message() << "seed " << tc.seed << " empty " << tc.empty);
     cv::RNG rng(tc.seed);
-    const VELDSEColorModel m = randomModel(rng, tc.empty);
+    VELDSEColorModel m = randomModel(rng, tc.empty);
     for (int i = 0; i < 40; ++i) {
       // Points near a component mean, so the densities are far from underflow.
       const int k0 = i % 5;
