@@ -5,7 +5,7 @@
 # Usage: scripts/setup.sh [extra-package ...]
 set -eu
 PACKAGES="cmake g++ make libopencv-core-dev libopencv-imgproc-dev libopencv-imgcodecs-dev \
-libgtest-dev libgmock-dev libbenchmark-dev $*"
+libgtest-dev libgmock-dev libbenchmark-dev android-liblog-dev android-liblog $*"
 missing=""
 for p in $PACKAGES; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"
