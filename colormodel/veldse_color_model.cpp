@@ -93,18 +93,18 @@ void VELDSEColorModel::setInverseCovariance() {
   }
 }
 
-double VELDSEColorModel::gaussianProb(int k, pixelVal x) const {
+double VELDSEColorModel::gaussianProb(int k, pixelVal x) {
   if (determinant[k] == 0) return 0;
   return std::exp(-0.5 * quadForm(inverseCovariance[k], mean[k], x)) * normFactor[k];
 }
 
-double VELDSEColorModel::gaussianProbGreyScale(int k, pixelVal x) const {
+double VELDSEColorModel::gaussianProbGreyScale(int k, pixelVal x) {
   const double v = covariance[k][0];
   const double d = x.val[0] - mean[k][0];
   return std::exp(-0.5 * d * d / v) / std::sqrt(v);
 }
 
-double VELDSEColorModel::GMMProb(pixelVal x) const {
+double VELDSEColorModel::GMMProb(pixelVal x) {
   double p = 0.0;
   for (int k = 0; k < 5; ++k) {
     double pk = 0;
@@ -116,7 +116,7 @@ double VELDSEColorModel::GMMProb(pixelVal x) const {
   return p;
 }
 
-double VELDSEColorModel::GMMProbGreyScale(pixelVal x) const {
+double VELDSEColorModel::GMMProbGreyScale(pixelVal x) {
   double p = 0.0;
   for (int k = 0; k < 5; ++k) {
     const double v = covariance[k][0];
@@ -126,7 +126,7 @@ double VELDSEColorModel::GMMProbGreyScale(pixelVal x) const {
   return p;
 }
 
-int VELDSEColorModel::colorModelCriteria() const {
+int VELDSEColorModel::colorModelCriteria() {
   // Spread: are all significant means within 100 units of each other?
   float maxDist = -1.0f;
   for (int i = 0; i < 5; ++i) {
@@ -154,7 +154,7 @@ int VELDSEColorModel::colorModelCriteria() const {
   return (dominant > 0 && flat == dominant) ? 1 : 0;
 }
 
-int VELDSEColorModel::assignCluster(pixelVal x) const {
+int VELDSEColorModel::assignCluster(pixelVal x) {
   int best = 0;
   double bestScore = 0;
   for (int k = 0; k < 5; ++k) {

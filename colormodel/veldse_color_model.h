@@ -33,18 +33,18 @@ class VELDSEColorModel {
   void setInverseCovariance();
 
   // Density of component k without its mixing weight; 0 if determinant[k] is 0.
-  double gaussianProb(int k, pixelVal x) const;
+  double gaussianProb(int k, pixelVal x);
   // One-dimensional density on channel 0; unguarded (zero variance -> inf/NaN).
-  double gaussianProbGreyScale(int k, pixelVal x) const;
+  double gaussianProbGreyScale(int k, pixelVal x);
   // Weighted sum of the component densities.
-  double GMMProb(pixelVal x) const;
+  double GMMProb(pixelVal x);
   // Weighted sum of the channel-0 densities, unguarded.
-  double GMMProbGreyScale(pixelVal x) const;
+  double GMMProbGreyScale(pixelVal x);
   // 1 if the mixture describes a nearly single-coloured region, else 0.
-  int colorModelCriteria() const;
+  int colorModelCriteria();
   // Index of the component with the highest unweighted density; ties go to
   // the lower index.
-  int assignCluster(pixelVal x) const;
+  int assignCluster(pixelVal x);
   // Soft refit by expectation-maximisation, a fixed number of iterations.
   // Fewer than five samples: no change.
   void EM(std::vector<pixelVal> samples, int iterations);

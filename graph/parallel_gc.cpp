@@ -432,32 +432,32 @@ void ParallelGC::ComputeGMMProbs(int by, int bx, cv::Mat* img, cv::Mat* labels, 
 // ---------------------------------------------------------------------------
 // Thread entry points
 
-extern "C" void* ThreadAssignBlockIDs(void* arg) {
+void* ThreadAssignBlockIDs(void* arg) {
   ParallelGCThreadArg* a = static_cast<ParallelGCThreadArg*>(arg);
   a->gc->AssignIDs(a->a, a->b);
   pthread_exit(nullptr);
 }
 
-extern "C" void* ThreadPartition(void* arg) {
+void* ThreadPartition(void* arg) {
   ParallelGCThreadArg* a = static_cast<ParallelGCThreadArg*>(arg);
   a->gc->PartitionGraph(a->a, a->b);
   pthread_exit(nullptr);
 }
 
-extern "C" void* ThreadMaxFlow(void* arg) {
+void* ThreadMaxFlow(void* arg) {
   ParallelGCThreadArg* a = static_cast<ParallelGCThreadArg*>(arg);
   a->gc->m_blockGraphs[a->index]->maxFlowSerialCall();
   pthread_exit(nullptr);
 }
 
-extern "C" void* ThreadMerge(void* arg) {
+void* ThreadMerge(void* arg) {
   ParallelGCThreadArg* a = static_cast<ParallelGCThreadArg*>(arg);
   const int lo = a->gc->MergeBlocks(a->a, a->b);
   a->gc->m_blockGraphs[lo]->maxFlowSerialCall();
   pthread_exit(nullptr);
 }
 
-extern "C" void* ThreadComputeGMMProbs(void* arg) {
+void* ThreadComputeGMMProbs(void* arg) {
   GMMThreadArg* a = static_cast<GMMThreadArg*>(arg);
   {
     // The graph's flow field is shared by all threads: each thread adds its

@@ -162,13 +162,13 @@ class ParallelGC {
 };
 
 // Thread entry points. Each takes a ParallelGCThreadArg* (GMMThreadArg* for
-// the last) and ends with pthread_exit(nullptr).
-extern "C" {
+// the last) and ends with pthread_exit(nullptr). They have C++ linkage: they
+// are exported under their mangled names, which is how a caller outside the
+// library declares and finds them.
 void* ThreadAssignBlockIDs(void* arg);  // AssignIDs(a, b) = (by, bx)
 void* ThreadPartition(void* arg);       // PartitionGraph(a, b) = (by, bx)
 void* ThreadMaxFlow(void* arg);         // serial solver on view `index`
 void* ThreadMerge(void* arg);           // MergeBlocks(a, b), then resume
 void* ThreadComputeGMMProbs(void* arg);
-}
 
 #endif

@@ -1,5 +1,7 @@
 #include "interface/path_tracing.h"
 
+#include <android/log.h>
+
 #include <cfloat>
 #include <cmath>
 #include <iostream>
@@ -29,10 +31,25 @@ inline bool isObjectLabel(unsigned char l) { return l == 2 || l == 4; }
 inline bool isBackgroundLabel(unsigned char l) { return l == 1 || l == 3; }
 
 // Runs the search and returns the records, so both public forms share it.
+// The seed is taken as the flat index r * cols + c, as a caller that counts
+// pixels row-major hands it over: (0, cols) is the first pixel of row 1. Only
+// a flat index outside the whole image is refused (logged, no records).
 std::vector<Node_> runSearch(IplImage* src, IplImage* label, int r, int c, double alpha) {
+  if (src == nullptr) {
+    __android_log_print(ANDROID_LOG_ERROR, "Error", "find_parent_info: no source image");
+    return {};
+  }
   const int rows = src->height;
   const int cols = src->width;
   const int n = rows * cols;
+  const long long flatSeed = static_cast<long long>(r) * cols + c;
+  if (flatSeed < 0 || flatSeed >= n) {
+    __android_log_print(ANDROID_LOG_ERROR, "Error",
+                        "find_parent_info: seed (%d, %d) outside the %d x %d image", r, c, cols,
+                        rows);
+    return {};
+  }
+  const int seed = static_cast<int>(flatSeed);
 
   std::vector<Node_> nodes(static_cast<size_t>(n));
   for (int y = 0; y < rows; ++y) {
@@ -46,10 +63,6 @@ std::vector<Node_> runSearch(IplImage* src, IplImage* label, int r, int c, doubl
     }
   }
 
-  if (r < 0 || r >= rows || c < 0 || c >= cols) {
-    throw std::out_of_range("find_parent_info: seed outside the image");
-  }
-  const int seed = r * cols + c;
   Node_& seedNode = nodes.at(static_cast<size_t>(seed));
   seedNode.distance = 0.0;
   seedNode.parent = seed;
@@ -80,6 +93,8 @@ std::vector<Node_> runSearch(IplImage* src, IplImage* label, int r, int c, doubl
   }
   return nodes;
 }
+
+std::vector<int> markParents(const std::vector<Node_>& nodes, IplImage* src, IplImage* out);
 
 std::vector<int> parentsOf(const std::vector<Node_>& nodes) {
   std::vector<int> parents(nodes.size());
@@ -195,14 +210,37 @@ void assign_weight(IplImage* src, IplImage* label, Node_& node, int r, int c, do
   }
 }
 
+// Both forms are called by the app's bridge, where an escaping C++ exception
+// aborts the app: whatever the search or OpenCV throws (an allocation failure
+// on a huge image, an image OpenCV refuses) is logged and ends in an empty
+// result.
 std::vector<int> find_parent_info(IplImage* src, IplImage* label, int r, int c, double alpha) {
-  return parentsOf(runSearch(src, label, r, c, alpha));
+  try {
+    return parentsOf(runSearch(src, label, r, c, alpha));
+  } catch (const std::exception& e) {
+    __android_log_print(ANDROID_LOG_ERROR, "Error", "find_parent_info: %s", e.what());
+  } catch (...) {
+    __android_log_print(ANDROID_LOG_ERROR, "Error", "find_parent_info: unknown failure");
+  }
+  return {};
 }
 
 std::vector<int> find_parent_info(IplImage* src, IplImage* label, int r, int c, double alpha,
                                   IplImage* out) {
-  const std::vector<Node_> nodes = runSearch(src, label, r, c, alpha);
-  if (out && out->width == src->width && out->height == src->height) {
+  try {
+    return markParents(runSearch(src, label, r, c, alpha), src, out);
+  } catch (const std::exception& e) {
+    __android_log_print(ANDROID_LOG_ERROR, "Error", "find_parent_info: %s", e.what());
+  } catch (...) {
+    __android_log_print(ANDROID_LOG_ERROR, "Error", "find_parent_info: unknown failure");
+  }
+  return {};
+}
+
+namespace {
+
+std::vector<int> markParents(const std::vector<Node_>& nodes, IplImage* src, IplImage* out) {
+  if (!nodes.empty() && out && out->width == src->width && out->height == src->height) {
     for (const Node_& node : nodes) {
       double mark = kPathMarkUnreached;
       if (node.parent == node.index) {
@@ -220,3 +258,5 @@ std::vector<int> find_parent_info(IplImage* src, IplImage* label, int r, int c, 
   }
   return parentsOf(nodes);
 }
+
+}  // namespace

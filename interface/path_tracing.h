@@ -10,8 +10,11 @@
 // following predecessors from any pixel leads back to the seed, whose parent is
 // itself. Pixels that cannot be reached keep -1.
 //
-// Every array access is bounds-checked: a seed outside the image raises
-// std::out_of_range.
+// The seed (r, c) is the pixel at flat index r * cols + c, so a column past
+// the end of a row names a pixel of a later row. A seed whose flat index lies
+// outside the image is logged (tag "Error") and gives an empty result; no
+// exception leaves find_parent_info. The heap's own operations check every
+// index and raise std::out_of_range when called with a slot it does not hold.
 #ifndef SEGCORE_INTERFACE_PATH_TRACING_H
 #define SEGCORE_INTERFACE_PATH_TRACING_H
 
@@ -84,7 +87,8 @@ void assign_index(Node_& node, int rows, int cols, int r, int c, double);
 void assign_weight(IplImage* src, IplImage* label, Node_& node, int r, int c, double alpha);
 
 // Predecessor of every pixel, in index order, on the cheapest paths from the
-// seed (r, c). src: 8-bit, 3 channels; label: 8-bit, 1 channel, same size.
+// seed r * cols + c; empty when that index is outside the image. src: 8-bit,
+// 3 channels; label: 8-bit, 1 channel, same size, or null.
 std::vector<int> find_parent_info(IplImage* src, IplImage* label, int r, int c, double alpha);
 
 // The same search, also drawing the predecessor relation into `out` so a caller

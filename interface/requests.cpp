@@ -31,14 +31,17 @@ void releaseImage(IplImage*& image) {
 // A request needs a context: the photo and its mask history, and for a cut
 // the engine. After a cancel-and-exit the context is torn down at the end of
 // the running request - cutOutImage, undo and redo still return 0 then - so
-// the bridge can send a request into nothing. Such a request is refused
-// before it touches any state: logged, -1, buffers left alone.
+// the bridge can send a request into nothing. Such a request is refused:
+// logged, -1, buffers left alone. Like every request it still consumes the
+// marker image handed over for it: the bridge sends a fresh one with the next
+// request, and setMarkerImage takes the global without looking at it.
 bool refusedWithoutContext(const char* function, bool needsEngine) {
   if (VELDSEMarker::m_originalImage != nullptr && VELDSEManageUndoRedo::m_bitPlane != nullptr &&
       (!needsEngine || pHybrid != nullptr)) {
     return false;
   }
   __android_log_print(ANDROID_LOG_ERROR, "Error", "%s: no segmentation context", function);
+  releaseImage(g_markerImage);
   return true;
 }
 

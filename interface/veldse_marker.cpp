@@ -24,7 +24,7 @@ int VELDSEMarker::m_yMaxBBox = 0;
 bool VELDSEMarker::m_isGreyScale = false;
 bool VELDSEMarker::m_isHomogenous = false;
 std::atomic<bool> VELDSEMarker::m_exitApp{false};
-double VELDSEMarker::m_noiseLevel = 0.0;
+double VELDSEMarker::m_noiseLevel = 0.1;
 
 VELDSEHybrid* pHybrid = nullptr;
 float g_imageResizeFactor = 1.0f;

@@ -31,7 +31,7 @@ TRIPLET=arm-linux-gnueabihf
 # armhf packages of the sysroot; apt adds their run-time dependencies.
 PACKAGES="libc6 libc6-dev libgcc-s1 libstdc++6 libstdc++-12-dev \
 libopencv-core-dev libopencv-imgproc-dev libopencv-imgcodecs-dev \
-libgtest-dev libgmock-dev"
+libgtest-dev libgmock-dev android-liblog android-liblog-dev"
 SYSROOT_FORMAT=1  # bump when the assembly steps below change
 
 log() { echo "armhf: $*"; }

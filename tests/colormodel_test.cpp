@@ -78,7 +78,7 @@ TEST_F(ColorModelTest, GMMProbMatchesIndependentEvaluation) {
   for (const auto& tc : cases) {
     SCOPED_TRACE(testing::Message() << "seed " << tc.seed << " empty " << tc.empty);
     cv::RNG rng(tc.seed);
-    const VELDSEColorModel m = randomModel(rng, tc.empty);
+    VELDSEColorModel m = randomModel(rng, tc.empty);
     for (int i = 0; i < 40; ++i) {
       // Points near a component mean, so the densities are far from underflow.
       const int k0 = i % 5;
@@ -124,6 +124,42 @@ TEST_F(ColorModelTest, SingularCovarianceIsRegularisedUntilInvertible) {
   once.setInverseCovariance();
   EXPECT_EQ(once.covariance[0][0], 0.1);
   EXPECT_NEAR(once.determinant[0], 0.001, 1e-15);
+}
+
+// Before any context exists (no initializer, no driver) the regulariser has
+// its static default. The bridge may call setInverseCovariance or EM then; a
+// singular component must come out regularised by exactly one 0.1 step, not
+// loop forever. Runs without the fixture, which would set the level itself.
+TEST(ColorModelBeforeAnyContext, SingularComponentTakesOneDefaultStep) {
+  ASSERT_EQ(VELDSEMarker::m_noiseLevel, 0.1);  // a zero here would hang below
+  const pixelVal sample = px(50, 60, 70);
+  struct Case {
+    const char* name;
+    double entryVariance;
+    int emIterations;  // 0: setInverseCovariance alone
+  } cases[] = {
+      {"setInverseCovariance", 0.0, 0},
+      {"EM on identical samples (refit covariance is zero)", 4.0, 1},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    VELDSEColorModel m;
+    m.weight[0] = 1.0;
+    for (int ch = 0; ch < 3; ++ch) m.mean[0][ch] = sample.val[ch];
+    for (int i = 0; i < 3; ++i) m.covariance[0][4 * i] = c.entryVariance;
+    m.setDeterminant();
+    m.setInverseCovariance();
+    if (c.emIterations > 0) m.EM(std::vector<pixelVal>(10, sample), c.emIterations);
+    EXPECT_EQ(m.weight[0], 1.0);
+    for (int i = 0; i < 9; ++i) {
+      SCOPED_TRACE(i);
+      EXPECT_EQ(m.covariance[0][i], i % 4 == 0 ? 0.1 : 0.0);
+      EXPECT_NEAR(m.inverseCovariance[0][i], i % 4 == 0 ? 10.0 : 0.0, 1e-12);
+    }
+    EXPECT_NEAR(m.determinant[0], 0.001, 1e-15);
+    EXPECT_DOUBLE_EQ(m.normFactor[0], 1.0 / std::sqrt(m.determinant[0]));
+    EXPECT_DOUBLE_EQ(m.GMMProb(sample), m.normFactor[0]);
+  }
 }
 
 TEST_F(ColorModelTest, ColorModelCriteriaBoundaries) {

@@ -1,7 +1,7 @@
 // Engine initialisation: working size, grey-scale decision, texture images and
 // neighbour weights.
 #include <gtest/gtest.h>
-#include <hostlog/capture.h>
+#include "tests/log_capture.h"
 #include <opencv2/core.hpp>
 #include <opencv2/imgproc.hpp>
 

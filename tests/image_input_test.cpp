@@ -1,6 +1,6 @@
 // Context state and the photo, marker and stroke input.
 #include <gtest/gtest.h>
-#include <hostlog/capture.h>
+#include "tests/log_capture.h"
 
 #include <vector>
 

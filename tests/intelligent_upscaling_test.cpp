@@ -8,7 +8,7 @@
 
 #include <android/log.h>
 #include <gtest/gtest.h>
-#include <hostlog/capture.h>
+#include "tests/log_capture.h"
 #include <opencv2/core/core.hpp>
 #include <opencv2/core/core_c.h>
 

@@ -1,7 +1,7 @@
 // Label image from the caller's marks, the undecided band along the stroke,
 // the working box and crops to it.
 #include <gtest/gtest.h>
-#include <hostlog/capture.h>
+#include "tests/log_capture.h"
 #include <opencv2/core.hpp>
 #include <opencv2/core/core_c.h>
 #include <opencv2/imgproc.hpp>

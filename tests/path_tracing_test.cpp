@@ -1,5 +1,6 @@
 // Path tracing: the node record size, and the search (its step costs and the
 // marks it writes) checked against a plain Bellman-Ford relaxation written here.
+#include <android/log.h>
 #include <gtest/gtest.h>
 
 #include <cfloat>
@@ -7,9 +8,11 @@
 #include <functional>
 #include <memory>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "interface/path_tracing.h"
+#include "tests/log_capture.h"
 
 namespace {
 
@@ -147,6 +150,49 @@ TEST(FindParentInfo, MatchesIndependentShortestPaths) {
         EXPECT_EQ(c + kPathNeighbourCol[k] + (r + kPathNeighbourRow[k]) * t.cols, parent[v]) << v;
       }
     }
+  }
+}
+
+// The seed is the flat index r * cols + c: a column past the row's end names
+// a pixel of a later row (the bridge's (0, cols) is pixel (1, 0)). Only a flat
+// index outside the image is refused, with one error line and an empty result
+// from both forms; nothing is thrown across the boundary.
+TEST(FindParentInfo, SeedIsTheFlatIndex) {
+  const int rows = 4, cols = 5;
+  std::mt19937 rng(5);
+  ImagePtr src = randomImage(rows, cols, 3, 255, rng);
+  struct Case { int r, c, flat; };  // flat -1: outside the image
+  const Case cases[] = {{0, cols, 5},  {1, -1, 4},      {0, 2 * cols + 1, 11}, {3, 4, 19},
+                        {0, 0, 0},     {rows, 0, -1},   {3, cols, -1},         {0, -1, -1},
+                        {-1, cols - 1, -1}, {1 << 30, 1 << 30, -1}};
+  for (const Case& t : cases) {
+    SCOPED_TRACE(testing::Message() << "seed (" << t.r << ", " << t.c << ")");
+    ImagePtr out = makeImage(rows, cols, 1);
+    cvSet(out.get(), cvScalarAll(77));
+    hostlog::startCapture();
+    std::vector<int> parent;
+    ASSERT_NO_THROW(parent = find_parent_info(src.get(), nullptr, t.r, t.c, 0.5, out.get()));
+    std::vector<int> plain;
+    ASSERT_NO_THROW(plain = find_parent_info(src.get(), nullptr, t.r, t.c, 0.5));
+    const std::vector<hostlog::Record> log = hostlog::stopCapture();
+    EXPECT_EQ(plain, parent);
+    if (t.flat >= 0) {
+      EXPECT_TRUE(log.empty());
+      EXPECT_EQ(parent, find_parent_info(src.get(), nullptr, t.flat / cols, t.flat % cols, 0.5));
+      ASSERT_EQ(parent.size(), static_cast<size_t>(rows * cols));
+      EXPECT_EQ(parent[t.flat], t.flat);
+      EXPECT_EQ(*px(out.get(), t.flat / cols, t.flat % cols), kPathMarkSeed);
+      continue;
+    }
+    EXPECT_TRUE(parent.empty());
+    ASSERT_EQ(log.size(), 2u);
+    for (const hostlog::Record& rec : log) {
+      EXPECT_EQ(rec.priority, ANDROID_LOG_ERROR);
+      EXPECT_EQ(rec.tag, "Error");
+      EXPECT_EQ(rec.text, "find_parent_info: seed (" + std::to_string(t.r) + ", " +
+                              std::to_string(t.c) + ") outside the 5 x 4 image");
+    }
+    for (int v = 0; v < rows * cols; ++v) EXPECT_EQ(*px(out.get(), v / cols, v % cols), 77) << v;
   }
 }
 

@@ -1,7 +1,7 @@
 // The segmentation driver: the fall-back to the first cut, and the abandoned
 // request (cancel flag and ten-second budget).
 #include <gtest/gtest.h>
-#include <hostlog/capture.h>
+#include "tests/log_capture.h"
 
 #include <algorithm>
 #include <atomic>

@@ -1,6 +1,6 @@
 // Timers: running timers grow, stopped timers freeze, null timers answer -1 us.
 #include <gtest/gtest.h>
-#include <hostlog/capture.h>
+#include "tests/log_capture.h"
 
 #include <cstdlib>
 #include <thread>

@@ -1,6 +1,6 @@
 // Tracked allocation: the exact log lines and the leak report.
 #include <gtest/gtest.h>
-#include <hostlog/capture.h>
+#include "tests/log_capture.h"
 #include <sys/resource.h>
 
 #include <cstdint>

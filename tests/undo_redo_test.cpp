@@ -1,6 +1,6 @@
 // Mask history: the ring of 32 one-bit slots.
 #include <gtest/gtest.h>
-#include <hostlog/capture.h>
+#include "tests/log_capture.h"
 
 #include <vector>
 

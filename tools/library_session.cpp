@@ -1,9 +1,12 @@
 #include "tools/library_session.h"
 
+#include <android/log.h>
+
 #include <opencv2/imgcodecs.hpp>
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 
 #include "interface/segmentation_core.h"
 
@@ -85,6 +88,9 @@ bool decodeOutlineArray(const int* array, int count, Outline* outline) {
 
 LibrarySession::LibrarySession(const cv::Mat& photoBgr)
     : width_(photoBgr.cols), height_(photoBgr.rows), photo_(toArgb(photoBgr)) {
+  // liblog writes every line the library logs to stderr on a host; the tools
+  // ask for quiet through SEGCORE_LOG_QUIET (segment_photo unless --log).
+  if (std::getenv("SEGCORE_LOG_QUIET") != nullptr) __android_log_set_minimum_priority(ANDROID_LOG_SILENT);
   const size_t n = photo_.size();
   previewBuffer_.resize(n);
   maskBuffer_.resize(n);
