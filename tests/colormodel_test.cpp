@@ -1,7 +1,9 @@
 #include <opencv2/core.hpp>
 #include <opencv2/core/core_c.h>
 
+#include <algorithm>
 #include <cfloat>
+#include <cstdlib>
 #include <cmath>
 #include <cstring>
 #include <cstdint>
@@ -260,16 +262,11 @@ std::vector<pixelVal> blobs(cv::RNG& rng, const std::vector<int>& sizes) {
   return s;
 }
 
-TEST_F(ColorModelTest, InitModelFindsSeparatedClustersReproducibly) {
+TEST_F(ColorModelTest, InitModelFindsSeparatedClusters) {
   cv::RNG rng(7);
   const std::vector<int> sizes{300, 200, 250, 150, 100};
-  const std::vector<pixelVal> s = blobs(rng, sizes);
-  VELDSEColorModel a, b, c;
-  initModel(s, a, 10);
-  initModel(s, b, -3);  // the count argument has no effect
-  EXPECT_TRUE(sameBits(a, b));
-  initModelWithKmeansVELD(s, c);
-  EXPECT_TRUE(sameBits(a, c));
+  VELDSEColorModel a;
+  initModel(blobs(rng, sizes), a, 10);
   // Every blob becomes exactly one component.
   std::vector<bool> seen(5, false);
   for (int k = 0; k < 5; ++k) {
@@ -281,9 +278,121 @@ TEST_F(ColorModelTest, InitModelFindsSeparatedClustersReproducibly) {
     EXPECT_DOUBLE_EQ(a.weight[k], sizes[blob] / 1000.0);
     EXPECT_GT(a.determinant[k], 0.0);
   }
-  VELDSEColorModel pa, pb;
-  initModel(s, blobs(rng, {5, 5, 5, 5, 5}), pa, pb, 0);
-  EXPECT_TRUE(sameBits(pa, a));
+}
+
+double sq(const double* a, const double* b) {
+  const double d0 = a[0] - b[0], d1 = a[1] - b[1], d2 = a[2] - b[2];
+  return d0 * d0 + d1 * d1 + d2 * d2;
+}
+
+// The clustering written out as a literal schedule: k-means++ seeds drawn with
+// srand/rand (reseeded from n, then from each running total), then passes in
+// which four workers take the rows [t * (n / 4), (t + 1) * (n / 4)), the last
+// one up to n, and their partial sums, counts and errors are added in worker
+// order 0, 1, 2, 3.
+struct Schedule {
+  std::vector<int> seeds, labels;
+};
+Schedule literalSchedule(const std::vector<pixelVal>& s) {
+  const int n = static_cast<int>(s.size());
+  Schedule out{std::vector<int>(5), std::vector<int>(n, 0)};
+  std::vector<double> dist(n);
+  std::srand(static_cast<unsigned>(n));
+  out.seeds[0] = static_cast<int>((n * 4.656612873077393e-10) * std::rand());
+  double total = 0;
+  for (int i = 0; i < n; ++i) total += dist[i] = sq(s[i].val, s[out.seeds[0]].val);
+  for (int j = 1; j < 5; ++j) {
+    std::srand(static_cast<unsigned>(total));
+    double target = (total * 4.656612873077393e-10) * std::rand();
+    int i = 0;
+    while (i < n - 1 && target > dist[i]) target -= dist[i++];
+    out.seeds[j] = i;
+    total = 0;
+    for (int m = 0; m < n; ++m) total += dist[m] = std::min(dist[m], sq(s[m].val, s[i].val));
+  }
+  double centre[5][3];
+  for (int k = 0; k < 5; ++k) std::copy(s[out.seeds[k]].val, s[out.seeds[k]].val + 3, centre[k]);
+  double previous = DBL_MAX;
+  for (int pass = 1;; ++pass) {
+    double sums[5][4][3] = {}, counts[5][4] = {}, errors[4] = {};
+    for (int t = 0; t < 4; ++t) {
+      for (int i = t * (n / 4); i < (t == 3 ? n : (t + 1) * (n / 4)); ++i) {
+        double best = DBL_MAX;
+        for (int k = 0; k < 5; ++k) {
+          const double d = sq(s[i].val, centre[k]);
+          if (d < best) best = d, out.labels[i] = k;
+        }
+        for (int c = 0; c < 3; ++c) sums[out.labels[i]][t][c] += s[i].val[c];
+        counts[out.labels[i]][t] += 1.0;
+        errors[t] += best;
+      }
+    }
+    for (int k = 0; k < 5; ++k) {
+      double count = counts[k][0] + counts[k][1] + counts[k][2] + counts[k][3];
+      for (int c = 0; c < 3; ++c) {
+        const double sum = ((sums[k][0][c] + sums[k][1][c]) + sums[k][2][c]) + sums[k][3][c];
+        if (count > 0) centre[k][c] = sum / count;
+      }
+      if (!(count > 0)) out.labels[out.seeds[k]] = k;
+    }
+    const double error = ((errors[0] + errors[1]) + errors[2]) + errors[3];
+    if (pass >= 10 || error == previous) break;
+    previous = error;
+  }
+  return out;
+}
+
+TEST_F(ColorModelTest, KMeansFollowsTheLiteralSchedule) {
+  std::vector<pixelVal> wide;  // 203 rows: the last worker takes 53
+  for (int i = 0; i < 203; ++i) wide.push_back(px(i * 37 % 101 / 7.0, i * 11 % 53 / 3.0, i % 17 * 0.3));
+  const struct {
+    const char* name;
+    std::vector<pixelVal> samples;
+  } cases[] = {
+      {"5 samples", {px(0.1, 0.2, 0.3), px(9.5, 0.25, 1), px(0.7, 4.4, 0.1), px(3.3, 3.3, 3.3), px(0.15, 0.2, 0.35)}},
+      {"6 samples", {px(1.1, 2, 3), px(1.2, 2.1, 3), px(7, 0.5, 0.5), px(7.1, 0.6, 0.4), px(0.2, 9, 9), px(5, 5, 0.1)}},
+      {"7 samples", {px(0.8, 0.2, 0.2), px(0.5, 0.8, 0.0), px(0.4, 0.4, 0.2), px(0.4, 0.8, 0.9), px(0.6, 0.3, 0.9),
+                     px(0.4, 0.5, 0.4), px(0.6, 0.3, 0.2)}},
+      {"13 samples", {px(0.2, 0.3, 0.9), px(0.5, 0.4, 0.9), px(0.1, 0.5, 0.8), px(0.5, 0.6, 0.1), px(0.6, 0.1, 0.1),
+                      px(0.8, 0.6, 0.6), px(0.2, 0.9, 0.3), px(0.3, 0.9, 0.5), px(0.6, 0.1, 0.6), px(0.6, 0.1, 0.3),
+                      px(0.4, 0.5, 0.2), px(0.1, 0.5, 0.4), px(0.6, 0.9, 0.8)}},
+      {"203 samples", wide},
+  };
+  for (const auto& tc : cases) {
+    SCOPED_TRACE(tc.name);
+    const Schedule ref = literalSchedule(tc.samples);
+    const int n = static_cast<int>(tc.samples.size());
+    std::vector<double*> rows;
+    for (const pixelVal& p : tc.samples) rows.push_back(const_cast<double*>(p.val));
+    std::vector<int> seeds(5), labels(n, 0);
+    chooseCentersKMeanspp(rows.data(), n, 5, seeds.data());
+    EXPECT_EQ(seeds, ref.seeds);
+    k_means(rows.data(), labels.data(), n, 0.0, 10, nullptr);
+    EXPECT_EQ(labels, ref.labels);
+
+    // The model from the reference labels; a component left empty keeps the
+    // values it had before.
+    VELDSEColorModel got, want;
+    for (int k = 0; k < 5; ++k) got.weight[k] = want.weight[k] = 0.5 + k, got.mean[k][1] = want.mean[k][1] = -k;
+    initModelWithKmeansVELD(tc.samples, got);
+    for (int k = 0; k < 5; ++k) {
+      int count = 0;
+      double mean[3] = {0, 0, 0}, prod[9] = {};
+      for (int i = 0; i < n; ++i) {
+        if (ref.labels[i] != k) continue;
+        ++count;
+        for (int c = 0; c < 3; ++c) mean[c] += tc.samples[i].val[c];
+        for (int e = 0; e < 9; ++e) prod[e] += tc.samples[i].val[e % 3] * tc.samples[i].val[e / 3];
+      }
+      if (count == 0) continue;
+      want.weight[k] = count * (1.0 / n);
+      for (int c = 0; c < 3; ++c) want.mean[k][c] = mean[c] * (1.0 / count);
+      for (int e = 0; e < 9; ++e)
+        want.covariance[k][e] = prod[e] * (1.0 / count) - want.mean[k][e / 3] * want.mean[k][e % 3];
+    }
+    want.setDeterminant();
+    EXPECT_TRUE(sameBits(got, want));
+  }
 }
 
 TEST_F(ColorModelTest, InitModelLeavesSmallSetsAlone) {
