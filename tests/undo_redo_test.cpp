@@ -103,6 +103,14 @@ TEST_F(UndoRedo, RingDropsTheOldestAfter32And33Recordings) {
   record(32);
   EXPECT_EQ(H::m_current, 1);
   EXPECT_EQ(H::m_bottom, 2);
+  // The raw layout the bridge reads: column pointers, one word per pixel
+  // (m_bitPlane[x][y]), bit k for slot k. Slot 0 now holds recording 32, slot
+  // k the recording k; recording i is the pixel i mod 15, row-major.
+  for (int x = 0; x < kW; ++x)
+    for (int y = 0; y < kH; ++y)
+      for (int k = 0; k < 32; ++k)
+        EXPECT_EQ(H::m_bitPlane[x][y] >> k & 1u, y * kW + x == (k == 0 ? 32 : k) % (kW * kH) ? 1u : 0u)
+            << "pixel " << x << "," << y << " slot " << k;
   // 31 steps lead back to the plain photo, newest first.
   int steps = 0;
   int expected = 31;
