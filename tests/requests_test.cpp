@@ -104,6 +104,14 @@ class Requests : public ::testing::Test {
     VELDSEMarker::m_exitApp = false;
     g_exitStatus = 0;
   }
+  static void expectTornDown() {
+    EXPECT_EQ(pHybrid, nullptr);
+    EXPECT_EQ(VELDSEMarker::m_originalImage, nullptr);
+    EXPECT_EQ(VELDSEMarker::m_srcImage, nullptr);
+    EXPECT_EQ(VELDSEManageUndoRedo::m_bitPlane, nullptr);
+    EXPECT_EQ(g_markerImage, nullptr);
+    EXPECT_EQ(g_resultMask, nullptr);
+  }
 };
 
 TEST_F(Requests, RectangleLoopAndStrokesRecoverTheObject) {
@@ -321,6 +329,18 @@ TEST_F(Edits, OutlineArrayLayoutAndOneTimeDelivery) {
   }
   EXPECT_GT(painted, 50);
   EXPECT_GT(fringe, 0) << "the reference has a fringe that must stay unpainted";
+
+  // A result without object while an outline is still undelivered: the
+  // preview stays as it was, and the outline array is the single 0.
+  edit(cv::Mat::zeros(kH, kW, CV_8U), nullptr, nullptr);
+  record(cv::Mat::zeros(kH, kW, CV_8U));
+  blended.assign(kW * kH, 5u);
+  edit(cv::Mat::zeros(kH, kW, CV_8U), &blended, &mask);
+  EXPECT_EQ(mask, Bytes(kW * kH, 255));
+  EXPECT_EQ(blended, Pixels(kW * kH, 5u));
+  EXPECT_EQ(fetch_path_array(&array, &count), 0);
+  EXPECT_EQ(std::vector<int>(array, array + count), std::vector<int>{0});
+  delete[] array;
 }
 
 TEST_F(Edits, HistoryThroughExportedFunctions) {
@@ -371,6 +391,32 @@ TEST_F(Edits, HistoryThroughExportedFunctions) {
   }
 }
 
+TEST_F(Edits, UndoAndRedoDeliverThenTearDownAfterCancelAndExit) {
+  cv::Mat a = cv::Mat::zeros(kH, kW, CV_8U), b = a.clone();
+  a(cv::Rect(5, 5, 10, 10)).setTo(255);
+  b(cv::Rect(30, 20, 12, 12)).setTo(255);
+  const struct {
+    const char* name;
+    int (*call)(unsigned int*, unsigned char*);
+    const cv::Mat* delivered;
+  } cases[] = {{"undo", undo, &a}, {"redo at the top", redo, &b}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    SetUp();
+    record(a);
+    record(b);
+    cancelSegmentation();
+    ASSERT_EQ(exitSegmentation(), 1);
+    Pixels blended = photo;
+    Bytes mask(kW * kH, 77);
+    EXPECT_EQ(c.call(blended.data(), mask.data()), 0);
+    EXPECT_EQ(cv::countNonZero(fromBuffer(mask) != *c.delivered), 0);
+    expectTornDown();
+    EXPECT_EQ(g_exitStatus.load(), 0);
+    VELDSEMarker::m_exitApp = false;
+  }
+}
+
 class ExitProtocol : public Requests {
  protected:
   void start(int w, int h) {
@@ -386,14 +432,6 @@ class ExitProtocol : public Requests {
     setMarkerImage(w, h, markers.data(), 0);
     blended.assign(scene.argb.size(), 0u);
     mask.assign(scene.argb.size(), 77);
-  }
-  void expectTornDown() {
-    EXPECT_EQ(pHybrid, nullptr);
-    EXPECT_EQ(VELDSEMarker::m_originalImage, nullptr);
-    EXPECT_EQ(VELDSEMarker::m_srcImage, nullptr);
-    EXPECT_EQ(VELDSEManageUndoRedo::m_bitPlane, nullptr);
-    EXPECT_EQ(g_markerImage, nullptr);
-    EXPECT_EQ(g_resultMask, nullptr);
   }
   Scene scene{0, 0, {}, {}};
   std::vector<int> markers;
