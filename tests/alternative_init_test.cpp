@@ -2,12 +2,14 @@
 #include <cstring>
 #include <limits>
 #include <set>
+#include <utility>
 #include <vector>
 
 #include "colormodel/alternative_init.h"
 #include "colormodel/kmeans_init.h"
 #include "colormodel/veldse_color_model.h"
 #include "gtest/gtest.h"
+#include "opencv2/core.hpp"
 
 namespace {
 
@@ -94,6 +96,52 @@ TEST(InitModelWithKmeansTest, SeparatedGroupsBecomeComponents) {
       EXPECT_NEAR(m->mean[k][1], 200.0 - 40.0 * blob, 1e-9);
     }
     EXPECT_EQ(blobs.size(), 5u);
+  }
+}
+
+TEST(InitThirdInitalizationTest, RestSortedByBackgroundLikenessIsSplitInThirds) {
+  // 45 background pixels (codes 1, 3) close to B = (200, 60, 30), and 15
+  // others (codes 0, 2, 4) at distance d = 10 .. 150 from B along channel 1,
+  // in scrambled raster order. The background model has every mean at B, so
+  // the score falls as d grows: the 5 farthest (d = 150 down to 110) train
+  // the object model, the 5 nearest (d = 10 up to 50) join the background
+  // set, the middle 5 are dropped.
+  cv::Mat colour(6, 10, CV_8UC3), label(6, 10, CV_8U);
+  std::vector<pixelVal> background, object(5), nearest;
+  for (int i = 0, k = 0, j = 0; i < 60; ++i) {
+    if (i % 4 == 1) {
+      const int d = 10 * ((j * 7) % 15 + 1);
+      colour.at<cv::Vec3b>(i / 10, i % 10) = cv::Vec3b(200, static_cast<unsigned char>(60 + d), 30);
+      label.data[i] = static_cast<unsigned char>(2 * (j++ % 3));
+      if (d > 100) object[(150 - d) / 10] = px(200, 60 + d, 30);
+    } else {
+      colour.at<cv::Vec3b>(i / 10, i % 10) = cv::Vec3b(200 + k % 3, 60 + k / 3 % 3, 30 + k * 7 % 5);
+      label.data[i] = k % 2 ? 1 : 3;
+      background.push_back(px(200 + k % 3, 60 + k / 3 % 3, 30 + k * 7 % 5));
+      ++k;
+    }
+  }
+  for (int d = 10; d <= 50; d += 10) nearest.push_back(px(200, 60 + d, 30));
+  background.insert(background.end(), nearest.begin(), nearest.end());
+  VELDSEColorModel bg;
+  for (int k = 0; k < 5; ++k) {
+    bg.weight[k] = 0.2, bg.mean[k][0] = 200, bg.mean[k][1] = 60, bg.mean[k][2] = 30;
+    for (int c : {0, 4, 8}) bg.covariance[k][c] = 400;
+  }
+  bg.setDeterminant();
+  bg.setInverseCovariance();
+  VELDSEColorModel wantBg = bg, wantObj, gotObj;
+  initModelWithKmeansVELD(background, wantBg);
+  initModelWithKmeansVELD(object, wantObj);
+  IplImage colourIpl = cvIplImage(colour), labelIpl = cvIplImage(label);
+  initThirdInitalization(&colourIpl, &labelIpl, gotObj, bg);
+  // The fitted fields; normalisers of singular components stay stale until
+  // the inverse is taken.
+  for (const auto& [got, want] : {std::pair{&gotObj, &wantObj}, std::pair{&bg, &wantBg}}) {
+    EXPECT_EQ(std::memcmp(got->weight, want->weight, sizeof got->weight), 0);
+    EXPECT_EQ(std::memcmp(got->mean, want->mean, sizeof got->mean), 0);
+    EXPECT_EQ(std::memcmp(got->covariance, want->covariance, sizeof got->covariance), 0);
+    EXPECT_EQ(std::memcmp(got->determinant, want->determinant, sizeof got->determinant), 0);
   }
 }
 
