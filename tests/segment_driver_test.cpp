@@ -109,6 +109,11 @@ TEST_F(SegmentDriver, ExitFlagOrTimeOutAbandonsAfterFirstCut) {
     hostlog::startCapture();
     EXPECT_EQ(pHybrid->segment(), nullptr);
     const std::vector<hostlog::Record> log = hostlog::stopCapture();
+    // The first cut ran: both models were fitted for it, and on the clock
+    // its solver ran out of budget and raised the exit flag itself.
+    EXPECT_TRUE(VELDSEMarker::m_exitApp.load());
+    for (const VELDSEColorModel* m : {&pHybrid->m_fgModel, &pHybrid->m_bgModel})
+      EXPECT_NEAR(m->weight[0] + m->weight[1] + m->weight[2] + m->weight[3] + m->weight[4], 1.0, 1e-12);
     g_clockJumps = VELDSEMarker::m_exitApp = false;
     expectNothingLeft();
     int lines = 0;
