@@ -42,8 +42,11 @@ void ring(IplImage* label) {
 // inside the ring and away from it (no span); kRing; kRingAndBlob, the ring
 // plus a 200-pixel blob (above 70 % of it, so both count: 472 pixels); kTopRow,
 // row 0 (40 pixels), and kFrame, the outermost pixels (156, spanning): the
-// contrast test visits no pixel of these two, so their verdict is 2.
-enum Shape { kRing = -1, kRingAndBlob = -2, kTopRow = -3, kFrame = -4 };
+// contrast test visits no pixel of these two, so their verdict is 2;
+// kDiagonal, the line (2, 2)-(37, 37) plus (3, 2): 4-connected, its largest
+// blob is {(2,2), (3,2), (3,3)}, every single pixel is below 70 % of it and it
+// does not span (8-connected it would be one spanning blob of 37 pixels).
+enum Shape { kRing = -1, kRingAndBlob = -2, kTopRow = -3, kFrame = -4, kDiagonal = -5 };
 void draw(IplImage* label, int shape) {
   if (shape == kRing || shape == kRingAndBlob) ring(label);
   if (shape == kTopRow || shape == kFrame) fillRect(label, 0, 0, kSize - 1, 0, LABEL_PR_FG);
@@ -52,6 +55,8 @@ void draw(IplImage* label, int shape) {
     fillRect(label, 0, 0, 0, kSize - 1, LABEL_PR_FG);
     fillRect(label, kSize - 1, 0, kSize - 1, kSize - 1, LABEL_PR_FG);
   }
+  for (int i = 0; i < 36 && shape == kDiagonal; ++i) setPixel(label, 2 + i, 2 + i, LABEL_PR_FG);
+  if (shape == kDiagonal) setPixel(label, 3, 2, LABEL_FG);
   const int n = shape == kRingAndBlob ? 200 : shape;
   for (int i = 0; i < n; ++i) setPixel(label, 10 + i % 20, 10 + i / 20, LABEL_PR_FG);
 }
@@ -112,6 +117,7 @@ TEST_F(LambdaSelection, ChoiceOfTrialAndFallBack) {
       {"a spanning trial with verdict 2 does not count; equal areas keep the lower index",
        {kFrame, kRing, kRing}, 1},
       {"the smallest spanning area wins", {kRingAndBlob, kRing, 150}, 1},
+      {"blobs are 4-connected", {kRing, kDiagonal, 0}, 0},
       {"largest area 99: fall-back", {99, 50, kTopRow}, -1},
       {"largest area 100: areas 1 and 0.5, spread 0.125, second-to-last", {100, 50, kTopRow}, 0},
       {"similar areas (spread 0.056): second-to-last", {300, 250, 200}, 1},
@@ -140,17 +146,6 @@ TEST_F(LambdaSelection, ChoiceOfTrialAndFallBack) {
     }
     VELDSEMarker::m_isGreyScale = false;
   }
-}
-
-TEST_F(LambdaSelection, BlobsAreFourConnected) {
-  // Trial 1: a diagonal line (2, 2)-(37, 37) plus (3, 2). With 4-connectivity
-  // its largest blob is {(2,2), (3,2), (3,3)}, every single pixel is below 70 %
-  // of it and the trial does not span; 8-connected it would be one spanning
-  // blob of 37 pixels, smaller than trial 0's ring.
-  ring(hybrid->m_iterLabel[0]);
-  for (int i = 0; i < 36; ++i) setPixel(hybrid->m_iterLabel[1], 2 + i, 2 + i, LABEL_PR_FG);
-  setPixel(hybrid->m_iterLabel[1], 3, 2, LABEL_FG);
-  EXPECT_EQ(optimal(), 0);
 }
 
 // Independent reading of the contrast rule: border pairs against interior
