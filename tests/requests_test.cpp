@@ -20,62 +20,15 @@
 #include "interface/segmentation_core.h"
 #include "interface/undo_redo.h"
 #include "interface/veldse_marker.h"
+#include "synthetic_scene.h"
 
 namespace {
 
-using Pixels = std::vector<unsigned int>;
-using Bytes = std::vector<unsigned char>;
-
-// Object: a disc (and optionally a square) of noisy warm colour; background:
-// noisy cool stripes. Grey scenes use bright object on dark stripes.
-struct Scene {
-  int w, h;
-  Pixels argb;
-  cv::Mat truth;  // 255 = object
-};
-
-Scene makeScene(int w, int h, bool grey, bool withSquare = false) {
-  Scene s{w, h, Pixels(static_cast<size_t>(w) * h), cv::Mat::zeros(h, w, CV_8U)};
-  cv::circle(s.truth, cv::Point(w * 2 / 5, h / 2), h / 4, cv::Scalar(255), cv::FILLED);
-  if (withSquare) {
-    cv::rectangle(s.truth, cv::Rect(w * 3 / 4, h / 3, w / 8, w / 8), cv::Scalar(255), cv::FILLED);
-  }
-  std::mt19937 rng(5);
-  std::uniform_int_distribution<int> noise(-12, 12);
-  auto clip = [](int v) { return static_cast<unsigned int>(v < 0 ? 0 : v > 255 ? 255 : v); };
-  const int period = w / 20 > 4 ? w / 20 : 4;
-  for (int y = 0; y < h; ++y)
-    for (int x = 0; x < w; ++x) {
-      const bool object = s.truth.at<unsigned char>(y, x) != 0;
-      const bool stripe = ((x + y) / period) % 2 == 0;
-      int r, g, b;
-      if (grey) {
-        r = g = b = object ? 190 : (stripe ? 50 : 85);
-      } else if (object) {
-        r = 205; g = 70; b = 45;
-      } else {
-        r = stripe ? 40 : 75; g = stripe ? 125 : 150; b = stripe ? 70 : 100;
-      }
-      const int n = noise(rng);
-      const unsigned int rr = clip(r + n), gg = clip(g + (grey ? n : noise(rng))),
-                         bb = clip(b + (grey ? n : noise(rng)));
-      s.argb[static_cast<size_t>(y) * w + x] = 0xFF000000u | rr << 16 | gg << 8 | bb;
-    }
-  return s;
-}
-
-// IoU of the caller's mask buffer (0 = object) against the truth.
-double iou(const Bytes& mask, const cv::Mat& truth) {
-  int inter = 0, uni = 0;
-  for (int y = 0; y < truth.rows; ++y)
-    for (int x = 0; x < truth.cols; ++x) {
-      const bool t = truth.at<unsigned char>(y, x) != 0;
-      const bool m = mask[static_cast<size_t>(y) * truth.cols + x] == 0;
-      inter += t && m;
-      uni += t || m;
-    }
-  return uni == 0 ? 1.0 : static_cast<double>(inter) / uni;
-}
+using synthetic::Bytes;
+using synthetic::iou;
+using synthetic::makeScene;
+using synthetic::Pixels;
+using synthetic::Scene;
 
 void startContext(Scene& s) {
   setSourceImage(s.w, s.h, s.argb.data());
@@ -121,7 +74,7 @@ TEST_F(Requests, RectangleLoopAndStrokesRecoverTheObject) {
   } cases[] = {{240, 180, false}, {240, 180, true}, {960, 720, false}, {960, 720, true}};
   for (const Case& c : cases) {
     // Emulated, the large photos come close to the 10 s cut limit on a busy machine.
-    if (c.w > 240 && std::getenv("SEGCORE_EMULATED") != nullptr) continue;
+    if (c.w > 240 && synthetic::emulated()) continue;
     SCOPED_TRACE(::testing::Message() << c.w << "x" << c.h << (c.grey ? " grey" : " colour"));
     Scene s = makeScene(c.w, c.h, c.grey, true);
     Bytes mask(static_cast<size_t>(c.w) * c.h, 77);
