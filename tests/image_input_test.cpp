@@ -152,16 +152,4 @@ TEST_F(ImageInput, InitializerDropsTheLabelHandleWithoutReleasingIt) {
   cvReleaseImage(&label);
 }
 
-TEST_F(ImageInput, DellocatorTwiceIsHarmless) {
-  std::vector<unsigned int> pixels(2 * 2, 0);
-  setSourceImage(2, 2, pixels.data());
-  VELDSEMarker::m_texHor = cvCreateImage(cvSize(2, 2), IPL_DEPTH_8U, 1);
-  VELDSEMarker::currentStroke.points = {0, 0, 1, 1};
-  VELDSEMarker::dellocator();
-  VELDSEMarker::dellocator();
-  EXPECT_EQ(VELDSEMarker::m_originalImage, nullptr);
-  EXPECT_EQ(VELDSEMarker::m_texHor, nullptr);
-  EXPECT_TRUE(VELDSEMarker::currentStroke.points.empty());
-}
-
 }  // namespace
