@@ -365,7 +365,6 @@ TEST_F(Edits, EditAndHistoryStepsDeliverThenTearDownAfterCancelAndExit) {
                {"redo at the top", redo, &b}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    SetUp();
     record(a);
     record(b);
     cancelSegmentation();
@@ -377,6 +376,7 @@ TEST_F(Edits, EditAndHistoryStepsDeliverThenTearDownAfterCancelAndExit) {
     expectTornDown();
     EXPECT_EQ(g_exitStatus.load(), 0);
     VELDSEMarker::m_exitApp = false;
+    SetUp();  // a new context for the next case
   }
 }
 
