@@ -97,13 +97,14 @@ TEST_F(Requests, RectangleLoopAndStrokesRecoverTheObject) {
     ASSERT_EQ(strokeRequest(s, {sx + side / 4, sy + side / 2, sx + side * 3 / 4, sy + side / 2},
                             LABEL_FG, 2, blended, mask),
               0);
-    int removed = 0, added = 0;
-    for (size_t i = 0; i < mask.size(); ++i) {
-      removed += afterRect[i] == 0 && mask[i] != 0;
-      added += afterRect[i] != 0 && mask[i] == 0;
-    }
-    EXPECT_EQ(removed, 0);
-    EXPECT_GT(added, side * side / 2);
+    // Object pixels added and removed since `before` (the buffer's 0 is object).
+    auto changes = [&mask](const Bytes& before, bool additions) {
+      int n = 0;
+      for (size_t i = 0; i < mask.size(); ++i) n += (additions ? before[i] != 0 && mask[i] == 0 : before[i] == 0 && mask[i] != 0);
+      return n;
+    };
+    EXPECT_EQ(changes(afterRect, false), 0);
+    EXPECT_GT(changes(afterRect, true), side * side / 2);
     EXPECT_GT(iou(mask, s.truth), 0.93);
 
     // Background stroke across the square: only removals.
@@ -111,13 +112,8 @@ TEST_F(Requests, RectangleLoopAndStrokesRecoverTheObject) {
     ASSERT_EQ(strokeRequest(s, {sx + side / 4, sy + side / 2, sx + side * 3 / 4, sy + side / 2},
                             LABEL_BG, 3, blended, mask),
               0);
-    removed = added = 0;
-    for (size_t i = 0; i < mask.size(); ++i) {
-      removed += afterObjectStroke[i] == 0 && mask[i] != 0;
-      added += afterObjectStroke[i] != 0 && mask[i] == 0;
-    }
-    EXPECT_EQ(added, 0);
-    EXPECT_GT(removed, side * side / 2);
+    EXPECT_EQ(changes(afterObjectStroke, true), 0);
+    EXPECT_GT(changes(afterObjectStroke, false), side * side / 2);
     EXPECT_GT(iou(mask, disc), 0.93);
     EXPECT_EQ(VELDSEManageUndoRedo::m_current, 3);
 
@@ -270,9 +266,7 @@ TEST_F(Edits, OutlineArrayLayoutAndOneTimeDelivery) {
 
   // Preview: exactly the full-intensity pixels of the anti-aliased outline.
   cv::Mat outline = cv::Mat::zeros(kH, kW, CV_8U);
-  std::vector<std::vector<cv::Point>> all;
-  cv::findContours(shapes.clone(), all, cv::RETR_LIST, cv::CHAIN_APPROX_SIMPLE);
-  cv::drawContours(outline, all, -1, cv::Scalar(255), 2, cv::LINE_AA);
+  cv::drawContours(outline, ref, -1, cv::Scalar(255), 2, cv::LINE_AA);
   int painted = 0, fringe = 0;
   for (int i = 0; i < kW * kH; ++i) {
     const bool solid = outline.data[i] == 255;
@@ -296,7 +290,10 @@ TEST_F(Edits, OutlineArrayLayoutAndOneTimeDelivery) {
   delete[] array;
 }
 
-TEST_F(Edits, HistoryThroughExportedFunctions) {
+// The history steps, then, after a cancel and an exit, an undo, a redo and an
+// edit: each delivers its mask, then tears the context down, clears the exit
+// status and still returns 0 (a new context with A and B is then opened).
+TEST_F(Edits, HistoryThroughExportedFunctionsAndTheirTeardown) {
   cv::Mat a = cv::Mat::zeros(kH, kW, CV_8U), b = a.clone();
   a(cv::Rect(5, 5, 10, 10)).setTo(255);
   b(cv::Rect(30, 20, 12, 12)).setTo(255);
@@ -315,6 +312,7 @@ TEST_F(Edits, HistoryThroughExportedFunctions) {
     int (*call)(unsigned int*, unsigned char*);
     const cv::Mat* expected;  // null: the plain photo, mask untouched
     int canUndo, canRedo;
+    bool exit = false;
   } steps[] = {
       {"undo to A", undo, &a, 0, 1},
       {"undo to the photo", undo, nullptr, 0, 1},
@@ -322,12 +320,22 @@ TEST_F(Edits, HistoryThroughExportedFunctions) {
       {"redo to A", redo, &a, 0, 1},
       {"redo to B", redo, &b, 1, 0},
       {"redo at the top", redo, &b, 1, 0},
+      {"undo, then teardown", undo, &a, 1, 0, true},
+      {"redo at the top, then teardown", redo, &b, 1, 0, true},
+      {"edit without marks, then teardown",
+       [](unsigned int* p, unsigned char* m) {
+         std::vector<int> none(kW * kH, 0);
+         setMarkerImage(kW, kH, none.data(), 2);
+         return cutOutImage(0, 0, 0, p, m);
+       },
+       &b, 1, 0, true},
   };
   for (const Step& s : steps) {
     SCOPED_TRACE(s.name);
     std::fill(mask.begin(), mask.end(), 77);
     std::fill(blended.begin(), blended.end(), 0u);
     g_exitStatus = 1;  // without a cancel this arms nothing and is cleared
+    if (s.exit) { cancelSegmentation(); exitSegmentation(); }
     EXPECT_EQ(s.call(blended.data(), mask.data()), 0);
     EXPECT_EQ(g_exitStatus.load(), 0);
     if (s.expected == nullptr) {
@@ -339,44 +347,15 @@ TEST_F(Edits, HistoryThroughExportedFunctions) {
       EXPECT_EQ(cv::countNonZero(fromBuffer(mask) != *s.expected), 0);
       EXPECT_GT(std::count(blended.begin(), blended.end(), 0xFFFFFF00u), 20);
     }
+    if (s.exit) {
+      expectTornDown();
+      VELDSEMarker::m_exitApp = false;
+      SetUp();
+      record(a);
+      record(b);
+    }
     EXPECT_EQ(canUndo(), s.canUndo);
     EXPECT_EQ(canRedo(), s.canRedo);
-  }
-}
-
-// After a cancel and an exit, cutOutImage, undo and redo deliver their mask,
-// then tear the context down, clear the exit status and still return 0.
-TEST_F(Edits, EditAndHistoryStepsDeliverThenTearDownAfterCancelAndExit) {
-  cv::Mat a = cv::Mat::zeros(kH, kW, CV_8U), b = a.clone();
-  a(cv::Rect(5, 5, 10, 10)).setTo(255);
-  b(cv::Rect(30, 20, 12, 12)).setTo(255);
-  const struct {
-    const char* name;
-    int (*call)(unsigned int*, unsigned char*);
-    const cv::Mat* delivered;
-  } cases[] = {{"cutOutImage without marks",
-                [](unsigned int* p, unsigned char* m) {
-                  std::vector<int> none(kW * kH, 0);
-                  setMarkerImage(kW, kH, none.data(), 2);
-                  return cutOutImage(0, 0, 0, p, m);
-                },
-                &b},
-               {"undo", undo, &a},
-               {"redo at the top", redo, &b}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    record(a);
-    record(b);
-    cancelSegmentation();
-    ASSERT_EQ(exitSegmentation(), 1);
-    Pixels blended = photo;
-    Bytes mask(kW * kH, 77);
-    EXPECT_EQ(c.call(blended.data(), mask.data()), 0);
-    EXPECT_EQ(cv::countNonZero(fromBuffer(mask) != *c.delivered), 0);
-    expectTornDown();
-    EXPECT_EQ(g_exitStatus.load(), 0);
-    VELDSEMarker::m_exitApp = false;
-    SetUp();  // a new context for the next case
   }
 }
 
