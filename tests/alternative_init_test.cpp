@@ -109,17 +109,12 @@ TEST(InitThirdInitalizationTest, RestSortedByBackgroundLikenessIsSplitInThirds) 
   cv::Mat colour(6, 10, CV_8UC3), label(6, 10, CV_8U);
   std::vector<pixelVal> background, object(5), nearest;
   for (int i = 0, k = 0, j = 0; i < 60; ++i) {
-    if (i % 4 == 1) {
-      const int d = 10 * ((j * 7) % 15 + 1);
-      colour.at<cv::Vec3b>(i / 10, i % 10) = cv::Vec3b(200, static_cast<unsigned char>(60 + d), 30);
-      label.data[i] = static_cast<unsigned char>(2 * (j++ % 3));
-      if (d > 100) object[(150 - d) / 10] = px(200, 60 + d, 30);
-    } else {
-      colour.at<cv::Vec3b>(i / 10, i % 10) = cv::Vec3b(200 + k % 3, 60 + k / 3 % 3, 30 + k * 7 % 5);
-      label.data[i] = k % 2 ? 1 : 3;
-      background.push_back(px(200 + k % 3, 60 + k / 3 % 3, 30 + k * 7 % 5));
-      ++k;
-    }
+    const int d = 10 * ((j * 7) % 15 + 1);  // for the 15 others, j = 0 .. 14
+    const pixelVal p = i % 4 == 1 ? px(200, 60 + d, 30) : px(200 + k % 3, 60 + k / 3 % 3, 30 + k * 7 % 5);
+    colour.at<cv::Vec3b>(i / 10, i % 10) = cv::Vec3b(p.val[0], p.val[1], p.val[2]);
+    label.data[i] = static_cast<unsigned char>(i % 4 == 1 ? 2 * (j++ % 3) : k++ % 2 ? 1 : 3);
+    if (i % 4 != 1) background.push_back(p);
+    if (i % 4 == 1 && d > 100) object[(150 - d) / 10] = p;
   }
   for (int d = 10; d <= 50; d += 10) nearest.push_back(px(200, 60 + d, 30));
   background.insert(background.end(), nearest.begin(), nearest.end());
