@@ -94,14 +94,9 @@ TEST_F(SegmentDriver, ExitFlagOrTimeOutAbandonsAfterFirstCut) {
       EXPECT_NEAR(m->weight[0] + m->weight[1] + m->weight[2] + m->weight[3] + m->weight[4], 1.0, 1e-12);
     g_clockJumps = VELDSEMarker::m_exitApp = false;
     expectNothingLeft();
-    int lines = 0;
-    for (const hostlog::Record& r : log)
-      if (r.text == "Segmentation canceled due to timeout") {
-        ++lines;
-        EXPECT_EQ(r.priority, 6);
-        EXPECT_EQ(r.tag, "Error");
-      }
-    EXPECT_EQ(lines, 1);
+    EXPECT_EQ(std::count_if(log.begin(), log.end(), [](const hostlog::Record& r) {
+                return r.text == "Segmentation canceled due to timeout" && r.priority == 6 && r.tag == "Error";
+              }), 1);
     EXPECT_EQ(VELDSEManageUndoRedo::m_current, 0) << "no result recorded";
     deinitSegmentation();
   }
