@@ -110,31 +110,6 @@ TEST_F(ImageInput, StrokePointsAreClampedAndWrittenBack) {
   EXPECT_TRUE(VELDSEMarker::currentStroke.points.empty());
 }
 
-TEST_F(ImageInput, ResetMarkersKeepsPhotoAndStrokeType) {
-  std::vector<unsigned int> pixels(4 * 4, 0);
-  setSourceImage(4, 4, pixels.data());
-  VELDSEMarker::m_labelImage = cvCreateImage(cvSize(4, 4), IPL_DEPTH_8U, 1);
-  VELDSEMarker::m_prevResult = cvCreateImage(cvSize(4, 4), IPL_DEPTH_8U, 1);
-  VELDSEMarker::currentStroke.strokeType = 2;
-  VELDSEMarker::currentStroke.points = {1, 1};
-  VELDSEMarker::m_exitApp = true;
-  VELDSEMarker::m_isHomogenous = true;
-  VELDSEMarker::m_noiseLevel = 10.0;
-  VELDSEMarker::m_xMinBBox = 3;
-
-  VELDSEMarker::resetMarkers();
-  EXPECT_EQ(VELDSEMarker::m_labelImage, nullptr);
-  EXPECT_EQ(VELDSEMarker::m_prevResult, nullptr);
-  EXPECT_NE(VELDSEMarker::m_originalImage, nullptr);
-  EXPECT_TRUE(VELDSEMarker::currentStroke.points.empty());
-  EXPECT_EQ(VELDSEMarker::currentStroke.strokeType, 2);
-  EXPECT_FALSE(VELDSEMarker::m_exitApp);
-  EXPECT_FALSE(VELDSEMarker::m_isHomogenous);
-  EXPECT_EQ(VELDSEMarker::m_noiseLevel, 0.1);
-  EXPECT_EQ(VELDSEMarker::m_xMinBBox, 3);
-  VELDSEMarker::m_xMinBBox = 0;
-}
-
 TEST_F(ImageInput, InitializerDropsTheLabelHandleWithoutReleasingIt) {
   IplImage* label = cvCreateImage(cvSize(2, 2), IPL_DEPTH_8U, 1);
   cvSet(label, cvScalarAll(4));

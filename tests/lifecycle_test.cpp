@@ -78,6 +78,9 @@ TEST_F(Lifecycle, ResetForgetsMarksAndHistoryButKeepsPhotoAndEngine) {
   VELDSEMarker::m_prevResult = filled(0);
   VELDSEMarker::currentStroke = {{5, 6, 7, 8}, 3};
   storage = cvCreateMemStorage(0);
+  VELDSEMarker::m_exitApp = VELDSEMarker::m_isHomogenous = true;
+  VELDSEMarker::m_noiseLevel = 10.0;
+  VELDSEMarker::m_xMinBBox = 3;
 
   EXPECT_EQ(resetSegmentationInterface(), 0);
   EXPECT_EQ(VELDSEMarker::m_originalImage, photo);
@@ -89,6 +92,11 @@ TEST_F(Lifecycle, ResetForgetsMarksAndHistoryButKeepsPhotoAndEngine) {
   EXPECT_TRUE(VELDSEMarker::currentStroke.points.empty());
   EXPECT_EQ(VELDSEMarker::currentStroke.strokeType, 3);
   EXPECT_EQ(storage, nullptr);
+  EXPECT_FALSE(VELDSEMarker::m_exitApp);
+  EXPECT_FALSE(VELDSEMarker::m_isHomogenous);
+  EXPECT_EQ(VELDSEMarker::m_noiseLevel, 0.1);
+  EXPECT_EQ(VELDSEMarker::m_xMinBBox, 3) << "the working box stays";
+  VELDSEMarker::m_xMinBBox = 0;
   EXPECT_FALSE(VELDSEManageUndoRedo::canUndo());
   EXPECT_EQ(VELDSEManageUndoRedo::prevMask(), nullptr);
 }
