@@ -10,14 +10,9 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
-#include <cstring>
 #include <random>
 #include <thread>
 #include <vector>
-
-#include <opencv2/core.hpp>
-#include <opencv2/imgproc.hpp>
 
 #include "interface/segmentation_core.h"
 #include "interface/veldse_marker.h"

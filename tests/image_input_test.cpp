@@ -110,17 +110,4 @@ TEST_F(ImageInput, StrokePointsAreClampedAndWrittenBack) {
   EXPECT_TRUE(VELDSEMarker::currentStroke.points.empty());
 }
 
-TEST_F(ImageInput, InitializerDropsTheLabelHandleWithoutReleasingIt) {
-  IplImage* label = cvCreateImage(cvSize(2, 2), IPL_DEPTH_8U, 1);
-  cvSet(label, cvScalarAll(4));
-  VELDSEMarker::m_labelImage = label;
-  VELDSEMarker::m_exitApp = true;
-  VELDSEMarker::initializer();
-  EXPECT_EQ(VELDSEMarker::m_labelImage, nullptr);
-  EXPECT_FALSE(VELDSEMarker::m_exitApp);
-  EXPECT_EQ(VELDSEMarker::m_noiseLevel, 0.1);
-  EXPECT_EQ(byteAt(label, 1, 1, 0), 4) << "the image itself is still alive";
-  cvReleaseImage(&label);
-}
-
 }  // namespace

@@ -35,7 +35,12 @@ TEST_F(Lifecycle, InitCreatesTheEngineWithFreshFlags) {
   g_imageResizeFactor = 3.0f;  // left from an earlier context
   VELDSEMarker::m_exitApp = true;
   VELDSEMarker::m_noiseLevel = 10.0;
+  IplImage* label = filled(4);  // the handle is dropped, the image not released
+  VELDSEMarker::m_labelImage = label;
   EXPECT_EQ(initSegmentationEngine(42), 0);
+  EXPECT_EQ(VELDSEMarker::m_labelImage, nullptr);
+  EXPECT_EQ(cvCountNonZero(label), 64 * 48) << "the image itself is still alive";
+  cvReleaseImage(&label);
   ASSERT_NE(pHybrid, nullptr);
   EXPECT_EQ(g_imageResizeFactor, 1.0f) << "a small photo is not reduced by an old factor";
   EXPECT_EQ(VELDSEMarker::m_width, 64);

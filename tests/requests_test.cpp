@@ -6,11 +6,8 @@
 #include <hostlog/capture.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
-#include <cstdlib>
 #include <random>
-#include <thread>
 #include <vector>
 
 #include <opencv2/core.hpp>

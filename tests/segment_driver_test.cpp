@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <atomic>
 #include <ctime>
-#include <random>
 #include <vector>
 
 #include <opencv2/core.hpp>
