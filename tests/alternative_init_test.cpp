@@ -100,7 +100,8 @@ TEST(InitModelWithKmeansTest, SeparatedGroupsBecomeComponents) {
 }
 
 TEST(InitThirdInitalizationTest, RestSortedByBackgroundLikenessIsSplitInThirds) {
-  // 45 background pixels (codes 1, 3) close to B = (200, 60, 30), and 15
+  // 45 background pixels (codes 1, 3) in five small groups of nine close to
+  // B = (200, 60, 30) (every k-means cluster has a regular covariance), and 15
   // others (codes 0, 2, 4) at distance d = 10 .. 150 from B along channel 1,
   // in scrambled raster order. The background model has every mean at B, so
   // the score falls as d grows: the 5 farthest (d = 150 down to 110) train
@@ -110,7 +111,9 @@ TEST(InitThirdInitalizationTest, RestSortedByBackgroundLikenessIsSplitInThirds) 
   std::vector<pixelVal> background, object(5), nearest;
   for (int i = 0, k = 0, j = 0; i < 60; ++i) {
     const int d = 10 * ((j * 7) % 15 + 1);  // for the 15 others, j = 0 .. 14
-    const pixelVal p = i % 4 == 1 ? px(200, 60 + d, 30) : px(200 + k % 3, 60 + k / 3 % 3, 30 + k * 7 % 5);
+    const int g[5][3] = {{0, 0, 0}, {8, 0, 0}, {0, 0, 8}, {8, 0, 8}, {4, 8, 4}}, e = k / 5;
+    const pixelVal p = i % 4 == 1 ? px(200, 60 + d, 30)
+                                  : px(196 + g[k % 5][0] + e % 3, 56 + g[k % 5][1] + e / 3, 26 + g[k % 5][2] + 2 * e % 3);
     colour.at<cv::Vec3b>(i / 10, i % 10) = cv::Vec3b(p.val[0], p.val[1], p.val[2]);
     label.data[i] = static_cast<unsigned char>(i % 4 == 1 ? 2 * (j++ % 3) : k++ % 2 ? 1 : 3);
     if (i % 4 != 1) background.push_back(p);
@@ -128,6 +131,7 @@ TEST(InitThirdInitalizationTest, RestSortedByBackgroundLikenessIsSplitInThirds) 
   VELDSEColorModel wantBg = bg, wantObj, gotObj;
   initModelWithKmeansVELD(background, wantBg);
   initModelWithKmeansVELD(object, wantObj);
+  cv::theRNG().state = 12345;  // cv::kmeans seeds from OpenCV's global generator
   IplImage colourIpl = cvIplImage(colour), labelIpl = cvIplImage(label);
   initThirdInitalization(&colourIpl, &labelIpl, gotObj, bg);
   // The fitted fields; normalisers of singular components stay stale until
