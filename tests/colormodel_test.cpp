@@ -1,7 +1,9 @@
 #include <opencv2/core.hpp>
 #include <opencv2/core/core_c.h>
 
+#include <algorithm>
 #include <cfloat>
+#include <cstdlib>
 #include <cmath>
 #include <cstring>
 #include <cstdint>
@@ -287,72 +289,113 @@ TEST_F(ColorModelTest, UpdateModelMatchesReferenceRefit) {
   }
 }
 
-std::vector<pixelVal> blobs(cv::RNG& rng, const std::vector<int>& sizes) {
-  std::vector<pixelVal> s;
-  for (size_t b = 0; b < sizes.size(); ++b)
-    for (int i = 0; i < sizes[b]; ++i)
-      s.push_back(px(50.0 * b + rng.uniform(0.0, 4.0), 250.0 - 50.0 * b + rng.uniform(0.0, 4.0),
-                     20.0 * b + rng.uniform(0.0, 4.0)));
-  return s;
+double sq(const double* a, const double* b) {
+  const double d0 = a[0] - b[0], d1 = a[1] - b[1], d2 = a[2] - b[2];
+  return d0 * d0 + d1 * d1 + d2 * d2;
 }
 
-TEST_F(ColorModelTest, InitModelFindsSeparatedClustersReproducibly) {
+// The clustering written out as a literal schedule: k-means++ seeds drawn with
+// srand/rand (reseeded from n, then from each running total), then passes in
+// which four workers take the rows [t * (n / 4), (t + 1) * (n / 4)), the last
+// one up to n, and their partial sums, counts and errors are added in worker
+// order 0, 1, 2, 3; an empty cluster reclaims its seed row.
+void literalSchedule(const std::vector<pixelVal>& s, std::vector<int>& seeds, std::vector<int>& labels) {
+  const int n = static_cast<int>(s.size());
+  std::vector<double> dist(n);
+  std::srand(static_cast<unsigned>(n));
+  seeds[0] = static_cast<int>((n * 4.656612873077393e-10) * std::rand());
+  double total = 0;
+  for (int i = 0; i < n; ++i) total += dist[i] = sq(s[i].val, s[seeds[0]].val);
+  for (int j = 1; j < 5; ++j) {
+    std::srand(static_cast<unsigned>(total));
+    double target = (total * 4.656612873077393e-10) * std::rand();
+    int i = 0;
+    while (i < n - 1 && target > dist[i]) target -= dist[i++];
+    seeds[j] = i, total = 0;
+    for (int m = 0; m < n; ++m) total += dist[m] = std::min(dist[m], sq(s[m].val, s[i].val));
+  }
+  double centre[5][3], previous = DBL_MAX;
+  for (int k = 0; k < 5; ++k) std::copy(s[seeds[k]].val, s[seeds[k]].val + 3, centre[k]);
+  for (int pass = 1;; ++pass) {
+    double sums[5][4][3] = {}, counts[5][4] = {}, errors[4] = {};
+    for (int t = 0; t < 4; ++t)
+      for (int i = t * (n / 4); i < (t == 3 ? n : (t + 1) * (n / 4)); ++i) {
+        double best = DBL_MAX;
+        for (int k = 0; k < 5; ++k)
+          if (sq(s[i].val, centre[k]) < best) best = sq(s[i].val, centre[k]), labels[i] = k;
+        for (int c = 0; c < 3; ++c) sums[labels[i]][t][c] += s[i].val[c];
+        counts[labels[i]][t] += 1.0, errors[t] += best;
+      }
+    for (int k = 0; k < 5; ++k) {
+      const double count = ((counts[k][0] + counts[k][1]) + counts[k][2]) + counts[k][3];
+      for (int c = 0; c < 3 && count > 0; ++c)
+        centre[k][c] = (((sums[k][0][c] + sums[k][1][c]) + sums[k][2][c]) + sums[k][3][c]) / count;
+      if (!(count > 0)) labels[seeds[k]] = k;
+    }
+    const double error = ((errors[0] + errors[1]) + errors[2]) + errors[3];
+    if (pass >= 10 || error == previous) break;
+    previous = error;
+  }
+}
+
+TEST_F(ColorModelTest, KMeansInitialisationFollowsTheLiteralSchedule) {
   cv::RNG rng(7);
-  const std::vector<int> sizes{300, 200, 250, 150, 100};
-  const std::vector<pixelVal> s = blobs(rng, sizes);
-  VELDSEColorModel a, b, c;
-  initModel(s, a, 10);
-  initModel(s, b, -3);  // the count argument has no effect
-  EXPECT_TRUE(sameBits(a, b));
-  initModelWithKmeansVELD(s, c);
-  EXPECT_TRUE(sameBits(a, c));
-  // Every blob becomes exactly one component.
-  std::vector<bool> seen(5, false);
-  for (int k = 0; k < 5; ++k) {
-    const int blob = static_cast<int>(std::lround((a.mean[k][0] - 2.0) / 50.0));
-    ASSERT_GE(blob, 0);
-    ASSERT_LT(blob, 5);
-    EXPECT_FALSE(seen[blob]);
-    seen[blob] = true;
-    EXPECT_DOUBLE_EQ(a.weight[k], sizes[blob] / 1000.0);
-    EXPECT_GT(a.determinant[k], 0.0);
-  }
-  VELDSEColorModel pa, pb;
-  initModel(s, blobs(rng, {5, 5, 5, 5, 5}), pa, pb, 0);
-  EXPECT_TRUE(sameBits(pa, a));
-}
+  std::vector<pixelVal> blobs;
+  const int sizes[5] = {300, 200, 250, 150, 100};
+  for (int b = 0; b < 5; ++b)
+    for (int i = 0; i < sizes[b]; ++i)
+      blobs.push_back(px(50.0 * b + rng.uniform(0.0, 4.0), 250.0 - 50.0 * b + rng.uniform(0.0, 4.0), 20.0 * b + rng.uniform(0.0, 4.0)));
+  const struct {
+    const char* name;
+    std::vector<pixelVal> samples;
+  } cases[] = {
+      {"4 samples: no change", std::vector<pixelVal>(4, px(1, 2, 3))},
+      {"5 samples", {px(0.1, 0.2, 0.3), px(9.5, 0.25, 1), px(0.7, 4.4, 0.1), px(3.3, 3.3, 3.3), px(0.15, 0.2, 0.35)}},
+      {"6 samples", {px(1.1, 2, 3), px(1.2, 2.1, 3), px(7, 0.5, 0.5), px(7.1, 0.6, 0.4), px(0.2, 9, 9), px(5, 5, 0.1)}},
+      // All seeds are row 0; clusters 1..4 reclaim it in turn, so cluster 4
+      // ends with it and clusters 1..3 keep their old components.
+      {"6 equal samples", std::vector<pixelVal>(6, px(7, 8, 9))},
+      // These two change in the last bits when the partial sums are added in
+      // another order.
+      {"7 samples", {px(0.8, 0.2, 0.2), px(0.5, 0.8, 0.0), px(0.4, 0.4, 0.2), px(0.4, 0.8, 0.9), px(0.6, 0.3, 0.9),
+                     px(0.4, 0.5, 0.4), px(0.6, 0.3, 0.2)}},
+      {"13 samples", {px(0.2, 0.3, 0.9), px(0.5, 0.4, 0.9), px(0.1, 0.5, 0.8), px(0.5, 0.6, 0.1), px(0.6, 0.1, 0.1),
+                      px(0.8, 0.6, 0.6), px(0.2, 0.9, 0.3), px(0.3, 0.9, 0.5), px(0.6, 0.1, 0.6), px(0.6, 0.1, 0.3),
+                      px(0.4, 0.5, 0.2), px(0.1, 0.5, 0.4), px(0.6, 0.9, 0.8)}},
+      {"1000 samples in five blobs", blobs},
+  };
+  for (const auto& tc : cases) {
+    SCOPED_TRACE(tc.name);
+    const int n = static_cast<int>(tc.samples.size());
+    std::vector<int> seeds(5), labels(n, 0), refSeeds(5), refLabels(n, 0);
+    literalSchedule(tc.samples, refSeeds, refLabels);
+    std::vector<double*> rows;
+    for (const pixelVal& p : tc.samples) rows.push_back(const_cast<double*>(p.val));
+    chooseCentersKMeanspp(rows.data(), n, 5, seeds.data());
+    EXPECT_EQ(seeds, refSeeds);
+    k_means(rows.data(), labels.data(), n, 0.0, 10, nullptr);
+    EXPECT_EQ(labels, refLabels);
 
-TEST_F(ColorModelTest, InitModelLeavesSmallSetsAlone) {
-  VELDSEColorModel m, before;
-  m.weight[2] = before.weight[2] = 0.5;
-  for (int n = 0; n <= 4; ++n) {
-    initModelWithKmeansVELD(std::vector<pixelVal>(n, px(1, 2, 3)), m);
-    EXPECT_TRUE(sameBits(m, before)) << n;
-  }
-}
-
-TEST_F(ColorModelTest, InitModelKeepsEmptyClustersAndSeedReclaim) {
-  // All samples equal: every seed is row 0 (total 0), cluster 0 takes all rows
-  // and the empty clusters 1..4 reclaim row 0 in turn, so cluster 4 ends with
-  // it and clusters 1..3 stay empty.
-  VELDSEColorModel m;
-  for (int k = 0; k < 5; ++k) {
-    m.weight[k] = 0.2;
-    m.mean[k][0] = -k;
-    m.covariance[k][0] = m.covariance[k][4] = m.covariance[k][8] = k + 1.0;
-  }
-  const VELDSEColorModel before = m;
-  initModelWithKmeansVELD(std::vector<pixelVal>(6, px(7, 8, 9)), m);
-  EXPECT_DOUBLE_EQ(m.weight[0], 5.0 / 6.0);
-  EXPECT_DOUBLE_EQ(m.weight[4], 1.0 / 6.0);
-  for (int k : {0, 4}) {
-    for (int c = 0; c < 3; ++c) EXPECT_EQ(m.mean[k][c], 7.0 + c);
-    for (int e = 0; e < 9; ++e) EXPECT_NEAR(m.covariance[k][e], 0.0, 1e-9);
-  }
-  for (int k = 1; k < 4; ++k) {
-    EXPECT_EQ(m.weight[k], before.weight[k]);
-    EXPECT_EQ(m.mean[k][0], before.mean[k][0]);
-    EXPECT_EQ(m.covariance[k][4], before.covariance[k][4]);
+    // The model: share, mean and population covariance of each non-empty
+    // cluster (divisions as products with reciprocals); the others untouched.
+    VELDSEColorModel got, want;
+    for (int k = 0; k < 5; ++k) got.weight[k] = want.weight[k] = 0.5 + k, got.mean[k][1] = want.mean[k][1] = -k;
+    initModel(tc.samples, got, 10);
+    for (int k = 0; k < 5 && n >= 5; ++k) {
+      double count = 0, mean[3] = {0, 0, 0}, prod[9] = {};
+      for (int i = 0; i < n; ++i) {
+        if (refLabels[i] != k) continue;
+        count += 1;
+        for (int e = 0; e < 9; ++e) prod[e] += tc.samples[i].val[e % 3] * tc.samples[i].val[e / 3];
+        for (int c = 0; c < 3; ++c) mean[c] += tc.samples[i].val[c];
+      }
+      if (count == 0) continue;
+      want.weight[k] = count * (1.0 / n);
+      for (int c = 0; c < 3; ++c) want.mean[k][c] = mean[c] * (1.0 / count);
+      for (int e = 0; e < 9; ++e) want.covariance[k][e] = prod[e] * (1.0 / count) - want.mean[k][e / 3] * want.mean[k][e % 3];
+    }
+    if (n >= 5) want.setDeterminant();
+    EXPECT_TRUE(sameBits(got, want));
   }
 }
 

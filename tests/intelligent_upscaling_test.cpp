@@ -2,6 +2,7 @@
 // its log lines, and the fallback enlargement.
 #include <algorithm>
 #include <climits>
+#include <cmath>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -119,19 +120,16 @@ TEST_F(IntelligentUpscaling, BandFollowsThePhotoAndTheRestTheLabels) {
     const cv::Mat labels = M(VELDSEMarker::m_labelImage), photo = M(VELDSEMarker::m_originalImage);
     // Reference: band pixels follow the photo, all others the labels.
     int xmin = INT_MAX, xmax = -1, ymin = INT_MAX, ymax = -1;
-    bool innerRing = false;
     cv::Mat expected(s.size * kScale, CV_8U);
     for (int y = 0; y < expected.rows; ++y) {
       for (int x = 0; x < expected.cols; ++x) {
         const int code = referenceTrimap(mask, x / kScale, y / kScale);
-        innerRing = innerRing || code == 2;
         if (code != 7) xmin = std::min(xmin, x), xmax = std::max(xmax, x), ymin = std::min(ymin, y), ymax = std::max(ymax, y);
         const int label = labels.at<unsigned char>(y / kScale, x / kScale);
         const bool object = code == 0 ? photo.at<cv::Vec3b>(y, x)[0] == kObject[0] : (label == LABEL_FG || label == LABEL_PR_FG);
         expected.at<unsigned char>(y, x) = object ? 255 : 0;
       }
     }
-    EXPECT_TRUE(!innerRing || std::string(s.name).find("line") == std::string::npos);
 
     const cv::Mat result = upscale(mask);
     ASSERT_EQ(result.size(), expected.size());
@@ -168,6 +166,43 @@ TEST_F(IntelligentUpscaling, UniformMasksFallBackToPlainEnlargement) {
     EXPECT_EQ(hybrid_.m_trimapGraph, nullptr);
     TearDown();
   }
+}
+
+// The re-cut graph of a box without fixed pixels, against the link formulas
+// evaluated in double: horizontal links carry the plain weight, vertical ones
+// the weight times the per-channel contrast factors exp(-beta d^2), diagonal
+// ones that times 1/sqrt(2).
+TEST_F(IntelligentUpscaling, ReCutLinksFollowTheContrastFormulas) {
+  const int w = 5, h = 4;
+  const unsigned char codes[h][w] = {{1, 1, 0, 0, 2}, {1, 0, 0, 2, 2}, {0, 0, 2, 2, 2}, {1, 0, 0, 0, 2}};
+  cv::Mat trimap(h, w, CV_8U, const_cast<unsigned char*>(&codes[0][0])), photo(h, w, CV_8UC3);
+  for (int y = 0; y < h; ++y)  // neighbouring colours differ by at most 18 per channel
+    for (int x = 0; x < w; ++x) photo.at<cv::Vec3b>(y, x) = cv::Vec3b(100 + (7 * x + 3 * y) % 13, 110 + (5 * x + 11 * y) % 17, 120 + (3 * x + 13 * y) % 19);
+  hybrid_.m_lambda = 50.0, hybrid_.m_beta = 0.003;
+  hybrid_.m_boundWidthTrimap = w, hybrid_.m_boundHeightTrimap = h;
+  VELDSEMarker::m_isGreyScale = false;
+  IplImage img = cvIplImage(photo), tri = cvIplImage(trimap);
+  ASSERT_EQ(hybrid_.constructGraphTrimapVELD(&img, nullptr, &tri, nullptr, nullptr), 0);
+  const VELDSEGraph* g = hybrid_.m_trimapGraph;
+  auto contrast = [&](int x, int y, int dx, int dy) {
+    if (x + dx < 0 || x + dx >= w || y + dy < 0) return -1.0;  // absent
+    const cv::Vec3d d = cv::Vec3d(photo.at<cv::Vec3b>(y, x)) - cv::Vec3d(photo.at<cv::Vec3b>(y + dy, x + dx));
+    return std::exp(-0.003 * d.dot(d));
+  };
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x) {
+      SCOPED_TRACE(testing::Message() << "pixel " << x << "," << y);
+      const int i = x + y * w;
+      // Pairs towards left, upper-left, up, upper-right.
+      const double want[4] = {x > 0 ? 50.0 : -1.0, y > 0 ? 50.0 / std::sqrt(2.0) * contrast(x, y, -1, -1) : -1.0,
+                              y > 0 ? 50.0 * contrast(x, y, 0, -1) : -1.0,
+                              y > 0 ? 50.0 / std::sqrt(2.0) * contrast(x, y, 1, -1) : -1.0};
+      for (int e = 0; e < 4; ++e)
+        for (int s : {2 * e, 2 * e + 1}) {
+          if (want[e] < 0) EXPECT_EQ(g->m_caps[8 * i + s], VELDSEGraph::ABSENT_EDGE) << "slot " << s;
+          else EXPECT_NEAR(g->m_caps[8 * i + s], want[e], 2e-6 * want[e]) << "slot " << s;
+        }
+    }
 }
 
 }  // namespace

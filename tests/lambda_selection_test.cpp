@@ -38,9 +38,27 @@ void ring(IplImage* label) {
   fillRect(label, 4, 4, 35, 35, LABEL_PR_BG);
 }
 
-// Blob of exactly n pixels inside the ring, away from it: rows of 10 from (10, 10).
-void blobOf(IplImage* label, int n, unsigned char code = LABEL_PR_FG) {
-  for (int i = 0; i < n; ++i) setPixel(label, 10 + i % 10, 10 + i / 10, code);
+// Trial shapes: n > 0 a blob of exactly n pixels in rows of 20 from (10, 10),
+// inside the ring and away from it (no span); kRing; kRingAndBlob, the ring
+// plus a 200-pixel blob (above 70 % of it, so both count: 472 pixels); kTopRow,
+// row 0 (40 pixels), and kFrame, the outermost pixels (156, spanning): the
+// contrast test visits no pixel of these two, so their verdict is 2;
+// kDiagonal, the line (2, 2)-(37, 37) plus (3, 2): 4-connected, its largest
+// blob is {(2,2), (3,2), (3,3)}, every single pixel is below 70 % of it and it
+// does not span (8-connected it would be one spanning blob of 37 pixels).
+enum Shape { kRing = -1, kRingAndBlob = -2, kTopRow = -3, kFrame = -4, kDiagonal = -5 };
+void draw(IplImage* label, int shape) {
+  if (shape == kRing || shape == kRingAndBlob) ring(label);
+  if (shape == kTopRow || shape == kFrame) fillRect(label, 0, 0, kSize - 1, 0, LABEL_PR_FG);
+  if (shape == kFrame) {
+    fillRect(label, 0, kSize - 1, kSize - 1, kSize - 1, LABEL_FG);
+    fillRect(label, 0, 0, 0, kSize - 1, LABEL_PR_FG);
+    fillRect(label, kSize - 1, 0, kSize - 1, kSize - 1, LABEL_PR_FG);
+  }
+  for (int i = 0; i < 36 && shape == kDiagonal; ++i) setPixel(label, 2 + i, 2 + i, LABEL_PR_FG);
+  if (shape == kDiagonal) setPixel(label, 3, 2, LABEL_FG);
+  const int n = shape == kRingAndBlob ? 200 : shape;
+  for (int i = 0; i < n; ++i) setPixel(label, 10 + i % 20, 10 + i / 20, LABEL_PR_FG);
 }
 
 class LambdaSelection : public ::testing::Test {
@@ -64,55 +82,64 @@ class LambdaSelection : public ::testing::Test {
   VELDSEHybrid* hybrid = nullptr;
 };
 
-TEST_F(LambdaSelection, TrialsUseTruncatedCandidatesFromTheInitialLabels) {
-  struct Case {
-    bool grey;
-    double lambdas[3];
-  } cases[] = {{false, {50.0, 13.0, 8.0}}, {true, {15.0, 10.0, 7.0}}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.grey ? "grey" : "colour");
-    VELDSEMarker::m_isGreyScale = c.grey;
-    setPixel(hybrid->m_cropLabelInit, 5, 6, LABEL_FG);
+TEST_F(LambdaSelection, TrialsThenChoiceOrFallBack) {
+  const float candidates[2][3] = {{50.0f, 13.513f, 8.0f}, {15.0f, 10.0f, 7.0f}};
+  setPixel(hybrid->m_cropLabelInit, 5, 6, LABEL_FG);
+  for (const bool isGrey : {false, true}) {
+    SCOPED_TRACE(isGrey ? "grey" : "colour");
+    VELDSEMarker::m_isGreyScale = isGrey;
     for (int iter = 0; iter < 3; ++iter) {
       SCOPED_TRACE(iter);
       cvSet(hybrid->m_cropLabel, cvScalarAll(LABEL_PR_FG));
       EXPECT_EQ(hybrid->parallelLamdaSwtich(iter), iter == 0 ? 0 : 2);
-      EXPECT_EQ(hybrid->m_lambda, c.lambdas[iter]);
-      EXPECT_EQ(pixel(hybrid->m_cropLabel, 5, 6), LABEL_FG);
-      EXPECT_EQ(pixel(hybrid->m_cropLabel, 0, 0), LABEL_PR_BG);
+      // Trials use the candidates truncated (13.513 as 13) from the initial labels.
+      EXPECT_EQ(hybrid->m_lambda, static_cast<double>(static_cast<int>(candidates[isGrey][iter])));
+      EXPECT_EQ(cv::countNonZero(cv::cvarrToMat(hybrid->m_cropLabel) != cv::cvarrToMat(hybrid->m_cropLabelInit)), 0);
     }
     hybrid->m_lambda = 21.0;
     EXPECT_EQ(hybrid->parallelLamdaSwtich(4), 1);
     EXPECT_EQ(hybrid->parallelLamdaSwtich(7), 1);
     EXPECT_EQ(hybrid->m_lambda, 21.0) << "later iterations keep the weight";
   }
-}
 
-TEST_F(LambdaSelection, ChosenTrialKeepsItsLabelsAndTheExactCandidate) {
-  // Trial 1 alone spans the box; all borders are flat against flat: verdict 1.
-  ring(hybrid->m_iterLabel[1]);
-  blobOf(hybrid->m_iterLabel[0], 150);
-  blobOf(hybrid->m_iterLabel[2], 150);
-  EXPECT_EQ(hybrid->parallelLamdaSwtich(3), 1);
-  EXPECT_EQ(hybrid->m_lambda, static_cast<double>(13.513f)) << "not truncated here";
-  EXPECT_NE(hybrid->m_lambda, 13.0);
-  EXPECT_EQ(pixel(hybrid->m_cropLabel, 2, 2), LABEL_PR_FG);
-  EXPECT_EQ(pixel(hybrid->m_cropLabel, 20, 20), LABEL_PR_BG);
-
-  VELDSEMarker::m_isGreyScale = true;
-  EXPECT_EQ(hybrid->parallelLamdaSwtich(3), 1);
-  EXPECT_EQ(hybrid->m_lambda, 10.0);
-}
-
-TEST_F(LambdaSelection, BlobsAreFourConnected) {
-  // Trial 1: a diagonal line (2, 2)-(37, 37) plus (3, 2). With 4-connectivity
-  // its largest blob is {(2,2), (3,2), (3,3)}, every single pixel is below 70 %
-  // of it and the trial does not span; 8-connected it would be one spanning
-  // blob of 37 pixels, smaller than trial 0's ring.
-  ring(hybrid->m_iterLabel[0]);
-  for (int i = 0; i < 36; ++i) setPixel(hybrid->m_iterLabel[1], 2 + i, 2 + i, LABEL_PR_FG);
-  setPixel(hybrid->m_iterLabel[1], 3, 2, LABEL_FG);
-  EXPECT_EQ(optimal(), 0);
+  // On the flat crop every shape but those on the frame has verdict 1.
+  const struct {
+    const char* name;
+    int shapes[3];
+    int chosen;  // -1: the fall-back
+  } cases[] = {
+      {"all verdicts 2: the first trial, not the fall-back", {kTopRow, kTopRow, kFrame}, 0},
+      {"a spanning trial with verdict 2 does not count; equal areas keep the lower index",
+       {kFrame, kRing, kRing}, 1},
+      {"the smallest spanning area wins", {kRingAndBlob, kRing, 150}, 1},
+      {"blobs are 4-connected", {kRing, kDiagonal, 0}, 0},
+      {"largest area 99: fall-back", {99, 50, kTopRow}, -1},
+      {"largest area 100: areas 1 and 0.5, spread 0.125, second-to-last", {100, 50, kTopRow}, 0},
+      {"similar areas (spread 0.056): second-to-last", {300, 250, 200}, 1},
+      {"spread 0.60 above 0.4: last", {400, 20, 20}, 2},
+      {"two trials, spread 0.45: last", {400, kTopRow, 20}, 2},
+      {"a single trial with verdict 1", {kTopRow, 150, kTopRow}, 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    for (int k = 0; k < 3; ++k) {
+      cvSet(hybrid->m_iterLabel[k], cvScalarAll(LABEL_PR_BG));
+      draw(hybrid->m_iterLabel[k], c.shapes[k]);
+    }
+    EXPECT_EQ(optimal(), c.chosen);
+    for (const bool isGrey : {false, true}) {
+      SCOPED_TRACE(isGrey ? "grey" : "colour");
+      VELDSEMarker::m_isGreyScale = isGrey;
+      cvSet(hybrid->m_cropLabel, cvScalarAll(LABEL_BG));
+      EXPECT_EQ(hybrid->parallelLamdaSwtich(3), c.chosen == -1 ? 2 : 1);
+      // The chosen candidate exactly (13.513 is not truncated here), or the
+      // fall-back weight with the initial labels.
+      EXPECT_EQ(hybrid->m_lambda, c.chosen == -1 ? (isGrey ? 3.0 : 4.0) : static_cast<double>(candidates[isGrey][c.chosen]));
+      const IplImage* labels = c.chosen == -1 ? hybrid->m_cropLabelInit : hybrid->m_iterLabel[c.chosen];
+      EXPECT_EQ(cv::countNonZero(cv::cvarrToMat(hybrid->m_cropLabel) != cv::cvarrToMat(labels)), 0);
+    }
+    VELDSEMarker::m_isGreyScale = false;
+  }
 }
 
 // Independent reading of the contrast rule: border pairs against interior

@@ -35,7 +35,12 @@ TEST_F(Lifecycle, InitCreatesTheEngineWithFreshFlags) {
   g_imageResizeFactor = 3.0f;  // left from an earlier context
   VELDSEMarker::m_exitApp = true;
   VELDSEMarker::m_noiseLevel = 10.0;
+  IplImage* label = filled(4);  // the handle is dropped, the image not released
+  VELDSEMarker::m_labelImage = label;
   EXPECT_EQ(initSegmentationEngine(42), 0);
+  EXPECT_EQ(VELDSEMarker::m_labelImage, nullptr);
+  EXPECT_EQ(cvCountNonZero(label), 64 * 48) << "the image itself is still alive";
+  cvReleaseImage(&label);
   ASSERT_NE(pHybrid, nullptr);
   EXPECT_EQ(g_imageResizeFactor, 1.0f) << "a small photo is not reduced by an old factor";
   EXPECT_EQ(VELDSEMarker::m_width, 64);
@@ -78,6 +83,9 @@ TEST_F(Lifecycle, ResetForgetsMarksAndHistoryButKeepsPhotoAndEngine) {
   VELDSEMarker::m_prevResult = filled(0);
   VELDSEMarker::currentStroke = {{5, 6, 7, 8}, 3};
   storage = cvCreateMemStorage(0);
+  VELDSEMarker::m_exitApp = VELDSEMarker::m_isHomogenous = true;
+  VELDSEMarker::m_noiseLevel = 10.0;
+  VELDSEMarker::m_xMinBBox = 3;
 
   EXPECT_EQ(resetSegmentationInterface(), 0);
   EXPECT_EQ(VELDSEMarker::m_originalImage, photo);
@@ -89,6 +97,11 @@ TEST_F(Lifecycle, ResetForgetsMarksAndHistoryButKeepsPhotoAndEngine) {
   EXPECT_TRUE(VELDSEMarker::currentStroke.points.empty());
   EXPECT_EQ(VELDSEMarker::currentStroke.strokeType, 3);
   EXPECT_EQ(storage, nullptr);
+  EXPECT_FALSE(VELDSEMarker::m_exitApp);
+  EXPECT_FALSE(VELDSEMarker::m_isHomogenous);
+  EXPECT_EQ(VELDSEMarker::m_noiseLevel, 0.1);
+  EXPECT_EQ(VELDSEMarker::m_xMinBBox, 3) << "the working box stays";
+  VELDSEMarker::m_xMinBBox = 0;
   EXPECT_FALSE(VELDSEManageUndoRedo::canUndo());
   EXPECT_EQ(VELDSEManageUndoRedo::prevMask(), nullptr);
 }

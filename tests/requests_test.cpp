@@ -6,11 +6,8 @@
 #include "tests/log_capture.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
-#include <cstdlib>
 #include <random>
-#include <thread>
 #include <vector>
 
 #include <opencv2/core.hpp>
@@ -20,62 +17,15 @@
 #include "interface/segmentation_core.h"
 #include "interface/undo_redo.h"
 #include "interface/veldse_marker.h"
+#include "synthetic_scene.h"
 
 namespace {
 
-using Pixels = std::vector<unsigned int>;
-using Bytes = std::vector<unsigned char>;
-
-// Object: a disc (and optionally a square) of noisy warm colour; background:
-// noisy cool stripes. Grey scenes use bright object on dark stripes.
-struct Scene {
-  int w, h;
-  Pixels argb;
-  cv::Mat truth;  // 255 = object
-};
-
-Scene makeScene(int w, int h, bool grey, bool withSquare = false) {
-  Scene s{w, h, Pixels(static_cast<size_t>(w) * h), cv::Mat::zeros(h, w, CV_8U)};
-  cv::circle(s.truth, cv::Point(w * 2 / 5, h / 2), h / 4, cv::Scalar(255), cv::FILLED);
-  if (withSquare) {
-    cv::rectangle(s.truth, cv::Rect(w * 3 / 4, h / 3, w / 8, w / 8), cv::Scalar(255), cv::FILLED);
-  }
-  std::mt19937 rng(5);
-  std::uniform_int_distribution<int> noise(-12, 12);
-  auto clip = [](int v) { return static_cast<unsigned int>(v < 0 ? 0 : v > 255 ? 255 : v); };
-  const int period = w / 20 > 4 ? w / 20 : 4;
-  for (int y = 0; y < h; ++y)
-    for (int x = 0; x < w; ++x) {
-      const bool object = s.truth.at<unsigned char>(y, x) != 0;
-      const bool stripe = ((x + y) / period) % 2 == 0;
-      int r, g, b;
-      if (grey) {
-        r = g = b = object ? 190 : (stripe ? 50 : 85);
-      } else if (object) {
-        r = 205; g = 70; b = 45;
-      } else {
-        r = stripe ? 40 : 75; g = stripe ? 125 : 150; b = stripe ? 70 : 100;
-      }
-      const int n = noise(rng);
-      const unsigned int rr = clip(r + n), gg = clip(g + (grey ? n : noise(rng))),
-                         bb = clip(b + (grey ? n : noise(rng)));
-      s.argb[static_cast<size_t>(y) * w + x] = 0xFF000000u | rr << 16 | gg << 8 | bb;
-    }
-  return s;
-}
-
-// IoU of the caller's mask buffer (0 = object) against the truth.
-double iou(const Bytes& mask, const cv::Mat& truth) {
-  int inter = 0, uni = 0;
-  for (int y = 0; y < truth.rows; ++y)
-    for (int x = 0; x < truth.cols; ++x) {
-      const bool t = truth.at<unsigned char>(y, x) != 0;
-      const bool m = mask[static_cast<size_t>(y) * truth.cols + x] == 0;
-      inter += t && m;
-      uni += t || m;
-    }
-  return uni == 0 ? 1.0 : static_cast<double>(inter) / uni;
-}
+using synthetic::Bytes;
+using synthetic::iou;
+using synthetic::makeScene;
+using synthetic::Pixels;
+using synthetic::Scene;
 
 void startContext(Scene& s) {
   setSourceImage(s.w, s.h, s.argb.data());
@@ -104,6 +54,14 @@ class Requests : public ::testing::Test {
     VELDSEMarker::m_exitApp = false;
     g_exitStatus = 0;
   }
+  static void expectTornDown() {
+    EXPECT_EQ(pHybrid, nullptr);
+    EXPECT_EQ(VELDSEMarker::m_originalImage, nullptr);
+    EXPECT_EQ(VELDSEMarker::m_srcImage, nullptr);
+    EXPECT_EQ(VELDSEManageUndoRedo::m_bitPlane, nullptr);
+    EXPECT_EQ(g_markerImage, nullptr);
+    EXPECT_EQ(g_resultMask, nullptr);
+  }
 };
 
 TEST_F(Requests, RectangleLoopAndStrokesRecoverTheObject) {
@@ -113,7 +71,7 @@ TEST_F(Requests, RectangleLoopAndStrokesRecoverTheObject) {
   } cases[] = {{240, 180, false}, {240, 180, true}, {960, 720, false}, {960, 720, true}};
   for (const Case& c : cases) {
     // Emulated, the large photos come close to the 10 s cut limit on a busy machine.
-    if (c.w > 240 && std::getenv("SEGCORE_EMULATED") != nullptr) continue;
+    if (c.w > 240 && synthetic::emulated()) continue;
     SCOPED_TRACE(::testing::Message() << c.w << "x" << c.h << (c.grey ? " grey" : " colour"));
     Scene s = makeScene(c.w, c.h, c.grey, true);
     Bytes mask(static_cast<size_t>(c.w) * c.h, 77);
@@ -136,13 +94,14 @@ TEST_F(Requests, RectangleLoopAndStrokesRecoverTheObject) {
     ASSERT_EQ(strokeRequest(s, {sx + side / 4, sy + side / 2, sx + side * 3 / 4, sy + side / 2},
                             LABEL_FG, 2, blended, mask),
               0);
-    int removed = 0, added = 0;
-    for (size_t i = 0; i < mask.size(); ++i) {
-      removed += afterRect[i] == 0 && mask[i] != 0;
-      added += afterRect[i] != 0 && mask[i] == 0;
-    }
-    EXPECT_EQ(removed, 0);
-    EXPECT_GT(added, side * side / 2);
+    // Object pixels added and removed since `before` (the buffer's 0 is object).
+    auto changes = [&mask](const Bytes& before, bool additions) {
+      int n = 0;
+      for (size_t i = 0; i < mask.size(); ++i) n += (additions ? before[i] != 0 && mask[i] == 0 : before[i] == 0 && mask[i] != 0);
+      return n;
+    };
+    EXPECT_EQ(changes(afterRect, false), 0);
+    EXPECT_GT(changes(afterRect, true), side * side / 2);
     EXPECT_GT(iou(mask, s.truth), 0.93);
 
     // Background stroke across the square: only removals.
@@ -150,13 +109,8 @@ TEST_F(Requests, RectangleLoopAndStrokesRecoverTheObject) {
     ASSERT_EQ(strokeRequest(s, {sx + side / 4, sy + side / 2, sx + side * 3 / 4, sy + side / 2},
                             LABEL_BG, 3, blended, mask),
               0);
-    removed = added = 0;
-    for (size_t i = 0; i < mask.size(); ++i) {
-      removed += afterObjectStroke[i] == 0 && mask[i] != 0;
-      added += afterObjectStroke[i] != 0 && mask[i] == 0;
-    }
-    EXPECT_EQ(added, 0);
-    EXPECT_GT(removed, side * side / 2);
+    EXPECT_EQ(changes(afterObjectStroke, true), 0);
+    EXPECT_GT(changes(afterObjectStroke, false), side * side / 2);
     EXPECT_GT(iou(mask, disc), 0.93);
     EXPECT_EQ(VELDSEManageUndoRedo::m_current, 3);
 
@@ -309,9 +263,7 @@ TEST_F(Edits, OutlineArrayLayoutAndOneTimeDelivery) {
 
   // Preview: exactly the full-intensity pixels of the anti-aliased outline.
   cv::Mat outline = cv::Mat::zeros(kH, kW, CV_8U);
-  std::vector<std::vector<cv::Point>> all;
-  cv::findContours(shapes.clone(), all, cv::RETR_LIST, cv::CHAIN_APPROX_SIMPLE);
-  cv::drawContours(outline, all, -1, cv::Scalar(255), 2, cv::LINE_AA);
+  cv::drawContours(outline, ref, -1, cv::Scalar(255), 2, cv::LINE_AA);
   int painted = 0, fringe = 0;
   for (int i = 0; i < kW * kH; ++i) {
     const bool solid = outline.data[i] == 255;
@@ -321,9 +273,24 @@ TEST_F(Edits, OutlineArrayLayoutAndOneTimeDelivery) {
   }
   EXPECT_GT(painted, 50);
   EXPECT_GT(fringe, 0) << "the reference has a fringe that must stay unpainted";
+
+  // A result without object while an outline is still undelivered: the
+  // preview stays as it was, and the outline array is the single 0.
+  edit(cv::Mat::zeros(kH, kW, CV_8U), nullptr, nullptr);
+  record(cv::Mat::zeros(kH, kW, CV_8U));
+  blended.assign(kW * kH, 5u);
+  edit(cv::Mat::zeros(kH, kW, CV_8U), &blended, &mask);
+  EXPECT_EQ(mask, Bytes(kW * kH, 255));
+  EXPECT_EQ(blended, Pixels(kW * kH, 5u));
+  EXPECT_EQ(fetch_path_array(&array, &count), 0);
+  EXPECT_EQ(std::vector<int>(array, array + count), std::vector<int>{0});
+  delete[] array;
 }
 
-TEST_F(Edits, HistoryThroughExportedFunctions) {
+// The history steps, then, after a cancel and an exit, an undo, a redo and an
+// edit: each delivers its mask, then tears the context down, clears the exit
+// status and still returns 0 (a new context with A and B is then opened).
+TEST_F(Edits, HistoryThroughExportedFunctionsAndTheirTeardown) {
   cv::Mat a = cv::Mat::zeros(kH, kW, CV_8U), b = a.clone();
   a(cv::Rect(5, 5, 10, 10)).setTo(255);
   b(cv::Rect(30, 20, 12, 12)).setTo(255);
@@ -342,6 +309,7 @@ TEST_F(Edits, HistoryThroughExportedFunctions) {
     int (*call)(unsigned int*, unsigned char*);
     const cv::Mat* expected;  // null: the plain photo, mask untouched
     int canUndo, canRedo;
+    bool exit = false;
   } steps[] = {
       {"undo to A", undo, &a, 0, 1},
       {"undo to the photo", undo, nullptr, 0, 1},
@@ -349,12 +317,22 @@ TEST_F(Edits, HistoryThroughExportedFunctions) {
       {"redo to A", redo, &a, 0, 1},
       {"redo to B", redo, &b, 1, 0},
       {"redo at the top", redo, &b, 1, 0},
+      {"undo, then teardown", undo, &a, 1, 0, true},
+      {"redo at the top, then teardown", redo, &b, 1, 0, true},
+      {"edit without marks, then teardown",
+       [](unsigned int* p, unsigned char* m) {
+         std::vector<int> none(kW * kH, 0);
+         setMarkerImage(kW, kH, none.data(), 2);
+         return cutOutImage(0, 0, 0, p, m);
+       },
+       &b, 1, 0, true},
   };
   for (const Step& s : steps) {
     SCOPED_TRACE(s.name);
     std::fill(mask.begin(), mask.end(), 77);
     std::fill(blended.begin(), blended.end(), 0u);
     g_exitStatus = 1;  // without a cancel this arms nothing and is cleared
+    if (s.exit) { cancelSegmentation(); exitSegmentation(); }
     EXPECT_EQ(s.call(blended.data(), mask.data()), 0);
     EXPECT_EQ(g_exitStatus.load(), 0);
     if (s.expected == nullptr) {
@@ -365,6 +343,13 @@ TEST_F(Edits, HistoryThroughExportedFunctions) {
     } else {
       EXPECT_EQ(cv::countNonZero(fromBuffer(mask) != *s.expected), 0);
       EXPECT_GT(std::count(blended.begin(), blended.end(), 0xFFFFFF00u), 20);
+    }
+    if (s.exit) {
+      expectTornDown();
+      VELDSEMarker::m_exitApp = false;
+      SetUp();
+      record(a);
+      record(b);
     }
     EXPECT_EQ(canUndo(), s.canUndo);
     EXPECT_EQ(canRedo(), s.canRedo);
@@ -387,22 +372,20 @@ class ExitProtocol : public Requests {
     blended.assign(scene.argb.size(), 0u);
     mask.assign(scene.argb.size(), 77);
   }
-  void expectTornDown() {
-    EXPECT_EQ(pHybrid, nullptr);
-    EXPECT_EQ(VELDSEMarker::m_originalImage, nullptr);
-    EXPECT_EQ(VELDSEMarker::m_srcImage, nullptr);
-    EXPECT_EQ(VELDSEManageUndoRedo::m_bitPlane, nullptr);
-    EXPECT_EQ(g_markerImage, nullptr);
-    EXPECT_EQ(g_resultMask, nullptr);
-  }
   Scene scene{0, 0, {}, {}};
   std::vector<int> markers;
   Pixels blended;
   Bytes mask;
 };
 
-TEST_F(ExitProtocol, FlagsSetBeforehand) {
-  start(320, 240);
+// A cancel and an exit before processSegment: the first cut is abandoned, the
+// caller gets the plain photo and -1, the context is torn down and the exit
+// status is left for the bridge. Since edits and history steps return 0 after
+// such a teardown, a bridge may send its next request into no context at all:
+// requests without a context (and an engine start without a photo) are
+// refused: logged, -1, the caller's buffers and the library's state untouched.
+TEST_F(ExitProtocol, TeardownByProcessSegmentAndRequestsAfterItAreRefused) {
+  start(240, 180);
   Pixels plain(scene.argb.size());
   copySourceImage(plain.data());
   cancelSegmentation();
@@ -412,20 +395,7 @@ TEST_F(ExitProtocol, FlagsSetBeforehand) {
   EXPECT_EQ(g_exitStatus.load(), 1) << "left for the bridge to see";
   EXPECT_EQ(blended, plain) << "abandoned cut: the plain photo";
   EXPECT_EQ(mask, Bytes(mask.size(), 77));
-}
-
-// After a cancel-and-exit, cutOutImage, undo and redo tear the context down
-// yet return 0, so a bridge may send its next request into no context at all.
-// Requests without a context (and an engine start without a photo) are
-// refused: logged, -1, the caller's buffers and the library's state untouched.
-TEST_F(ExitProtocol, RequestsAfterATeardownAreRefused) {
-  start(240, 180);
-  ASSERT_EQ(processSegment(0, 0, 0, blended.data(), mask.data()), 0);
-  cancelSegmentation();
-  ASSERT_EQ(exitSegmentation(), 1);
-  setMarkerImage(240, 180, markers.data(), 0);
-  ASSERT_EQ(cutOutImage(0, 0, 0, nullptr, nullptr), 0);
-  expectTornDown();
+  VELDSEMarker::m_exitApp = false, g_exitStatus = 0;
 
   struct Call {
     const char* name;

@@ -34,7 +34,6 @@ TEST(Timer, RunningTimerGrowsAndStoppedTimerFreezes) {
   sleepMs(2);
   EXPECT_EQ(get_elapsed_time_in_millisec(t), frozen);
   EXPECT_DOUBLE_EQ(get_elapsed_time_in_sec(t), frozen * 0.001);
-  EXPECT_EQ(t->stopMicros - t->startMicros, get_elapsed_time_in_microsec(t));
   destroy_timer(t);
 }
 
@@ -46,15 +45,6 @@ TEST(Timer, StartTimeInThePastShowsInTheQueries) {
   EXPECT_GT(get_elapsed_time_in_millisec(t), 10000.0);
   EXPECT_LT(get_elapsed_time_in_millisec(t), 12000.0);
   destroy_timer(t);
-}
-
-TEST(Timer, GlobalTimerIsCreatedAndReleasedByItsPair) {
-  init_timer();
-  ASSERT_NE(g_timer, nullptr);
-  EXPECT_EQ(g_timer->stopped, 0);
-  exit_timer();
-  EXPECT_NE(g_timer, nullptr) << "exit_timer leaves the handle as it was";
-  g_timer = nullptr;
 }
 
 TEST(Timer, ScopedTimerLogsOneLine) {

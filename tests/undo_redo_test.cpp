@@ -103,6 +103,14 @@ TEST_F(UndoRedo, RingDropsTheOldestAfter32And33Recordings) {
   record(32);
   EXPECT_EQ(H::m_current, 1);
   EXPECT_EQ(H::m_bottom, 2);
+  // The raw layout the bridge reads: column pointers, one word per pixel
+  // (m_bitPlane[x][y]), bit k for slot k. Slot 0 now holds recording 32, slot
+  // k the recording k; recording i is the pixel i mod 15, row-major.
+  for (int x = 0; x < kW; ++x)
+    for (int y = 0; y < kH; ++y)
+      for (int k = 0; k < 32; ++k)
+        EXPECT_EQ(H::m_bitPlane[x][y] >> k & 1u, y * kW + x == (k == 0 ? 32 : k) % (kW * kH) ? 1u : 0u)
+            << "pixel " << x << "," << y << " slot " << k;
   // 31 steps lead back to the plain photo, newest first.
   int steps = 0;
   int expected = 31;
@@ -131,7 +139,7 @@ TEST_F(UndoRedo, EmptyHistory) {
   cvReleaseImage(&m);
 }
 
-TEST_F(UndoRedo, GetMaskBoundsAndSetMask) {
+TEST_F(UndoRedo, GetMaskBoundsSetMaskAndEmptyPhotoLog) {
   using H = VELDSEManageUndoRedo;
   EXPECT_EQ(H::getMask(-1), nullptr);
   record(4);
@@ -146,6 +154,14 @@ TEST_F(UndoRedo, GetMaskBoundsAndSetMask) {
   EXPECT_EQ(identify(H::getMask(5)), 6);
   EXPECT_EQ(identify(H::getMask(0)), 4) << "other slots keep their bits";
   EXPECT_EQ(H::m_current, 1) << "setMask moves no index";
+
+  VELDSEMarker::m_originalWidth = 0;  // an empty photo is logged
+  hostlog::startCapture();
+  m = H::getMask(0);
+  auto log = hostlog::stopCapture();
+  if (m != nullptr) cvReleaseImage(&m);
+  ASSERT_EQ(log.size(), 1u);
+  EXPECT_EQ(log[0].text, "MEMORY_CRASH : getMask 92");
 }
 
 TEST_F(UndoRedo, ResetEmptiesButKeepsPlanesAndDeallocateClears) {
@@ -161,17 +177,6 @@ TEST_F(UndoRedo, ResetEmptiesButKeepsPlanesAndDeallocateClears) {
   EXPECT_EQ(H::width, 0);
   EXPECT_EQ(H::m_maxSize, 32);
   H::deallocate();  // twice is harmless
-}
-
-TEST_F(UndoRedo, GetMaskLogsForAnEmptyPhoto) {
-  VELDSEMarker::m_originalWidth = 0;
-  hostlog::startCapture();
-  IplImage* m = VELDSEManageUndoRedo::getMask(0);
-  auto log = hostlog::stopCapture();
-  if (m != nullptr) cvReleaseImage(&m);
-  ASSERT_EQ(log.size(), 1u);
-  EXPECT_EQ(log[0].text, "MEMORY_CRASH : getMask 92");
-  VELDSEMarker::m_originalWidth = kW;
 }
 
 }  // namespace
