@@ -1,6 +1,11 @@
 #include "graph/band_graph.h"
 
+#include <algorithm>
+#include <atomic>
 #include <cstring>
+#include <new>
+#include <thread>
+#include <vector>
 
 #include "graph/solver_core.h"
 
@@ -73,9 +78,125 @@ int bandNeighbour(const VELDSEGraph* g, int i, int k) {
   return (t.mask(i) >> k) & 1u ? t.neighbour(i, k) : -1;
 }
 
+namespace {
+
+// Connected pieces of the band (8-connected through present neighbours): the
+// solver never carries anything from one to another.
+struct Pieces {
+  std::vector<int> start;  // piece p holds order[start[p] .. start[p + 1])
+  std::vector<int> order;  // nodes grouped by piece, in index order within each
+};
+
+Pieces findPieces(const VELDSEGraph* g, const graphcore::BandTopology& t) {
+  const int n = g->m_nodeCount;
+  std::vector<int> root(n);
+  for (int i = 0; i < n; ++i) root[i] = i;
+  auto find = [&root](int x) {
+    while (root[x] != x) x = root[x] = root[root[x]];
+    return x;
+  };
+  for (int i = 0; i < n; ++i) {
+    for (int k = 0; k < 4; ++k) {
+      if (((t.mask(i) >> k) & 1u) == 0) continue;
+      const int a = find(i), b = find(t.neighbour(i, k));
+      if (a != b) root[std::max(a, b)] = std::min(a, b);
+    }
+  }
+  // Pieces numbered by their first node; then a counting sort keeps index
+  // order within each piece.
+  std::vector<int> piece(n), count;
+  for (int i = 0; i < n; ++i) {
+    const int r = find(i);
+    if (r == i) {
+      piece[i] = static_cast<int>(count.size());
+      count.push_back(0);
+    } else {
+      piece[i] = piece[r];
+    }
+    ++count[piece[i]];
+  }
+  Pieces p;
+  p.start.assign(count.size() + 1, 0);
+  for (size_t q = 0; q < count.size(); ++q) p.start[q + 1] = p.start[q] + count[q];
+  p.order.resize(n);
+  std::vector<int> next(p.start.begin(), p.start.end() - 1);
+  for (int i = 0; i < n; ++i) p.order[next[piece[i]]++] = i;
+  return p;
+}
+
+// One piece solved on its own: the trees are initialised from its nodes in
+// index order, into queues of its own (a view of the graph), and the serial
+// solver runs. Within a piece this is the very sequence of operations the
+// whole band's run applies to it - its nodes enter the shared queue in the
+// same relative order and no operation on another piece reads or writes its
+// nodes - so the result is the same. Returns the flow pushed.
+float solvePiece(VELDSEGraph* g, const graphcore::BandTopology& t, const int* nodesOf, int count) {
+  alignas(VELDSEGraph) unsigned char storage[sizeof(VELDSEGraph)];
+  // A view shares the arrays and owns nothing: never destroyed.
+  VELDSEGraph* view = new (storage) VELDSEGraph(g, 0, 0, 0, 0);
+  view->m_flow = 0.0f;
+  nodes* const base = g->m_nodes;
+  for (int c = 0; c < count; ++c) {
+    const int i = nodesOf[c];
+    nodes* const n = base + i;
+    if (n->trCap > 0.0f) {
+      n->parent = VELDSEGraph::TERMINAL;
+      n->tree = VELDSEGraph::SOURCE_TREE;
+      graphcore::pushActive(view, n);
+    } else if (n->trCap < 0.0f) {
+      n->parent = VELDSEGraph::TERMINAL;
+      n->tree = VELDSEGraph::SINK_TREE;
+      graphcore::pushActive(view, n);
+    } else {
+      n->parent = VELDSEGraph::NONE;
+      n->tree = VELDSEGraph::FREE_TREE;
+    }
+    t.state[i].parent = n->parent;
+    t.trees[i] = static_cast<unsigned char>(n->tree);
+  }
+  return graphcore::serialLoop(view, t);
+}
+
+// Pieces are worth their own thread only when the work is large and does not
+// sit almost all in one piece.
+constexpr int kParallelNodes = 100000;
+constexpr int kParallelShare = 10;  // percent of the nodes outside the largest piece
+
+}  // namespace
+
 float bandMaxFlow(VELDSEGraph* g) {
-  g->maxflowInit();
   const graphcore::BandTopology t = topology(g);
+  const unsigned cores = std::min(4u, std::thread::hardware_concurrency());
+  if (cores > 1 && g->m_nodeCount >= kParallelNodes) {
+    const Pieces p = findPieces(g, t);
+    const int pieces = static_cast<int>(p.start.size()) - 1;
+    std::vector<int> bySize(pieces);
+    for (int q = 0; q < pieces; ++q) bySize[q] = q;
+    auto size = [&p](int q) { return p.start[q + 1] - p.start[q]; };
+    std::stable_sort(bySize.begin(), bySize.end(), [&](int a, int b) { return size(a) > size(b); });
+    if (pieces > 1 && 100L * (g->m_nodeCount - size(bySize[0])) >= kParallelShare * static_cast<long>(g->m_nodeCount)) {
+      // Largest pieces first; each worker takes the next piece left.
+      std::atomic<int> next(0);
+      std::vector<float> flows(pieces, 0.0f);
+      auto work = [&]() {
+        for (int k = next.fetch_add(1); k < pieces; k = next.fetch_add(1)) {
+          const int q = bySize[k];
+          flows[q] = solvePiece(g, t, p.order.data() + p.start[q], size(q));
+        }
+      };
+      std::vector<std::thread> workers;
+      try {
+        for (unsigned w = 1; w < std::min<unsigned>(cores, pieces); ++w) workers.emplace_back(work);
+      } catch (const std::system_error&) {
+        // No thread to be had: the remaining pieces run here.
+      }
+      work();
+      for (std::thread& w : workers) w.join();
+      for (int q = 0; q < pieces; ++q) g->m_flow += flows[q];
+      return g->m_flow;
+    }
+  }
+  g->maxflowInit();
   for (int i = 0; i < g->m_nodeCount; ++i) {
     t.state[i].parent = g->m_nodes[i].parent;
     t.trees[i] = static_cast<unsigned char>(g->m_nodes[i].tree);

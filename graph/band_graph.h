@@ -55,7 +55,13 @@ void setBandNeighbours(VELDSEGraph* g, int i, int left, int upLeft, int up, int 
 int bandNeighbour(const VELDSEGraph* g, int i, int k);
 
 // maxFlow() of a band graph: tree initialisation in node order, then the
-// serial two-tree solver with the same cancel and time-limit checks.
+// serial two-tree solver with the same cancel and time-limit checks. A large
+// band made of several separate pieces (an object and the holes in it, say)
+// has its pieces solved side by side on up to four threads: no augmenting
+// path, growth or adoption ever crosses from one piece to another, and each
+// piece sees exactly the operations it sees in one serial run, so the trees
+// and capacities come out the same (only the order in which the pieces' flows
+// are added to m_flow differs).
 float bandMaxFlow(VELDSEGraph* g);
 
 #endif

@@ -10,6 +10,7 @@
 
 #include <climits>
 #include <cstdint>
+#include <mutex>
 
 #include "graph/veldse_graph.h"
 #include "interface/veldse_marker.h"
@@ -116,6 +117,10 @@ inline bool stopAfterVisit() {
         static_cast<double>(t->start.tv_sec) * 1e6 + static_cast<double>(t->start.tv_usec);
     const double nowMicros = static_cast<double>(now.tv_sec) * 1e6 + static_cast<double>(now.tv_usec);
     if ((nowMicros - startMicros) * 0.001 > VELDSEGraph::TIME_LIMIT_MS) {
+      // Solvers on other threads (block views, band pieces) may pass the
+      // limit at the same moment: the timer is stopped by one at a time.
+      static std::mutex stopping;
+      const std::lock_guard<std::mutex> lock(stopping);
       stop_cpu_timer(t);
       VELDSEMarker::m_exitApp.store(true, std::memory_order_relaxed);
       return true;

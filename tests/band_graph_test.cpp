@@ -4,7 +4,8 @@
 // bit - since the full-resolution re-cut relies on it to leave its masks
 // unchanged. Checked on random grids with random fixed pixels, and on a few
 // shapes where the band's neighbour table matters (diagonal-only contact, a
-// band wrapping round a fixed hole, a single row and column).
+// band wrapping round a fixed hole, a single row and column), and on large
+// bands in separate pieces, which are solved side by side.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -135,6 +136,19 @@ TEST(BandGraph, ShapesSolveAsTheFullGrid) {
       expectSameSolve(isolate(randomGrid(&rng, s.w, s.h), fixed), fixed);
       if (HasFatalFailure()) return;
     }
+  }
+}
+
+// Large enough for its separate pieces to be solved on threads of their own.
+TEST(BandGraph, LargeBandInPiecesSolvesAsTheFullGrid) {
+  std::mt19937 rng(11);
+  for (int fixedEvery : {120, 7}) {
+    SCOPED_TRACE("fixed column every " + std::to_string(fixedEvery));
+    const int w = 600, h = 400;
+    const GridCase base = randomGrid(&rng, w, h);
+    std::vector<bool> fixed(w * h);
+    for (int p = 0; p < w * h; ++p) fixed[p] = (p % w) % fixedEvery == fixedEvery - 1 || rng() % 20 == 0;
+    expectSameSolve(isolate(base, fixed), fixed);
   }
 }
 
