@@ -8,9 +8,14 @@
 
 #include <sys/time.h>
 
+#include <atomic>
+#include <chrono>
 #include <climits>
+#include <condition_variable>
 #include <cstdint>
 #include <mutex>
+#include <system_error>
+#include <thread>
 
 #include "graph/veldse_graph.h"
 #include "interface/veldse_marker.h"
@@ -129,6 +134,66 @@ inline bool stopAfterVisit() {
   return exitRequested();
 }
 
+
+// The time limit is checked after every node visit, but reading the clock
+// there costs more than many a visit. A watcher thread sleeps until shortly
+// before the limit and then raises `due`; from then on every visit reads the
+// clock exactly as stopAfterVisit does, so a run still stops at the first
+// visit after the limit. Without a timer there is no limit to watch; when the
+// limit has passed already, or no thread can be had, the clock is read on
+// every visit from the start.
+class LimitWatch {
+ public:
+  LimitWatch() {
+    const CpuTimer* t = g_cancelTimer;
+    if (t == nullptr) return;
+    struct timeval now;
+    gettimeofday(&now, nullptr);
+    const double elapsedMs = (static_cast<double>(now.tv_sec - t->start.tv_sec) * 1e6 +
+                              static_cast<double>(now.tv_usec - t->start.tv_usec)) * 0.001;
+    const double untilDue = VELDSEGraph::TIME_LIMIT_MS - elapsedMs - kEarlyMs;
+    if (untilDue <= 0.0) {
+      due_.store(true, std::memory_order_relaxed);
+      return;
+    }
+    try {
+      watcher_ = std::thread([this, untilDue] {
+        std::unique_lock<std::mutex> lock(mutex_);
+        const auto wait = std::chrono::microseconds(static_cast<long long>(untilDue * 1000.0));
+        if (!wake_.wait_for(lock, wait, [this] { return finished_; })) {
+          due_.store(true, std::memory_order_relaxed);
+        }
+      });
+    } catch (const std::system_error&) {
+      due_.store(true, std::memory_order_relaxed);
+    }
+  }
+  ~LimitWatch() {
+    if (!watcher_.joinable()) return;
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      finished_ = true;
+    }
+    wake_.notify_one();
+    watcher_.join();
+  }
+  LimitWatch(const LimitWatch&) = delete;
+  LimitWatch& operator=(const LimitWatch&) = delete;
+
+  // The check after a node visit.
+  bool stop() const { return due_.load(std::memory_order_relaxed) ? stopAfterVisit() : exitRequested(); }
+
+ private:
+  // How long before the limit the clock is read on every visit again: far
+  // more than the watcher's wake-up delay.
+  static constexpr double kEarlyMs = 20.0;
+
+  std::atomic<bool> due_{false};
+  std::thread watcher_;
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  bool finished_ = false;
+};
 
 // The FIFO queues of VELDSEGraph (same rules as its members, which call
 // these), here so that the solver loops inline them.
@@ -416,6 +481,7 @@ float serialLoop(VELDSEGraph* g, const Topology& topo) {
   if (exitRequested()) return g->m_flow;
   nodes* const base = g->m_nodes;
   float* const caps = g->m_caps;
+  const LimitWatch limit;
 
   for (;;) {
     // Pop the head of the active queue.
@@ -467,7 +533,7 @@ float serialLoop(VELDSEGraph* g, const Topology& topo) {
         }
       }
       if (middle < 0) {
-        if (stopAfterVisit()) return g->m_flow;
+        if (limit.stop()) return g->m_flow;
         break;
       }
 
@@ -485,7 +551,7 @@ float serialLoop(VELDSEGraph* g, const Topology& topo) {
           adoptOrphan<false>(g, o, topo);
         }
       }
-      if (stopAfterVisit()) return g->m_flow;
+      if (limit.stop()) return g->m_flow;
     }
   }
 }

@@ -207,6 +207,30 @@ TEST_F(VELDSEGraphCancel, TimerOverTenSecondsStopsAfterTheFirstVisit) {
   }
 }
 
+// The limit passing while the solver runs (watched from a second thread, the
+// clock read on every visit near the limit): the run stops and raises the flag
+// itself. The grid takes seconds to solve; its timer started 20 ms short of
+// the limit.
+TEST_F(VELDSEGraphCancel, LimitPassingDuringTheRunStopsIt) {
+  std::mt19937 rng(3);
+  const int w = 1000, h = 1000;
+  const GridCase gc = randomGrid(&rng, w, h);
+  VELDSEGraph g(w * h, 8 * w * h, w, h, 0);
+  g.reset();
+  build(gc, &g);
+  g_cancelTimer = create_timer();
+  start_cpu_timer(g_cancelTimer);
+  g_cancelTimer->start.tv_usec -= 20000;
+  g_cancelTimer->start.tv_sec -= 9;
+  g.maxFlow();
+  EXPECT_TRUE(VELDSEMarker::m_exitApp.load());
+  ASSERT_EQ(g_cancelTimer->stopped, 1);
+  // Stopped at the first visit after the limit, not before it.
+  EXPECT_GT(get_elapsed_time_in_millisec(g_cancelTimer), VELDSEGraph::TIME_LIMIT_MS);
+  // Some node was left on the queue: the run did not finish.
+  EXPECT_NE(g.m_activeHead, nullptr);
+}
+
 TEST(VELDSEGraphCrossCheck, RandomGridsMatchDinicAlsoAfterReset) {
   std::mt19937 rng(20240611u);
   for (int t = 0; t < 1200; ++t) {
