@@ -167,17 +167,26 @@ constexpr int kParallelShare = 10;  // percent of the nodes outside the largest 
 float bandMaxFlow(VELDSEGraph* g) {
   const graphcore::BandTopology t = topology(g);
   const unsigned cores = std::min(4u, std::thread::hardware_concurrency());
+  Pieces p;
+  std::vector<int> bySize;
+  std::vector<float> flows;
   if (cores > 1 && g->m_nodeCount >= kParallelNodes) {
-    const Pieces p = findPieces(g, t);
+    try {
+      p = findPieces(g, t);
+      bySize.resize(p.start.size() - 1);
+      flows.assign(p.start.size() - 1, 0.0f);
+    } catch (const std::bad_alloc&) {
+      p = Pieces();  // no room to sort the pieces: one serial run instead
+    }
+  }
+  if (p.start.size() > 2) {
     const int pieces = static_cast<int>(p.start.size()) - 1;
-    std::vector<int> bySize(pieces);
     for (int q = 0; q < pieces; ++q) bySize[q] = q;
     auto size = [&p](int q) { return p.start[q + 1] - p.start[q]; };
     std::stable_sort(bySize.begin(), bySize.end(), [&](int a, int b) { return size(a) > size(b); });
-    if (pieces > 1 && 100L * (g->m_nodeCount - size(bySize[0])) >= kParallelShare * static_cast<long>(g->m_nodeCount)) {
+    if (100L * (g->m_nodeCount - size(bySize[0])) >= kParallelShare * static_cast<long>(g->m_nodeCount)) {
       // Largest pieces first; each worker takes the next piece left.
       std::atomic<int> next(0);
-      std::vector<float> flows(pieces, 0.0f);
       auto work = [&]() {
         for (int k = next.fetch_add(1); k < pieces; k = next.fetch_add(1)) {
           const int q = bySize[k];
@@ -186,8 +195,9 @@ float bandMaxFlow(VELDSEGraph* g) {
       };
       std::vector<std::thread> workers;
       try {
+        workers.reserve(cores);
         for (unsigned w = 1; w < std::min<unsigned>(cores, pieces); ++w) workers.emplace_back(work);
-      } catch (const std::system_error&) {
+      } catch (const std::exception&) {
         // No thread to be had: the remaining pieces run here.
       }
       work();
