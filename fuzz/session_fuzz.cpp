@@ -260,8 +260,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         break;
       }
       case 8:
+        // Clears the cancel flag with the marks; an armed exit status stays
+        // until a request consumes it.
         CHECK(resetSegmentationInterface() == 0, step);
-        model.cancelled = model.exitArmed = false;
+        model.cancelled = false;
         break;
       case 9:
         checkOutline(photo, step);
