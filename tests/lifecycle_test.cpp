@@ -31,8 +31,9 @@ class Lifecycle : public ::testing::Test {
   }
 };
 
-TEST_F(Lifecycle, InitCreatesTheEngineWithFreshFlags) {
-  g_imageResizeFactor = 3.0f;  // left from an earlier context
+// Start with flags left from an earlier context, reset, then tear down twice.
+TEST_F(Lifecycle, InitResetAndDeinit) {
+  g_imageResizeFactor = 3.0f;
   VELDSEMarker::m_exitApp = true;
   VELDSEMarker::m_noiseLevel = 10.0;
   IplImage* label = filled(4);  // the handle is dropped, the image not released
@@ -43,67 +44,43 @@ TEST_F(Lifecycle, InitCreatesTheEngineWithFreshFlags) {
   cvReleaseImage(&label);
   ASSERT_NE(pHybrid, nullptr);
   EXPECT_EQ(g_imageResizeFactor, 1.0f) << "a small photo is not reduced by an old factor";
-  EXPECT_EQ(VELDSEMarker::m_width, 64);
-  EXPECT_NE(pHybrid->m_nlinks, nullptr);
   EXPECT_TRUE(VELDSEMarker::m_isGreyScale);
-  EXPECT_NE(VELDSEMarker::m_texHor, nullptr);
   EXPECT_FALSE(VELDSEMarker::m_exitApp);
   EXPECT_EQ(VELDSEMarker::m_noiseLevel, 0.1);
-}
 
-TEST_F(Lifecycle, DeinitTearsEverythingDownAndTwiceIsHarmless) {
-  initSegmentationEngine(0);
-  storage = cvCreateMemStorage(0);
-  VELDSEMarker::currentStroke.points = {1, 2, 3, 4};
-  for (int round = 0; round < 2; ++round) {
-    SCOPED_TRACE(round);
-    EXPECT_EQ(deinitSegmentation(), 0);
-    EXPECT_EQ(pHybrid, nullptr);
-    EXPECT_EQ(storage, nullptr);
-    EXPECT_EQ(VELDSEMarker::m_originalImage, nullptr);
-    EXPECT_EQ(VELDSEMarker::m_srcImage, nullptr);
-    EXPECT_EQ(VELDSEMarker::m_texVer, nullptr);
-    EXPECT_TRUE(VELDSEMarker::currentStroke.points.empty());
-    EXPECT_EQ(VELDSEManageUndoRedo::m_bitPlane, nullptr);
-  }
-}
-
-TEST_F(Lifecycle, ResetForgetsMarksAndHistoryButKeepsPhotoAndEngine) {
-  initSegmentationEngine(0);
+  // Reset forgets marks and history but keeps photo, engine and working box.
   const IplImage* photo = VELDSEMarker::m_originalImage;
-  const IplImage* work = VELDSEMarker::m_srcImage;
-  const IplImage* texture = VELDSEMarker::m_texHor;
   const VELDSEHybrid* engine = pHybrid;
   IplImage* mask = filled(255);
   VELDSEManageUndoRedo::updateBitPlane(mask);
   VELDSEManageUndoRedo::updateBitPlane(mask);
   cvReleaseImage(&mask);
-  ASSERT_TRUE(VELDSEManageUndoRedo::canUndo());
   VELDSEMarker::m_labelImage = filled(1);
-  VELDSEMarker::m_prevResult = filled(0);
   VELDSEMarker::currentStroke = {{5, 6, 7, 8}, 3};
   storage = cvCreateMemStorage(0);
   VELDSEMarker::m_exitApp = VELDSEMarker::m_isHomogenous = true;
   VELDSEMarker::m_noiseLevel = 10.0;
   VELDSEMarker::m_xMinBBox = 3;
-
   EXPECT_EQ(resetSegmentationInterface(), 0);
-  EXPECT_EQ(VELDSEMarker::m_originalImage, photo);
-  EXPECT_EQ(VELDSEMarker::m_srcImage, work);
-  EXPECT_EQ(VELDSEMarker::m_texHor, texture);
-  EXPECT_EQ(pHybrid, engine);
-  EXPECT_EQ(VELDSEMarker::m_labelImage, nullptr);
-  EXPECT_EQ(VELDSEMarker::m_prevResult, nullptr);
+  EXPECT_TRUE(VELDSEMarker::m_originalImage == photo && pHybrid == engine);
+  EXPECT_TRUE(VELDSEMarker::m_labelImage == nullptr && storage == nullptr);
   EXPECT_TRUE(VELDSEMarker::currentStroke.points.empty());
   EXPECT_EQ(VELDSEMarker::currentStroke.strokeType, 3);
-  EXPECT_EQ(storage, nullptr);
-  EXPECT_FALSE(VELDSEMarker::m_exitApp);
-  EXPECT_FALSE(VELDSEMarker::m_isHomogenous);
+  EXPECT_FALSE(VELDSEMarker::m_exitApp || VELDSEMarker::m_isHomogenous);
   EXPECT_EQ(VELDSEMarker::m_noiseLevel, 0.1);
-  EXPECT_EQ(VELDSEMarker::m_xMinBBox, 3) << "the working box stays";
+  EXPECT_EQ(VELDSEMarker::m_xMinBBox, 3);
   VELDSEMarker::m_xMinBBox = 0;
-  EXPECT_FALSE(VELDSEManageUndoRedo::canUndo());
   EXPECT_EQ(VELDSEManageUndoRedo::prevMask(), nullptr);
+
+  storage = cvCreateMemStorage(0);
+  VELDSEMarker::currentStroke.points = {1, 2, 3, 4};
+  for (int round = 0; round < 2; ++round) {
+    SCOPED_TRACE(round);
+    EXPECT_EQ(deinitSegmentation(), 0);
+    EXPECT_TRUE(pHybrid == nullptr && storage == nullptr && VELDSEManageUndoRedo::m_bitPlane == nullptr);
+    EXPECT_TRUE(VELDSEMarker::m_originalImage == nullptr && VELDSEMarker::m_texVer == nullptr);
+    EXPECT_TRUE(VELDSEMarker::currentStroke.points.empty());
+  }
 }
 
 TEST_F(Lifecycle, ExitIsArmedOnlyAfterACancel) {
@@ -117,17 +94,6 @@ TEST_F(Lifecycle, ExitIsArmedOnlyAfterACancel) {
     }
     EXPECT_EQ(exitSegmentation(), cancelFirst ? 1 : 0);
     EXPECT_EQ(g_exitStatus, cancelFirst ? 1 : 0);
-  }
-}
-
-TEST_F(Lifecycle, FreeLocalBuffersReleasesWhatExists) {
-  for (int present = 0; present < 4; ++present) {
-    SCOPED_TRACE(present);
-    if (present & 1) g_markerImage = filled(2);
-    if (present & 2) g_resultMask = filled(255);
-    freeLocalBuffers();
-    EXPECT_EQ(g_markerImage, nullptr);
-    EXPECT_EQ(g_resultMask, nullptr);
   }
 }
 

@@ -1,4 +1,4 @@
-// Requests through the exported functions: rectangle, loop and stroke cuts on
+// Requests through the exported functions: rectangle and stroke cuts on
 // synthetic scenes (plain path and full-resolution re-cut), the result
 // formats, stroke edits without a cut, the history, and the exit protocol.
 #include <gtest/gtest.h>
@@ -6,7 +6,6 @@
 #include "tests/log_capture.h"
 
 #include <algorithm>
-#include <cmath>
 #include <random>
 #include <vector>
 
@@ -27,20 +26,14 @@ using synthetic::makeScene;
 using synthetic::Pixels;
 using synthetic::Scene;
 
-void startContext(Scene& s) {
-  setSourceImage(s.w, s.h, s.argb.data());
-  initSegmentationEngine(0);
-}
-
 // A stroke request: points as given, marker codes painted along the polyline.
 int strokeRequest(const Scene& s, std::vector<int> points, int code, int strokeType,
                   Pixels& blended, Bytes& mask) {
   std::vector<int> markers(static_cast<size_t>(s.w) * s.h, 0);
   cv::Mat view(s.h, s.w, CV_32S, markers.data());
-  for (size_t i = 2; i + 1 < points.size(); i += 2) {
+  for (size_t i = 2; i + 1 < points.size(); i += 2)
     cv::line(view, cv::Point(points[i - 2], points[i - 1]), cv::Point(points[i], points[i + 1]),
              cv::Scalar(code), s.w / 60 + 2);
-  }
   setCurrentMarkerVector(static_cast<int>(points.size()), points.data());
   setMarkerImage(s.w, s.h, markers.data(), strokeType);
   blended = s.argb;
@@ -55,85 +48,45 @@ class Requests : public ::testing::Test {
     g_exitStatus = 0;
   }
   static void expectTornDown() {
-    EXPECT_EQ(pHybrid, nullptr);
-    EXPECT_EQ(VELDSEMarker::m_originalImage, nullptr);
-    EXPECT_EQ(VELDSEMarker::m_srcImage, nullptr);
-    EXPECT_EQ(VELDSEManageUndoRedo::m_bitPlane, nullptr);
-    EXPECT_EQ(g_markerImage, nullptr);
-    EXPECT_EQ(g_resultMask, nullptr);
+    EXPECT_TRUE(pHybrid == nullptr && VELDSEMarker::m_originalImage == nullptr &&
+                VELDSEMarker::m_srcImage == nullptr && VELDSEManageUndoRedo::m_bitPlane == nullptr &&
+                g_markerImage == nullptr && g_resultMask == nullptr);
   }
 };
 
-TEST_F(Requests, RectangleLoopAndStrokesRecoverTheObject) {
-  struct Case {
-    int w, h;
-    bool grey;
-  } cases[] = {{240, 180, false}, {240, 180, true}, {960, 720, false}, {960, 720, true}};
+TEST_F(Requests, RectangleAndStrokesRecoverTheObject) {
+  struct Case { int w, h; bool grey; } cases[] = {{240, 180, false}, {240, 180, true}, {960, 720, false}};
   for (const Case& c : cases) {
-    // Emulated, the large photos come close to the 10 s cut limit on a busy machine.
+    // Emulated, the large photo comes close to the 10 s cut limit on a busy machine.
     if (c.w > 240 && synthetic::emulated()) continue;
     SCOPED_TRACE(::testing::Message() << c.w << "x" << c.h << (c.grey ? " grey" : " colour"));
     Scene s = makeScene(c.w, c.h, c.grey, true);
     Bytes mask(static_cast<size_t>(c.w) * c.h, 77);
-    cv::Mat disc = cv::Mat::zeros(c.h, c.w, CV_8U);
-    cv::circle(disc, cv::Point(c.w * 2 / 5, c.h / 2), c.h / 4, cv::Scalar(255), cv::FILLED);
-
-    // Rectangle round the disc only (the square stays outside).
     const int r = c.h / 4, cx = c.w * 2 / 5, cy = c.h / 2, m = c.h / 12;
+    cv::Mat disc = cv::Mat::zeros(c.h, c.w, CV_8U);
+    cv::circle(disc, cv::Point(cx, cy), r, cv::Scalar(255), cv::FILLED);
+    // Rectangle round the disc only (the square stays outside).
     ASSERT_EQ(doSegmentationBB(c.w, c.h, s.argb.data(), cx - r - m, cy - r - m, cx + r + m,
-                               cy + r + m, mask.data()),
-              0);
+                               cy + r + m, mask.data()), 0);
     EXPECT_GT(iou(mask, disc), 0.93);
-    EXPECT_NE(pHybrid, nullptr) << "the rectangle leaves a live context";
-    EXPECT_EQ(VELDSEManageUndoRedo::m_current, 1);
-
-    // Object stroke across the square: only additions.
-    const Bytes afterRect = mask;
-    Pixels blended;
-    const int sx = c.w * 3 / 4, sy = c.h / 3, side = c.w / 8;
-    ASSERT_EQ(strokeRequest(s, {sx + side / 4, sy + side / 2, sx + side * 3 / 4, sy + side / 2},
-                            LABEL_FG, 2, blended, mask),
-              0);
-    // Object pixels added and removed since `before` (the buffer's 0 is object).
+    // An object stroke across the square only adds; a background one only removes.
     auto changes = [&mask](const Bytes& before, bool additions) {
       int n = 0;
-      for (size_t i = 0; i < mask.size(); ++i) n += (additions ? before[i] != 0 && mask[i] == 0 : before[i] == 0 && mask[i] != 0);
+      for (size_t i = 0; i < mask.size(); ++i)
+        n += additions ? before[i] != 0 && mask[i] == 0 : before[i] == 0 && mask[i] != 0;
       return n;
     };
-    EXPECT_EQ(changes(afterRect, false), 0);
-    EXPECT_GT(changes(afterRect, true), side * side / 2);
-    EXPECT_GT(iou(mask, s.truth), 0.93);
-
-    // Background stroke across the square: only removals.
-    const Bytes afterObjectStroke = mask;
-    ASSERT_EQ(strokeRequest(s, {sx + side / 4, sy + side / 2, sx + side * 3 / 4, sy + side / 2},
-                            LABEL_BG, 3, blended, mask),
-              0);
-    EXPECT_EQ(changes(afterObjectStroke, true), 0);
-    EXPECT_GT(changes(afterObjectStroke, false), side * side / 2);
-    EXPECT_GT(iou(mask, disc), 0.93);
-    EXPECT_EQ(VELDSEManageUndoRedo::m_current, 3);
-
-    // A loop round the whole scene's objects on a fresh history.
-    resetSegmentationInterface();
-    std::vector<cv::Point> loop;
-    for (int k = 0; k < 16; ++k) {
-      const double a = k * CV_PI / 8;
-      loop.emplace_back(cx + static_cast<int>((r + 2 * m) * std::cos(a)),
-                        cy + static_cast<int>((r + 2 * m) * std::sin(a)));
+    Pixels blended;
+    const int sx = c.w * 3 / 4, sy = c.h / 3, side = c.w / 8;
+    const std::vector<int> across = {sx + side / 4, sy + side / 2, sx + side * 3 / 4, sy + side / 2};
+    for (int code : {LABEL_FG, LABEL_BG}) {
+      const Bytes before = mask;
+      ASSERT_EQ(strokeRequest(s, across, code, code == LABEL_FG ? 2 : 3, blended, mask), 0);
+      EXPECT_EQ(changes(before, code != LABEL_FG), 0);
+      EXPECT_GT(changes(before, code == LABEL_FG), side * side / 2);
+      EXPECT_GT(iou(mask, code == LABEL_FG ? s.truth : disc), 0.93);
     }
-    std::vector<int> points, markers(static_cast<size_t>(c.w) * c.h, 0);
-    for (const cv::Point& p : loop) { points.push_back(p.x); points.push_back(p.y); }
-    cv::Mat view(c.h, c.w, CV_32S, markers.data());
-    cv::fillPoly(view, std::vector<std::vector<cv::Point>>{loop}, cv::Scalar(LABEL_PR_FG));
-    setCurrentMarkerVector(static_cast<int>(points.size()), points.data());
-    setMarkerImage(c.w, c.h, markers.data(), 0);
-    blended = s.argb;
-    ASSERT_EQ(processSegment(0, 0, 0, blended.data(), mask.data()), 0);
-    EXPECT_GT(iou(mask, disc), 0.93);
-    int yellow = 0;
-    for (unsigned int v : blended) yellow += v == 0xFFFFFF00u;
-    EXPECT_GT(yellow, r * 4) << "the outline is painted into the preview";
+    EXPECT_EQ(VELDSEManageUndoRedo::m_current, 3);
     deinitSegmentation();
   }
 }
@@ -148,24 +101,16 @@ TEST_F(Requests, RectanglePointListAndMarkerBlock) {
   const std::vector<int> expected = {10, 20, 11, 20, 12, 20, 13, 20, 13, 21,
                                      13, 22, 12, 22, 11, 22, 10, 22, 10, 21};
   EXPECT_EQ(VELDSEMarker::currentStroke.points, expected);
-  EXPECT_EQ(VELDSEMarker::currentStroke.strokeType, 0);
-  // Inside the block the labels were undecided or probable object (now cut
-  // to 3 or 4); beyond the band (thickness 3, round ends) everything is
-  // background.
+  // Inside the block the labels are cut to 3 or 4; beyond the band
+  // (thickness 3, round ends) everything is background.
+  const cv::Mat labels = cv::cvarrToMat(VELDSEMarker::m_labelImage);
   for (int y = 0; y < 40; ++y)
     for (int x = 0; x < 40; ++x) {
-      const unsigned char code = reinterpret_cast<unsigned char*>(
-          VELDSEMarker::m_labelImage->imageData + y * VELDSEMarker::m_labelImage->widthStep)[x];
-      const int dx = x < 10 ? 10 - x : x > 13 ? x - 13 : 0;
-      const int dy = y < 20 ? 20 - y : y > 22 ? y - 22 : 0;
-      if (dx == 0 && dy == 0) {
-        EXPECT_TRUE(code == LABEL_PR_BG || code == LABEL_PR_FG) << x << "," << y;
-      } else if (dx >= 3 || dy >= 3) {
-        EXPECT_EQ(code, LABEL_BG) << x << "," << y;
-      }
-      if (dx >= 3 || dy >= 3) {
-        EXPECT_EQ(mask[y * 40 + x], 255) << x << "," << y;
-      }
+      SCOPED_TRACE(::testing::Message() << x << "," << y);
+      const int code = labels.at<unsigned char>(y, x);
+      const int dx = x < 10 ? 10 - x : x > 13 ? x - 13 : 0, dy = y < 20 ? 20 - y : y > 22 ? y - 22 : 0;
+      if (dx == 0 && dy == 0) { EXPECT_TRUE(code == LABEL_PR_BG || code == LABEL_PR_FG); }
+      if (dx >= 3 || dy >= 3) { EXPECT_TRUE(code == LABEL_BG && mask[y * 40 + x] == 255); }
     }
 }
 
@@ -189,9 +134,7 @@ class Edits : public Requests {
     cv::Mat ints;
     codes.convertTo(ints, CV_32S);
     setMarkerImage(kW, kH, ints.ptr<int>(), 2);
-    ASSERT_EQ(cutOutImage(0, 0, 0, blended ? blended->data() : nullptr,
-                          mask ? mask->data() : nullptr),
-              0);
+    ASSERT_EQ(cutOutImage(0, 0, 0, blended ? blended->data() : nullptr, mask ? mask->data() : nullptr), 0);
   }
   static cv::Mat fromBuffer(const Bytes& mask) {
     cv::Mat m(kH, kW, CV_8U);
@@ -201,30 +144,6 @@ class Edits : public Requests {
   static constexpr int kW = 64, kH = 48;
   Pixels photo;
 };
-
-TEST_F(Edits, CutOutAppliesMarkersOneAndTwoAndRecordsStep) {
-  cv::Mat previous = cv::Mat::zeros(kH, kW, CV_8U);
-  previous(cv::Rect(10, 10, 20, 20)).setTo(255);
-  record(previous);
-  cv::Mat codes = cv::Mat::zeros(kH, kW, CV_8U);
-  codes(cv::Rect(10, 10, 8, 20)).setTo(LABEL_BG);   // removes
-  codes(cv::Rect(40, 5, 6, 6)).setTo(LABEL_FG);     // adds
-  codes(cv::Rect(50, 30, 5, 5)).setTo(LABEL_PR_FG); // ignored
-  codes(cv::Rect(20, 12, 4, 4)).setTo(LABEL_PR_BG); // ignored
-  Bytes mask(kW * kH, 77);
-  edit(codes, nullptr, &mask);
-  cv::Mat expected = previous.clone();
-  expected(cv::Rect(10, 10, 8, 20)).setTo(0);
-  expected(cv::Rect(40, 5, 6, 6)).setTo(255);
-  EXPECT_EQ(cv::countNonZero(fromBuffer(mask) != expected), 0);
-  EXPECT_EQ(VELDSEManageUndoRedo::m_current, 2);
-  EXPECT_EQ(canUndo(), 1);
-  EXPECT_EQ(g_markerImage, nullptr);
-  EXPECT_EQ(g_resultMask, nullptr);
-  IplImage* latest = VELDSEManageUndoRedo::prevMask();
-  EXPECT_EQ(cv::countNonZero(cv::cvarrToMat(latest) != expected), 0);
-  cvReleaseImage(&latest);
-}
 
 TEST_F(Edits, OutlineArrayLayoutAndOneTimeDelivery) {
   cv::Mat shapes = cv::Mat::zeros(kH, kW, CV_8U);
@@ -244,9 +163,6 @@ TEST_F(Edits, OutlineArrayLayoutAndOneTimeDelivery) {
   int* array = nullptr;
   int count = 0;
   EXPECT_EQ(fetch_path_array(&array, &count), 0);
-  size_t points = 0;
-  for (const auto& c : ref) points += c.size();
-  ASSERT_EQ(count, static_cast<int>(2 * (ref.size() + points) + 1));
   std::vector<int> expected = {static_cast<int>(ref.size())};
   for (const auto& c : ref) {
     expected.push_back(static_cast<int>(c.size()));
@@ -257,22 +173,14 @@ TEST_F(Edits, OutlineArrayLayoutAndOneTimeDelivery) {
   delete[] array;
 
   EXPECT_EQ(fetch_path_array(&array, &count), 0);
-  ASSERT_EQ(count, 1);
-  EXPECT_EQ(array[0], 0) << "delivered once";
+  EXPECT_EQ(std::vector<int>(array, array + count), std::vector<int>{0}) << "delivered once";
   delete[] array;
 
   // Preview: exactly the full-intensity pixels of the anti-aliased outline.
   cv::Mat outline = cv::Mat::zeros(kH, kW, CV_8U);
   cv::drawContours(outline, ref, -1, cv::Scalar(255), 2, cv::LINE_AA);
-  int painted = 0, fringe = 0;
-  for (int i = 0; i < kW * kH; ++i) {
-    const bool solid = outline.data[i] == 255;
-    painted += solid;
-    fringe += outline.data[i] > 0 && !solid;
-    EXPECT_EQ(blended[i], solid ? 0xFFFFFF00u : photo[i]) << "pixel " << i;
-  }
-  EXPECT_GT(painted, 50);
-  EXPECT_GT(fringe, 0) << "the reference has a fringe that must stay unpainted";
+  for (int i = 0; i < kW * kH; ++i) EXPECT_EQ(blended[i], outline.data[i] == 255 ? 0xFFFFFF00u : photo[i]) << i;
+  EXPECT_GT(cv::countNonZero(outline == 255), 50);
 
   // A result without object while an outline is still undelivered: the
   // preview stays as it was, and the outline array is the single 0.
@@ -287,23 +195,29 @@ TEST_F(Edits, OutlineArrayLayoutAndOneTimeDelivery) {
   delete[] array;
 }
 
-// The history steps, then, after a cancel and an exit, an undo, a redo and an
-// edit: each delivers its mask, then tears the context down, clears the exit
-// status and still returns 0 (a new context with A and B is then opened).
-TEST_F(Edits, HistoryThroughExportedFunctionsAndTheirTeardown) {
+// An edit of A into B (codes 1 and 2 apply, 3 and 4 are ignored), the history
+// steps, then, after a cancel and an exit, an undo, a redo and an edit: each
+// delivers its mask, then tears the context down, clears the exit status and
+// still returns 0 (a new context with A and B is then opened).
+TEST_F(Edits, EditHistoryAndTheirExitTeardown) {
   cv::Mat a = cv::Mat::zeros(kH, kW, CV_8U), b = a.clone();
-  a(cv::Rect(5, 5, 10, 10)).setTo(255);
+  a(cv::Rect(5, 5, 20, 10)).setTo(255);
+  b(cv::Rect(15, 5, 10, 10)).setTo(255);
   b(cv::Rect(30, 20, 12, 12)).setTo(255);
   record(a);
   cv::Mat codes = cv::Mat::zeros(kH, kW, CV_8U);
   codes(cv::Rect(30, 20, 12, 12)).setTo(LABEL_FG);
   codes(cv::Rect(5, 5, 10, 10)).setTo(LABEL_BG);
-  edit(codes, nullptr, nullptr);  // B, by an edit of A
-  EXPECT_EQ(canUndo(), 1);
-  EXPECT_EQ(canRedo(), 0);
-
+  codes(cv::Rect(50, 30, 5, 5)).setTo(LABEL_PR_FG);
+  codes(cv::Rect(20, 7, 4, 4)).setTo(LABEL_PR_BG);
   Pixels blended(kW * kH, 0);
   Bytes mask(kW * kH, 77);
+  edit(codes, nullptr, &mask);
+  EXPECT_EQ(cv::countNonZero(fromBuffer(mask) != b), 0);
+  EXPECT_TRUE(g_markerImage == nullptr && g_resultMask == nullptr);
+  IplImage* latest = VELDSEManageUndoRedo::prevMask();
+  EXPECT_EQ(cv::countNonZero(cv::cvarrToMat(latest) != b), 0) << "the edit is recorded";
+  cvReleaseImage(&latest);
   struct Step {
     const char* name;
     int (*call)(unsigned int*, unsigned char*);
@@ -313,7 +227,6 @@ TEST_F(Edits, HistoryThroughExportedFunctionsAndTheirTeardown) {
   } steps[] = {
       {"undo to A", undo, &a, 0, 1},
       {"undo to the photo", undo, nullptr, 0, 1},
-      {"undo at the bottom", undo, nullptr, 0, 1},
       {"redo to A", redo, &a, 0, 1},
       {"redo to B", redo, &b, 1, 0},
       {"redo at the top", redo, &b, 1, 0},
@@ -337,46 +250,17 @@ TEST_F(Edits, HistoryThroughExportedFunctionsAndTheirTeardown) {
     EXPECT_EQ(g_exitStatus.load(), 0);
     if (s.expected == nullptr) {
       EXPECT_EQ(mask, Bytes(kW * kH, 77));
-      Pixels plain(kW * kH);
-      copySourceImage(plain.data());
-      EXPECT_EQ(blended, plain);
+      EXPECT_EQ(blended, photo);
     } else {
       EXPECT_EQ(cv::countNonZero(fromBuffer(mask) != *s.expected), 0);
       EXPECT_GT(std::count(blended.begin(), blended.end(), 0xFFFFFF00u), 20);
     }
-    if (s.exit) {
-      expectTornDown();
-      VELDSEMarker::m_exitApp = false;
-      SetUp();
-      record(a);
-      record(b);
-    }
+    if (s.exit) expectTornDown(), VELDSEMarker::m_exitApp = false, SetUp(), record(a), record(b);
     EXPECT_EQ(canUndo(), s.canUndo);
     EXPECT_EQ(canRedo(), s.canRedo);
   }
 }
 
-class ExitProtocol : public Requests {
- protected:
-  void start(int w, int h) {
-    scene = makeScene(w, h, false);
-    startContext(scene);
-    const int r = h / 4, cx = w * 2 / 5, cy = h / 2, m = h / 12;
-    std::vector<int> loop = {cx - r - m, cy - r - m, cx + r + m, cy - r - m,
-                             cx + r + m, cy + r + m, cx - r - m, cy + r + m};
-    markers.assign(static_cast<size_t>(w) * h, 0);
-    for (int y = cy - r - m; y <= cy + r + m; ++y)
-      for (int x = cx - r - m; x <= cx + r + m; ++x) markers[static_cast<size_t>(y) * w + x] = 4;
-    setCurrentMarkerVector(8, loop.data());
-    setMarkerImage(w, h, markers.data(), 0);
-    blended.assign(scene.argb.size(), 0u);
-    mask.assign(scene.argb.size(), 77);
-  }
-  Scene scene{0, 0, {}, {}};
-  std::vector<int> markers;
-  Pixels blended;
-  Bytes mask;
-};
 
 // A cancel and an exit before processSegment: the first cut is abandoned, the
 // caller gets the plain photo and -1, the context is torn down and the exit
@@ -384,8 +268,20 @@ class ExitProtocol : public Requests {
 // such a teardown, a bridge may send its next request into no context at all:
 // requests without a context (and an engine start without a photo) are
 // refused: logged, -1, the caller's buffers and the library's state untouched.
-TEST_F(ExitProtocol, TeardownByProcessSegmentAndRequestsAfterItAreRefused) {
-  start(240, 180);
+using ExitProtocol = Requests;
+
+TEST_F(ExitProtocol, RequestsAfterATeardownAreRefused) {
+  Scene scene = makeScene(240, 180, false);
+  setSourceImage(scene.w, scene.h, scene.argb.data());
+  ASSERT_EQ(initSegmentationEngine(0), 0);
+  std::vector<int> loop = {40, 20, 150, 20, 150, 160, 40, 160};
+  std::vector<int> markers(scene.argb.size(), 0);
+  cv::Mat view(180, 240, CV_32S, markers.data());
+  cv::rectangle(view, cv::Rect(40, 20, 111, 141), cv::Scalar(4), cv::FILLED);
+  setCurrentMarkerVector(8, loop.data());
+  setMarkerImage(240, 180, markers.data(), 0);
+  Pixels blended(scene.argb.size(), 0u);
+  Bytes mask(scene.argb.size(), 77);
   Pixels plain(scene.argb.size());
   copySourceImage(plain.data());
   cancelSegmentation();
@@ -419,8 +315,7 @@ TEST_F(ExitProtocol, TeardownByProcessSegmentAndRequestsAfterItAreRefused) {
     EXPECT_EQ(c.run(blended, mask), -1);
     const std::vector<hostlog::Record> log = hostlog::stopCapture();
     ASSERT_EQ(log.size(), 1u);
-    EXPECT_EQ(log[0].priority, ANDROID_LOG_ERROR);
-    EXPECT_EQ(log[0].tag, "Error");
+    EXPECT_TRUE(log[0].priority == ANDROID_LOG_ERROR && log[0].tag == "Error");
     EXPECT_EQ(log[0].text, std::string(c.name) + ": no segmentation context");
     EXPECT_EQ(blended, Pixels(blended.size(), 5u));
     EXPECT_EQ(mask, Bytes(mask.size(), 77));
@@ -435,11 +330,6 @@ TEST_F(ExitProtocol, TeardownByProcessSegmentAndRequestsAfterItAreRefused) {
   EXPECT_EQ(pHybrid, nullptr);
   ASSERT_EQ(log.size(), 1u);
   EXPECT_EQ(log[0].text, "initSegmentationEngine: no photo (setSourceImage first)");
-
-  // The next context works as usual.
-  start(240, 180);
-  EXPECT_EQ(processSegment(0, 0, 0, blended.data(), mask.data()), 0);
-  EXPECT_GT(iou(mask, scene.truth), 0.9);
 }
 
 }  // namespace

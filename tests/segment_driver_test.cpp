@@ -36,10 +36,6 @@ extern "C" int gettimeofday(struct timeval* __restrict tv, void* __restrict) __T
 
 namespace {
 
-unsigned char* at(IplImage* image, int x, int y) {
-  return reinterpret_cast<unsigned char*>(image->imageData + y * image->widthStep) + x;
-}
-
 class SegmentDriver : public ::testing::Test {
  protected:
   void TearDown() override {
@@ -51,8 +47,8 @@ class SegmentDriver : public ::testing::Test {
 
   // A context on the scene, and a rectangle request's marks (probable object
   // inside, the border loop as the stroke), at working size 1:1.
-  void startRectangle(int w, int h, bool grey, int x1, int y1, int x2, int y2) {
-    synthetic::Pixels photo = synthetic::makeScene(w, h, grey, false, 5).argb;
+  void startRectangle(int w, int h, int x1, int y1, int x2, int y2) {
+    synthetic::Pixels photo = synthetic::makeScene(w, h, false, false, 5).argb;
     setSourceImage(w, h, photo.data());
     g_imageResizeFactor = 1.0f;
     pHybrid = new VELDSEHybrid;
@@ -61,27 +57,19 @@ class SegmentDriver : public ::testing::Test {
     std::vector<int> loop = {x1, y1, x2, y1, x2, y2, x1, y2};
     setCurrentMarkerVector(static_cast<int>(loop.size()), loop.data());
     std::vector<int> markers(static_cast<size_t>(w) * h, 0);
-    for (int y = y1; y <= y2; ++y)
-      for (int x = x1; x <= x2; ++x) markers[static_cast<size_t>(y) * w + x] = LABEL_PR_FG;
+    cv::Mat view(h, w, CV_32S, markers.data());
+    view(cv::Rect(cv::Point(x1, y1), cv::Point(x2 + 1, y2 + 1))).setTo(LABEL_PR_FG);
     setMarkerImage(w, h, markers.data(), 0);
     pHybrid->setLabelImage(g_markerImage);
     cvReleaseImage(&g_markerImage);
   }
 
-  void expectNothingLeft() {
-    EXPECT_EQ(pHybrid->m_graph, nullptr);
-    EXPECT_EQ(pHybrid->m_cropSrc, nullptr);
-    EXPECT_EQ(pHybrid->m_cropLabel, nullptr);
-    EXPECT_EQ(pHybrid->m_cropLabelInit, nullptr);
-    for (IplImage* l : pHybrid->m_iterLabel) EXPECT_EQ(l, nullptr);
-    EXPECT_EQ(g_cancelTimer, nullptr);
-  }
 };
 
 TEST_F(SegmentDriver, ExitFlagOrTimeOutAbandonsAfterFirstCut) {
   for (bool byClock : {false, true}) {
     SCOPED_TRACE(byClock ? "ten-second budget" : "exit flag");
-    startRectangle(160, 120, false, 40, 20, 120, 100);
+    startRectangle(160, 120, 40, 20, 120, 100);
     (byClock ? g_clockJumps : VELDSEMarker::m_exitApp) = true;  // the clock: no waiting
     hostlog::startCapture();
     EXPECT_EQ(pHybrid->segment(), nullptr);
@@ -92,7 +80,10 @@ TEST_F(SegmentDriver, ExitFlagOrTimeOutAbandonsAfterFirstCut) {
     for (const VELDSEColorModel* m : {&pHybrid->m_fgModel, &pHybrid->m_bgModel})
       EXPECT_NEAR(m->weight[0] + m->weight[1] + m->weight[2] + m->weight[3] + m->weight[4], 1.0, 1e-12);
     g_clockJumps = VELDSEMarker::m_exitApp = false;
-    expectNothingLeft();
+    // Nothing of the abandoned request is left.
+    EXPECT_TRUE(pHybrid->m_graph == nullptr && pHybrid->m_cropSrc == nullptr && pHybrid->m_cropLabel == nullptr &&
+                pHybrid->m_cropLabelInit == nullptr && g_cancelTimer == nullptr);
+    for (IplImage* l : pHybrid->m_iterLabel) EXPECT_EQ(l, nullptr);
     EXPECT_EQ(std::count_if(log.begin(), log.end(), [](const hostlog::Record& r) {
                 return r.text == "Segmentation canceled due to timeout" && r.priority == 6 && r.tag == "Error";
               }), 1);
@@ -131,7 +122,7 @@ TEST_F(SegmentDriver, ChooseIterKeepsFirstCutOnlyWhenItFollowsEdgesBetter) {
     if (c.firstInset < 0) cv::cvarrToMat(hybrid.m_iterLabel[0])(cv::Rect(40, 20, 4, 20)).setTo(LABEL_FG);
     hybrid.m_cropLabel = square(c.lastInset, LABEL_PR_FG);
     hybrid.chooseIter();
-    EXPECT_EQ(*at(hybrid.m_cropLabel, 30, 30), c.firstWins ? LABEL_FG : LABEL_PR_FG);
+    EXPECT_EQ(cv::cvarrToMat(hybrid.m_cropLabel).at<unsigned char>(30, 30), c.firstWins ? LABEL_FG : LABEL_PR_FG);
     hybrid.clearMemory();
   }
 }
