@@ -26,12 +26,8 @@ std::vector<double> channel(const std::vector<pixelVal>& s, int c) {
 }
 
 TEST(VarPartitionTest, SplitsAlongWidestChannelAtItsMean) {
-  const struct {
-    const char* name;
-    std::vector<pixelVal> in;
-    int dir;
-    std::vector<double> low, high;  // values on the split channel
-  } cases[] = {
+  // Values of the two halves on the split channel.
+  const struct { const char* name; std::vector<pixelVal> in; int dir; std::vector<double> low, high; } cases[] = {
       {"identical samples", {px(7, 7, 7), px(7, 7, 7), px(7, 7, 7)}, 0, {7}, {7, 7, 7}},
       {"channel 2 widest", {px(1, 5, 0), px(2, 5, 30), px(3, 5, 10), px(2, 5, 20)}, 2, {0, 10}, {30, 20}},
       {"value equal to mean goes high", {px(0, 0, 0), px(0, 4, 0), px(0, 8, 0)}, 1, {0}, {4, 8}},
@@ -55,8 +51,7 @@ TEST(VarParInitTest, FourSplitsOfWidestGroups) {
   std::vector<pixelVal> s;
   for (double v : {0.0, 10.0, 100.0, 110.0, 1000.0, 1010.0}) s.push_back(px(v, 1, 2));
   double block[15];
-  double* centres[5];
-  for (int k = 0; k < 5; ++k) centres[k] = block + 3 * k;
+  double* centres[5] = {block, block + 3, block + 6, block + 9, block + 12};
   varParInit(s, centres);
   EXPECT_EQ(std::vector<double>(block, block + 15),
             (std::vector<double>{105, 1, 2, 1000, 1, 2, 1010, 1, 2, 0, 1, 2, 10, 1, 2}));
@@ -122,10 +117,8 @@ TEST(InitThirdInitalizationTest, RestSortedByBackgroundLikenessIsSplitInThirds) 
   for (int d = 10; d <= 50; d += 10) nearest.push_back(px(200, 60 + d, 30));
   background.insert(background.end(), nearest.begin(), nearest.end());
   VELDSEColorModel bg;
-  for (int k = 0; k < 5; ++k) {
-    bg.weight[k] = 0.2, bg.mean[k][0] = 200, bg.mean[k][1] = 60, bg.mean[k][2] = 30;
-    for (int c : {0, 4, 8}) bg.covariance[k][c] = 400;
-  }
+  for (int k = 0; k < 5; ++k)
+    bg.weight[k] = 0.2, bg.mean[k][0] = 200, bg.mean[k][1] = 60, bg.mean[k][2] = 30, bg.covariance[k][0] = bg.covariance[k][4] = bg.covariance[k][8] = 400;
   bg.setDeterminant();
   bg.setInverseCovariance();
   VELDSEColorModel wantBg = bg, wantObj, gotObj;

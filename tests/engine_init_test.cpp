@@ -26,8 +26,7 @@ unsigned char* rowOf(IplImage* image, int y) {
 IplImage* makeImage(int w, int h, const std::function<int(int, int, int)>& byteAt) {
   IplImage* image = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, 3);
   for (int y = 0; y < h; ++y)
-    for (int x = 0; x < w; ++x)
-      for (int c = 0; c < 3; ++c) rowOf(image, y)[3 * x + c] = static_cast<unsigned char>(byteAt(x, y, c));
+    for (int x = 0; x < 3 * w; ++x) rowOf(image, y)[x] = static_cast<unsigned char>(byteAt(x / 3, y, x % 3));
   return image;
 }
 
@@ -39,32 +38,22 @@ void setPhoto(int w, int h) {
 
 class EngineInit : public ::testing::Test {
  protected:
-  void TearDown() override {
-    deinitSegmentation();
-    g_imageResizeFactor = 1.0f;
-  }
+  void TearDown() override { deinitSegmentation(), g_imageResizeFactor = 1.0f; }
 };
 
 TEST_F(EngineInit, WorkingSizeAndBilinearReduction) {
-  struct Case {
-    int w, h;
-    float factor;
-    int workW, workH;
-  } cases[] = {{640, 480, 2.0f, 320, 240},       {320, 240, 1.0f, 320, 240},
+  const struct { int w, h; float factor; int workW, workH; } cases[] = {{640, 480, 2.0f, 320, 240},       {320, 240, 1.0f, 320, 240},
                {2000, 1500, 6.25f, 320, 240},     {321, 240, 1.00156128f, 320, 239},
                {600, 400, 1.76776695f, 339, 226}, {300, 200, 1.0f, 300, 200}};
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(std::to_string(c.w) + "x" + std::to_string(c.h));
     setPhoto(c.w, c.h);
     ASSERT_EQ(initSegmentationEngine(0), 0);
     EXPECT_EQ(g_imageResizeFactor, c.factor);
-    EXPECT_EQ(VELDSEMarker::m_width, c.workW);
-    EXPECT_EQ(VELDSEMarker::m_height, c.workH);
-    EXPECT_EQ(pHybrid->m_imgWidth, c.workW);
-    EXPECT_EQ(pHybrid->m_imgHeight, c.workH);
-    cv::Mat photo = cv::cvarrToMat(VELDSEMarker::m_originalImage), expected;
-    cv::resize(photo, expected, cv::Size(c.workW, c.workH), 0, 0, cv::INTER_LINEAR);
-    if (c.factor == 1.0f) expected = photo;
+    EXPECT_EQ(cv::Size(VELDSEMarker::m_width, VELDSEMarker::m_height), cv::Size(c.workW, c.workH));
+    EXPECT_EQ(cv::Size(pHybrid->m_imgWidth, pHybrid->m_imgHeight), cv::Size(c.workW, c.workH));
+    cv::Mat expected = cv::cvarrToMat(VELDSEMarker::m_originalImage);
+    if (c.factor != 1.0f) cv::resize(expected.clone(), expected, cv::Size(c.workW, c.workH), 0, 0, cv::INTER_LINEAR);
     EXPECT_EQ(cv::norm(cv::cvarrToMat(VELDSEMarker::m_srcImage), expected, cv::NORM_INF), 0.0);
     deinitSegmentation();
   }
@@ -78,18 +67,14 @@ TEST_F(EngineInit, SmallPhotoKeepsTheCurrentFactor) {
   pHybrid = new VELDSEHybrid;
   pHybrid->intializer();
   EXPECT_EQ(g_imageResizeFactor, 2.0f);
-  EXPECT_EQ(VELDSEMarker::m_width, 100);
-  EXPECT_EQ(VELDSEMarker::m_height, 50);
+  EXPECT_EQ(cv::Size(VELDSEMarker::m_width, VELDSEMarker::m_height), cv::Size(100, 50));
 }
 
 TEST_F(EngineInit, GreyDecisionAtItsThreshold) {
   // 10 x 10 pixels of (50, 50, 50) except pixel 0: the image is colour once
   // |c0 - c1| + |c0 - c2| summed over all pixels reaches 100.
-  struct Case {
-    int c1, c2;
-    bool grey;
-  } cases[] = {{50, 50, true}, {149, 50, true}, {150, 50, false}, {0, 1, true}, {0, 100, false}};
-  for (const Case& c : cases) {
+  const struct { int c1, c2; bool grey; } cases[] = {{50, 50, true}, {149, 50, true}, {150, 50, false}, {0, 1, true}, {0, 100, false}};
+  for (const auto& c : cases) {
     SCOPED_TRACE(std::to_string(c.c1) + "," + std::to_string(c.c2));
     IplImage* image = makeImage(10, 10, [&](int x, int y, int ch) {
       return x + y > 0 || ch == 0 ? 50 : ch == 1 ? c.c1 : c.c2;
@@ -111,9 +96,8 @@ TEST_F(EngineInit, TextureValuesIncludingRowZeroAndLastColumn) {
   const int ver[3][4] = {{3, 10, 40, 0}, {3, 10, 40, 10}, {187, 30, 1, 30}};
   for (int y = 0; y < 3; ++y)
     for (int x = 0; x < 4; ++x) {
-      SCOPED_TRACE(std::to_string(x) + "," + std::to_string(y));
-      EXPECT_EQ(rowOf(VELDSEMarker::m_texHor, y)[x], hor[y][x]);
-      EXPECT_EQ(rowOf(VELDSEMarker::m_texVer, y)[x], ver[y][x]);
+      EXPECT_EQ(rowOf(VELDSEMarker::m_texHor, y)[x], hor[y][x]) << x << "," << y;
+      EXPECT_EQ(rowOf(VELDSEMarker::m_texVer, y)[x], ver[y][x]) << x << "," << y;
     }
 }
 
@@ -122,7 +106,7 @@ TEST_F(EngineInit, EmptyWorkingImageLogsTextureSizeErrors) {
   VELDSEHybrid engine;
   hostlog::startCapture();
   engine.computeTexture();
-  std::vector<hostlog::Record> records = hostlog::stopCapture();
+  const std::vector<hostlog::Record> records = hostlog::stopCapture();
   ASSERT_EQ(records.size(), 2u);
   EXPECT_EQ(records[0].priority, 6);
   EXPECT_EQ(records[0].tag, "Error");
@@ -133,47 +117,37 @@ TEST_F(EngineInit, EmptyWorkingImageLogsTextureSizeErrors) {
 // Independent reference: every pixel visits its 8 neighbours and counts the
 // pair once (from the lower index), summing squared colour distances in 64
 // bits; the 32-bit wrap is applied at the end.
-void bruteForcePairs(IplImage* image, long long* count, int32_t* wrapped) {
+void bruteForcePairs(IplImage* image, long long& count, int32_t& wrapped) {
   const int w = image->width, h = image->height;
   uint64_t sum = 0;
-  *count = 0;
   for (int y = 0; y < h; ++y)
     for (int x = 0; x < w; ++x)
       for (int v = y - 1; v <= y + 1; ++v)
         for (int u = x - 1; u <= x + 1; ++u) {
           if (u < 0 || v < 0 || u >= w || v >= h || v * w + u <= y * w + x) continue;
-          ++*count;
-          for (int c = 0; c < 3; ++c) {
-            const int d = rowOf(image, y)[3 * x + c] - rowOf(image, v)[3 * u + c];
-            sum += static_cast<uint64_t>(d * d);
-          }
+          ++count;
+          for (int c = 0, d; c < 3; ++c) d = rowOf(image, y)[3 * x + c] - rowOf(image, v)[3 * u + c], sum += d * d;
         }
-  *wrapped = static_cast<int32_t>(static_cast<uint32_t>(sum));
+  wrapped = static_cast<int32_t>(static_cast<uint32_t>(sum));
 }
 
 TEST_F(EngineInit, BetaAndPairCountMatchABruteForceSum) {
   // Black and white checkerboards of 80 and 106 pixels wrap the 32-bit sum
   // to a negative (beta 0) and to a small positive value.
-  struct Case {
-    int w, h;
-    bool checker;
-  } cases[] = {{1, 1, false}, {2, 2, false}, {3, 1, false}, {1, 4, false},
-               {5, 4, false}, {9, 7, false}, {80, 80, true}, {106, 106, true}};
+  const struct { int w, h; bool checker; } cases[] = {
+      {1, 1, false}, {2, 2, false}, {3, 1, false}, {1, 4, false}, {9, 7, false}, {80, 80, true}, {106, 106, true}};
   std::mt19937 rng(3);
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(std::to_string(c.w) + "x" + std::to_string(c.h));
     VELDSEMarker::m_srcImage = makeImage(c.w, c.h, [&](int x, int y, int) {
       return c.checker ? ((x + y) % 2) * 255 : static_cast<int>(rng() & 0xFF);
     });
-    long long count;
-    int32_t sum;
-    bruteForcePairs(VELDSEMarker::m_srcImage, &count, &sum);
-    if (c.checker) {
-      EXPECT_EQ(c.w == 80, sum < 0);
-    }
+    long long count = 0;
+    int32_t sum = 0;
+    bruteForcePairs(VELDSEMarker::m_srcImage, count, sum);
+    if (c.checker) { EXPECT_EQ(c.w == 80, sum < 0); }  // the cases exercise the wrap
     VELDSEHybrid engine;
-    engine.m_imgWidth = c.w;
-    engine.m_imgHeight = c.h;
+    engine.m_imgWidth = c.w, engine.m_imgHeight = c.h;
     engine.computeNlinks();
     EXPECT_EQ(engine.m_beta, sum > 0 ? static_cast<double>(count) / (2.0 * sum) : 0.0);
     cvReleaseImage(&VELDSEMarker::m_srcImage);
@@ -190,12 +164,11 @@ TEST_F(EngineInit, WeightsOfUniformAndTexturedImages) {
       return uniform ? 77 : y == 4 && x == 5 ? 255 : y == 4 && x == 4 ? 0 : static_cast<int>(rng() & 63);
     });
     VELDSEHybrid engine;
-    engine.m_imgWidth = w;
-    engine.m_imgHeight = h;
+    engine.m_imgWidth = w, engine.m_imgHeight = h;
     engine.computeNlinks();
     const double beta = engine.m_beta;
     EXPECT_EQ(beta == 0.0, uniform);
-    // The stated single-precision recipe, and exp() as a loose reference.
+    // The stated single-precision recipe, with exp() as a loose reference.
     float table[256];
     for (int d = 0; d < 256; ++d) table[d] = expf(-static_cast<float>(d * d * beta));
     const int dx[4] = {-1, -1, 0, 1};
@@ -219,14 +192,7 @@ TEST_F(EngineInit, WeightsOfUniformAndTexturedImages) {
           EXPECT_EQ(got, recipe);
           const double exact = std::exp(-beta * (d0 * d0 + d1 * d1 + d2 * d2)) * (s % 2 ? 0.7071067932881648 : 1.0);
           EXPECT_NEAR(got, exact, 1e-6 + 1e-5 * exact);
-          EXPECT_GT(got, 0.0f);
         }
-    if (uniform) {
-      EXPECT_EQ(engine.m_nlinks[4 * (w + 1)], 1.0f);
-      EXPECT_EQ(engine.m_nlinks[4 * (w + 1) + 1], static_cast<float>(0.7071067932881648));
-    } else {
-      EXPECT_LT(engine.m_nlinks[4 * (4 * w + 5)], 1e-3f) << "white beside black";
-    }
     cvReleaseImage(&VELDSEMarker::m_srcImage);
   }
 }
