@@ -152,15 +152,16 @@ Pieces findPieces(const VELDSEGraph* g, const graphcore::BandTopology& t) {
 // solver runs. Within a piece this is the very sequence of operations the
 // whole band's run applies to it - its nodes enter the shared queue in the
 // same relative order and no operation on another piece reads or writes its
-// nodes - so the result is the same. Returns the flow pushed.
-float solvePiece(VELDSEGraph* g, const graphcore::BandTopology& t, const int* nodesOf, int count) {
+// nodes - so the result is the same. nodesOf null means every node, in index
+// order: the whole band as one piece. Returns `flow` plus the flow pushed.
+float solvePiece(VELDSEGraph* g, const graphcore::BandTopology& t, const int* nodesOf, int count, float flow) {
   alignas(VELDSEGraph) unsigned char storage[sizeof(VELDSEGraph)];
   // A view shares the arrays and owns nothing: never destroyed.
   VELDSEGraph* view = new (storage) VELDSEGraph(g, 0, 0, 0, 0);
-  view->m_flow = 0.0f;
+  view->m_flow = flow;
   nodes* const base = g->m_nodes;
   for (int c = 0; c < count; ++c) {
-    const int i = nodesOf[c];
+    const int i = nodesOf != nullptr ? nodesOf[c] : c;
     nodes* const n = base + i;
     if (n->trCap > 0.0f) {
       n->parent = VELDSEGraph::TERMINAL;
@@ -213,7 +214,7 @@ float bandMaxFlow(VELDSEGraph* g) {
       auto work = [&]() {
         for (int k = next.fetch_add(1); k < pieces; k = next.fetch_add(1)) {
           const int q = bySize[k];
-          flows[q] = solvePiece(g, t, p.order.data() + p.start[q], size(q));
+          flows[q] = solvePiece(g, t, p.order.data() + p.start[q], size(q), 0.0f);
         }
       };
       std::vector<std::thread> workers;
@@ -229,10 +230,6 @@ float bandMaxFlow(VELDSEGraph* g) {
       return g->m_flow;
     }
   }
-  g->maxflowInit();
-  for (int i = 0; i < g->m_nodeCount; ++i) {
-    t.state[i].parent = g->m_nodes[i].parent;
-    t.trees[i] = static_cast<unsigned char>(g->m_nodes[i].tree);
-  }
-  return graphcore::serialLoop(g, t);
+  g->m_flow = solvePiece(g, t, nullptr, g->m_nodeCount, g->m_flow);
+  return g->m_flow;
 }

@@ -153,8 +153,10 @@ RequestOutcome LibrarySession::rectangle(int x1, int y1, int x2, int y2) {
   return out;
 }
 
-RequestOutcome LibrarySession::marks(const std::vector<cv::Point>& points,
-                                     const std::vector<int>& markers, int mode) {
+RequestOutcome LibrarySession::runWithMarks(const std::vector<cv::Point>& points,
+                                            const std::vector<int>& markers, int mode,
+                                            int (*request)(int, int, int, unsigned int*, unsigned char*),
+                                            const char* abandoned) {
   RequestOutcome out;
   std::vector<int> coords;
   coords.reserve(points.size() * 2);
@@ -167,37 +169,27 @@ RequestOutcome LibrarySession::marks(const std::vector<cv::Point>& points,
   const auto start = std::chrono::steady_clock::now();
   setCurrentMarkerVector(static_cast<int>(coords.size()), coords.data());
   setMarkerImage(width_, height_, grid.data(), mode);
-  processSegment(0, 0, 0, previewBuffer_.data(), maskBuffer_.data());
+  request(0, 0, 0, previewBuffer_.data(), maskBuffer_.data());
   out.millis = millisSince(start);
   out.delivered = collect();
-  if (!out.delivered) out.note = "cut abandoned; the previous mask stays";
+  if (!out.delivered) out.note = abandoned;
   return out;
+}
+
+RequestOutcome LibrarySession::marks(const std::vector<cv::Point>& points,
+                                     const std::vector<int>& markers, int mode) {
+  return runWithMarks(points, markers, mode, processSegment, "cut abandoned; the previous mask stays");
 }
 
 RequestOutcome LibrarySession::cutOut(const std::vector<cv::Point>& points,
                                       const std::vector<int>& markers, int mode) {
-  RequestOutcome out;
   if (!hasMask_) {
     // The library would edit an uninitialised mask.
+    RequestOutcome out;
     out.note = "no mask to edit";
     return out;
   }
-  std::vector<int> coords;
-  coords.reserve(points.size() * 2);
-  for (const cv::Point& p : points) {
-    coords.push_back(p.x);
-    coords.push_back(p.y);
-  }
-  std::vector<int> grid = markers;
-  prepareBuffers();
-  const auto start = std::chrono::steady_clock::now();
-  setCurrentMarkerVector(static_cast<int>(coords.size()), coords.data());
-  setMarkerImage(width_, height_, grid.data(), mode);
-  cutOutImage(0, 0, 0, previewBuffer_.data(), maskBuffer_.data());
-  out.millis = millisSince(start);
-  out.delivered = collect();
-  if (!out.delivered) out.note = "edit abandoned; the previous mask stays";
-  return out;
+  return runWithMarks(points, markers, mode, cutOutImage, "edit abandoned; the previous mask stays");
 }
 
 RequestOutcome LibrarySession::undo() {

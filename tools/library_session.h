@@ -86,6 +86,11 @@ class LibrarySession {
   // library only paints the outline into it) and a sentinel in the mask buffer
   // so that an untouched buffer shows that no mask was delivered.
   void prepareBuffers();
+  // Hands the stroke points and the marker grid over to the library and runs
+  // `request` (processSegment or cutOutImage) on the buffers, timed.
+  RequestOutcome runWithMarks(const std::vector<cv::Point>& points, const std::vector<int>& markers,
+                              int mode, int (*request)(int, int, int, unsigned int*, unsigned char*),
+                              const char* abandoned);
   // No mask on screen: the plain photo, no outline.
   void showPlainPhoto();
   // Takes over the buffers after a call that may have delivered a mask.
