@@ -21,16 +21,21 @@ namespace {
 long records(const VELDSEGraph* g) { return g->m_nodeMax - g->m_nodes; }
 
 // Past the capacities of every allocated node record: the neighbour links,
-// the solver's mirror of parent and tree, and the presence bits of the
-// neighbours.
+// the solver's node state and terminal capacities, the presence bits of the
+// neighbours, and the solver's trees.
 BandLinks* links(const VELDSEGraph* g) { return reinterpret_cast<BandLinks*>(g->m_caps + 8 * records(g)); }
-graphcore::BandLink* state(const VELDSEGraph* g) {
-  return reinterpret_cast<graphcore::BandLink*>(links(g) + records(g));
+int* ups(const VELDSEGraph* g) { return reinterpret_cast<int*>(links(g) + records(g)); }
+int* slots(const VELDSEGraph* g) { return ups(g) + records(g); }
+graphcore::BandNext* next(const VELDSEGraph* g) {
+  return reinterpret_cast<graphcore::BandNext*>(slots(g) + records(g));
 }
-unsigned char* present(const VELDSEGraph* g) { return reinterpret_cast<unsigned char*>(state(g) + records(g)); }
+float* terminals(const VELDSEGraph* g) { return reinterpret_cast<float*>(next(g) + records(g)); }
+unsigned char* present(const VELDSEGraph* g) { return reinterpret_cast<unsigned char*>(terminals(g) + records(g)); }
 unsigned char* trees(const VELDSEGraph* g) { return present(g) + records(g); }
 
-graphcore::BandTopology topology(const VELDSEGraph* g) { return {links(g), present(g), state(g), trees(g)}; }
+graphcore::BandTopology topology(const VELDSEGraph* g) {
+  return {links(g), present(g), ups(g), slots(g), next(g), terminals(g), trees(g), nullptr};
+}
 
 // The solver walks these arrays in no particular order; on large graphs a
 // page-table miss per step costs as much as the step. Ask for huge pages
@@ -52,10 +57,10 @@ void preferHugePages(void* begin, void* end) {
 
 VELDSEGraph* createBandGraph(int nodeCount, int width, int height) {
   const long records = nodeCount > 16 ? nodeCount : 16;
-  // Per record, in four-byte words: 8 capacities, 2 of links, 2 of mirrored
-  // parent, and two bytes (presence bits, mirrored tree); the allocation
-  // counts pairs of words.
-  const long words = 12 * records + (2 * records + 3) / 4;
+  // Per record, in four-byte words: 8 capacities, 2 of links, 4 of solver
+  // state, 1 terminal capacity, and two bytes (presence bits, tree); the
+  // allocation counts pairs of words.
+  const long words = 15 * records + (2 * records + 3) / 4;
   VELDSEGraph* g = new VELDSEGraph(nodeCount, static_cast<int>((words + 1) / 2), width, height, 0);
   if (g->m_nodes == nullptr || g->m_caps == nullptr) return g;
   g->m_capMax = g->m_caps + 8 * records;
@@ -148,13 +153,17 @@ Pieces findPieces(const VELDSEGraph* g, const graphcore::BandTopology& t) {
 }
 
 // One piece solved on its own: the trees are initialised from its nodes in
-// index order, into queues of its own (a view of the graph), and the serial
-// solver runs. Within a piece this is the very sequence of operations the
-// whole band's run applies to it - its nodes enter the shared queue in the
-// same relative order and no operation on another piece reads or writes its
-// nodes - so the result is the same. nodesOf null means every node, in index
-// order: the whole band as one piece. Returns `flow` plus the flow pushed.
-float solvePiece(VELDSEGraph* g, const graphcore::BandTopology& t, const int* nodesOf, int count, float flow) {
+// index order, into queues of its own, and the serial solver runs. Within a
+// piece this is the very sequence of operations the whole band's run applies
+// to it - its nodes enter the shared queue in the same relative order and no
+// operation on another piece reads or writes its nodes - so the result is the
+// same. nodesOf null means every node, in index order: the whole band as one
+// piece. The piece's records are written back when the run ends, also when it
+// stopped early. Returns `flow` plus the flow pushed.
+float solvePiece(VELDSEGraph* g, const graphcore::BandTopology& shared, const int* nodesOf, int count, float flow) {
+  graphcore::BandQueues queues;
+  graphcore::BandTopology t = shared;
+  t.queues = &queues;
   alignas(VELDSEGraph) unsigned char storage[sizeof(VELDSEGraph)];
   // A view shares the arrays and owns nothing: never destroyed.
   VELDSEGraph* view = new (storage) VELDSEGraph(g, 0, 0, 0, 0);
@@ -162,23 +171,30 @@ float solvePiece(VELDSEGraph* g, const graphcore::BandTopology& t, const int* no
   nodes* const base = g->m_nodes;
   for (int c = 0; c < count; ++c) {
     const int i = nodesOf != nullptr ? nodesOf[c] : c;
-    nodes* const n = base + i;
-    if (n->trCap > 0.0f) {
-      n->parent = VELDSEGraph::TERMINAL;
-      n->tree = VELDSEGraph::SOURCE_TREE;
-      graphcore::pushActive(view, n);
-    } else if (n->trCap < 0.0f) {
-      n->parent = VELDSEGraph::TERMINAL;
-      n->tree = VELDSEGraph::SINK_TREE;
-      graphcore::pushActive(view, n);
+    const float r = base[i].trCap;
+    t.next[i] = {-1, -1};
+    t.terminals[i] = r;
+    if (r != 0.0f) {
+      t.slots[i] = t.ups[i] = VELDSEGraph::TERMINAL;
+      t.trees[i] = static_cast<unsigned char>(r > 0.0f ? VELDSEGraph::SOURCE_TREE : VELDSEGraph::SINK_TREE);
+      t.pushActive(view, i);
     } else {
-      n->parent = VELDSEGraph::NONE;
-      n->tree = VELDSEGraph::FREE_TREE;
+      t.slots[i] = t.ups[i] = VELDSEGraph::NONE;
+      t.trees[i] = static_cast<unsigned char>(VELDSEGraph::FREE_TREE);
     }
-    t.state[i].parent = n->parent;
-    t.trees[i] = static_cast<unsigned char>(n->tree);
   }
-  return graphcore::serialLoop(view, t);
+  const float total = graphcore::serialLoop(view, t);
+  auto pointer = [base](int x) { return x >= 0 ? base + x : nullptr; };
+  for (int c = 0; c < count; ++c) {
+    const int i = nodesOf != nullptr ? nodesOf[c] : c;
+    nodes* const n = base + i;
+    n->parent = t.slots[i];
+    n->tree = t.trees[i];
+    n->trCap = t.terminals[i];
+    n->nextActive = pointer(t.next[i].active);
+    n->nextOrphan = pointer(t.next[i].orphan);
+  }
+  return total;
 }
 
 // Pieces are worth their own thread only when the work is large and does not

@@ -254,10 +254,35 @@ struct GridTopology {
   int parentOf(int /*x*/, int s) const { return head(s); }
   // Node state as the solver reads and writes it.
   int parent(const nodes* base, int x) const { return base[x].parent; }
+  // The parent node, or the parent's TERMINAL / NONE code.
+  int up(const nodes* base, int x) const {
+    const int p = base[x].parent;
+    return p >= 0 ? head(p) : p;
+  }
   int tree(const nodes* base, int x) const { return base[x].tree; }
   void setParent(nodes* base, int x, int s, int /*to*/) const { base[x].parent = s; }
   void setTree(nodes* base, int x, int t) const { base[x].tree = t; }
-  void orphan(VELDSEGraph* g, int x) const { pushOrphan(g, g->m_nodes + x); }
+  float& terminal(nodes* base, int x) const { return base[x].trCap; }
+  // The queues, in the records. An active node being visited counts as
+  // queued (held) so that its own augmentation cannot queue it again.
+  void pushActive(VELDSEGraph* g, int x) const { graphcore::pushActive(g, g->m_nodes + x); }
+  int popActive(VELDSEGraph* g) const {
+    nodes* const n = g->m_activeHead;
+    if (n == nullptr) return -1;
+    if (n == g->m_activeTail) {
+      g->m_activeHead = g->m_activeTail = nullptr;
+    } else {
+      g->m_activeHead = n->nextActive;
+    }
+    return static_cast<int>(n - g->m_nodes);
+  }
+  void holdActive(VELDSEGraph* g, int x) const { g->m_nodes[x].nextActive = g->m_nodes + x; }
+  void releaseActive(VELDSEGraph* g, int x) const { g->m_nodes[x].nextActive = nullptr; }
+  void orphan(VELDSEGraph* g, int x) const { graphcore::pushOrphan(g, g->m_nodes + x); }
+  int popOrphan(VELDSEGraph* g) const {
+    nodes* const n = graphcore::popOrphan(g);
+    return n != nullptr ? static_cast<int>(n - g->m_nodes) : -1;
+  }
 };
 
 // Nodes are some of the box's pixels, numbered in row-major order. Node i
@@ -274,20 +299,35 @@ struct BandLinks {
   int below;
 };
 
-// What the solver reads most of a band node - its parent slot, the node that
-// slot leads to, its tree - is mirrored in dense arrays beside the records
-// (which stay authoritative for everyone else): walking a chain then reads
-// one 8-byte entry per step, and scanning the neighbours' trees one byte each.
-struct BandLink {
-  int parent;      // as nodes::parent
-  int parentNode;  // node the parent slot leads to (parent >= 0 only)
+// While a band piece is solved, its nodes' state lives in dense arrays beside
+// the records, and the records are brought up to date when the run ends
+// (nothing else reads them meanwhile). The parent chains, which the solver
+// walks one dependent load after another, are an array of their own holding
+// just the parent node (or the TERMINAL / NONE code): four bytes a step. The
+// parent slot is read beside it, off the walk's critical path. The queues are
+// the records' queues with indices for pointers: -1 for null, the last node
+// pointing at itself.
+struct BandNext {
+  int active;  // as nodes::nextActive
+  int orphan;  // as nodes::nextOrphan
+};
+
+struct BandQueues {
+  int activeHead = -1;
+  int activeTail = -1;
+  int orphanHead = -1;
+  int orphanTail = -1;
 };
 
 struct BandTopology {
   const BandLinks* links;
   const unsigned char* present;
-  BandLink* state;
+  int* ups;          // parent node, or TERMINAL / NONE
+  int* slots;        // as nodes::parent
+  BandNext* next;
+  float* terminals;  // as nodes::trCap
   unsigned char* trees;
+  BandQueues* queues;  // of the run in progress
 
   unsigned mask(int i) const { return present[i]; }
   int neighbour(int i, int k) const {
@@ -305,21 +345,60 @@ struct BandTopology {
   }
   int slot(int i, int k) const { return k < 4 ? 8 * i + 2 * k : 8 * neighbour(i, k) + 2 * (k - 4) + 1; }
   int head(int s) const { return (s & 1) ? (s >> 3) : neighbour(s >> 3, (s & 7) >> 1); }
-  int parentOf(int x, int /*s*/) const { return state[x].parentNode; }
-  int parent(const nodes* /*base*/, int x) const { return state[x].parent; }
+  int parentOf(int x, int /*s*/) const { return ups[x]; }
+  int parent(const nodes* /*base*/, int x) const { return slots[x]; }
+  int up(const nodes* /*base*/, int x) const { return ups[x]; }
   int tree(const nodes* /*base*/, int x) const { return trees[x]; }
-  void setParent(nodes* base, int x, int s, int to) const {
-    base[x].parent = s;
-    state[x].parent = s;
-    state[x].parentNode = to;
+  void setParent(nodes* /*base*/, int x, int s, int to) const {
+    slots[x] = s;
+    ups[x] = s >= 0 ? to : s;
   }
-  void setTree(nodes* base, int x, int t) const {
-    base[x].tree = t;
-    trees[x] = static_cast<unsigned char>(t);
+  void setTree(nodes* /*base*/, int x, int t) const { trees[x] = static_cast<unsigned char>(t); }
+  float& terminal(nodes* /*base*/, int x) const { return terminals[x]; }
+  void pushActive(VELDSEGraph* /*g*/, int x) const {
+    if (next[x].active >= 0) return;
+    next[x].active = x;
+    if (queues->activeTail >= 0) {
+      next[queues->activeTail].active = x;
+    } else {
+      queues->activeHead = x;
+    }
+    queues->activeTail = x;
   }
-  void orphan(VELDSEGraph* g, int x) const {
-    pushOrphan(g, g->m_nodes + x);
-    state[x].parent = VELDSEGraph::NONE;
+  int popActive(VELDSEGraph* /*g*/) const {
+    const int x = queues->activeHead;
+    if (x < 0) return -1;
+    if (x == queues->activeTail) {
+      queues->activeHead = queues->activeTail = -1;
+    } else {
+      queues->activeHead = next[x].active;
+    }
+    return x;
+  }
+  void holdActive(VELDSEGraph* /*g*/, int x) const { next[x].active = x; }
+  void releaseActive(VELDSEGraph* /*g*/, int x) const { next[x].active = -1; }
+  void orphan(VELDSEGraph* /*g*/, int x) const {
+    slots[x] = VELDSEGraph::NONE;
+    ups[x] = VELDSEGraph::NONE;
+    if (next[x].orphan >= 0) return;
+    next[x].orphan = x;
+    if (queues->orphanTail >= 0) {
+      next[queues->orphanTail].orphan = x;
+    } else {
+      queues->orphanHead = x;
+    }
+    queues->orphanTail = x;
+  }
+  int popOrphan(VELDSEGraph* /*g*/) const {
+    const int x = queues->orphanHead;
+    if (x < 0) return -1;
+    if (x == queues->orphanTail) {
+      queues->orphanHead = queues->orphanTail = -1;
+    } else {
+      queues->orphanHead = next[x].orphan;
+    }
+    next[x].orphan = -1;
+    return x;
   }
 };
 
@@ -339,30 +418,32 @@ void augmentPath(VELDSEGraph* g, const Topology& topo, int middle) {
   float f = caps[middle];
   int x = topo.head(middle);
   int sinkLen = 0;
-  for (int p = topo.parent(base, x); p != VELDSEGraph::TERMINAL; p = topo.parent(base, x)) {
+  for (int u = topo.up(base, x); u != VELDSEGraph::TERMINAL; u = topo.up(base, x)) {
+    const int p = topo.parent(base, x);
     if (caps[p] < f) f = caps[p];
     if (sinkLen < kRecorded) {
       sinkSlots[sinkLen] = p;
       sinkTails[sinkLen] = x;
     }
     ++sinkLen;
-    x = topo.parentOf(x, p);
+    x = u;
   }
   const int sinkRoot = x;
-  if (-base[x].trCap < f) f = -base[x].trCap;
+  if (-topo.terminal(base, x) < f) f = -topo.terminal(base, x);
   x = topo.head(middle ^ 1);
   int sourceLen = 0;
-  for (int p = topo.parent(base, x); p != VELDSEGraph::TERMINAL; p = topo.parent(base, x)) {
+  for (int u = topo.up(base, x); u != VELDSEGraph::TERMINAL; u = topo.up(base, x)) {
+    const int p = topo.parent(base, x);
     if (caps[p ^ 1] < f) f = caps[p ^ 1];
     if (sourceLen < kRecorded) {
       sourceSlots[sourceLen] = p;
       sourceTails[sourceLen] = x;
     }
     ++sourceLen;
-    x = topo.parentOf(x, p);
+    x = u;
   }
   const int sourceRoot = x;
-  if (base[x].trCap < f) f = base[x].trCap;
+  if (topo.terminal(base, x) < f) f = topo.terminal(base, x);
 
   caps[middle] -= f;
   caps[middle ^ 1] += f;
@@ -386,8 +467,9 @@ void augmentPath(VELDSEGraph* g, const Topology& topo, int middle) {
       x = next;
     }
   }
-  base[sinkRoot].trCap += f;
-  if (base[sinkRoot].trCap == 0.0f) topo.orphan(g, sinkRoot);
+  float& sinkTerminal = topo.terminal(base, sinkRoot);
+  sinkTerminal += f;
+  if (sinkTerminal == 0.0f) topo.orphan(g, sinkRoot);
 
   if (sourceLen <= kRecorded) {
     for (int k = 0; k < sourceLen; ++k) {
@@ -406,8 +488,9 @@ void augmentPath(VELDSEGraph* g, const Topology& topo, int middle) {
       x = next;
     }
   }
-  base[sourceRoot].trCap -= f;
-  if (base[sourceRoot].trCap == 0.0f) topo.orphan(g, sourceRoot);
+  float& sourceTerminal = topo.terminal(base, sourceRoot);
+  sourceTerminal -= f;
+  if (sourceTerminal == 0.0f) topo.orphan(g, sourceRoot);
 
   g->m_flow += f;
 }
@@ -416,11 +499,10 @@ void augmentPath(VELDSEGraph* g, const Topology& topo, int middle) {
 // carries the residual towards the parent: from o to j in the sink tree, from
 // j to o in the source tree.
 template <bool sinkSide, class Topology>
-void adoptOrphan(VELDSEGraph* g, nodes* o, const Topology& topo) {
+void adoptOrphan(VELDSEGraph* g, int i, const Topology& topo) {
   const int tree = sinkSide ? VELDSEGraph::SINK_TREE : VELDSEGraph::SOURCE_TREE;
   nodes* const base = g->m_nodes;
   float* const caps = g->m_caps;
-  const int i = static_cast<int>(o - base);
   const unsigned mask = topo.mask(i);
 
   int bestSlot = VELDSEGraph::NONE;
@@ -437,15 +519,13 @@ void adoptOrphan(VELDSEGraph* g, nodes* o, const Topology& topo) {
     // A walk already as long as the best cannot win (ties go to the earlier
     // slot), so it may stop there.
     int d = 2;
-    int at = j;
-    int s = topo.parent(base, j);
-    while (s != VELDSEGraph::TERMINAL && d < bestDist) {
-      at = topo.parentOf(at, s);
-      s = topo.parent(base, at);
+    int u = topo.up(base, j);
+    while (u != VELDSEGraph::TERMINAL && d < bestDist) {
+      u = topo.up(base, u);
       ++d;
-      if (s == VELDSEGraph::NONE) break;
+      if (u == VELDSEGraph::NONE) break;
     }
-    if (s == VELDSEGraph::TERMINAL && d < bestDist) {
+    if (u == VELDSEGraph::TERMINAL && d < bestDist) {
       bestDist = d;
       bestSlot = e;
       bestNode = j;
@@ -470,9 +550,8 @@ void adoptOrphan(VELDSEGraph* g, nodes* o, const Topology& topo) {
     // the cut is not minimal (and an augmenting path can be missed).
     const int j = topo.neighbour(i, k);
     if (topo.tree(base, j) != tree) continue;
-    if ((sinkSide ? caps[e] : caps[e ^ 1]) != 0.0f) pushActive(g, base + j);
-    const int p = topo.parent(base, j);
-    if (p >= 0 && topo.parentOf(j, p) == i) topo.orphan(g, j);
+    if ((sinkSide ? caps[e] : caps[e ^ 1]) != 0.0f) topo.pushActive(g, j);
+    if (topo.up(base, j) == i) topo.orphan(g, j);
   }
 }
 
@@ -484,19 +563,11 @@ float serialLoop(VELDSEGraph* g, const Topology& topo) {
   const LimitWatch limit;
 
   for (;;) {
-    // Pop the head of the active queue.
-    nodes* const n = g->m_activeHead;
-    if (n == nullptr) return g->m_flow;
-    if (n == g->m_activeTail) {
-      g->m_activeHead = g->m_activeTail = nullptr;
-    } else {
-      g->m_activeHead = n->nextActive;
-    }
-
-    const int i = static_cast<int>(n - base);
+    const int i = topo.popActive(g);
+    if (i < 0) return g->m_flow;
     const unsigned mask = topo.mask(i);
     for (;;) {
-      n->nextActive = nullptr;
+      topo.releaseActive(g, i);
       int middle = -1;
       const int tree = topo.tree(base, i);
       if (tree == VELDSEGraph::SOURCE_TREE) {
@@ -509,7 +580,7 @@ float serialLoop(VELDSEGraph* g, const Topology& topo) {
           if (jTree == VELDSEGraph::FREE_TREE) {
             topo.setTree(base, j, VELDSEGraph::SOURCE_TREE);
             topo.setParent(base, j, e ^ 1, i);
-            pushActive(g, base + j);
+            topo.pushActive(g, j);
           } else if (jTree == VELDSEGraph::SINK_TREE) {
             middle = e;
             break;
@@ -525,7 +596,7 @@ float serialLoop(VELDSEGraph* g, const Topology& topo) {
           if (jTree == VELDSEGraph::FREE_TREE) {
             topo.setTree(base, j, VELDSEGraph::SINK_TREE);
             topo.setParent(base, j, e, i);
-            pushActive(g, base + j);
+            topo.pushActive(g, j);
           } else if (jTree == VELDSEGraph::SOURCE_TREE) {
             middle = e;
             break;
@@ -539,12 +610,12 @@ float serialLoop(VELDSEGraph* g, const Topology& topo) {
 
       // Counts as queued while its own augmentation's orphans are adopted;
       // it is visited again right after.
-      n->nextActive = n;
+      topo.holdActive(g, i);
       augmentPath(g, topo, middle);
       while (!exitRequested()) {
-        nodes* const o = popOrphan(g);
-        if (o == nullptr) break;
-        const int oTree = topo.tree(base, static_cast<int>(o - base));
+        const int o = topo.popOrphan(g);
+        if (o < 0) break;
+        const int oTree = topo.tree(base, o);
         if (oTree == VELDSEGraph::SINK_TREE) {
           adoptOrphan<true>(g, o, topo);
         } else if (oTree == VELDSEGraph::SOURCE_TREE) {

@@ -229,8 +229,8 @@ float VELDSEGraph::maxFlow() {
 
 void VELDSEGraph::AugmentPath(int middle) { augmentPath(this, GridTopology(this), middle); }
 
-void VELDSEGraph::ProcessSourceOrphans(nodes* o) { adoptOrphan<false>(this, o, GridTopology(this)); }
+void VELDSEGraph::ProcessSourceOrphans(nodes* o) { adoptOrphan<false>(this, static_cast<int>(o - m_nodes), GridTopology(this)); }
 
-void VELDSEGraph::ProcessSinkOrphans(nodes* o) { adoptOrphan<true>(this, o, GridTopology(this)); }
+void VELDSEGraph::ProcessSinkOrphans(nodes* o) { adoptOrphan<true>(this, static_cast<int>(o - m_nodes), GridTopology(this)); }
 
 float VELDSEGraph::maxFlowSerialCall() { return serialLoop(this, GridTopology(this)); }
