@@ -15,9 +15,10 @@
 // neighbours; ABSENT_EDGE where that neighbour is not in the band). Where a
 // grid node finds its neighbours by arithmetic alone, a band node needs which
 // of its eight neighbours are band pixels and the index of the pixels above
-// and below it (the rest follows from the row-major numbering); the solver
-// also mirrors each node's parent slot, parent node and tree in dense arrays
-// (the records stay authoritative when it returns). These live in the same
+// and below it (the rest follows from the row-major numbering). While it
+// runs, the solver keeps each node's state (parent slot and node, tree,
+// terminal capacity, queue links) in dense arrays of its own and writes it
+// back into the records before it returns. These live in the same
 // allocation as the capacities, just past m_capMax, so that deleting the
 // graph frees them too. m_width and m_height give the box.
 //
@@ -40,8 +41,7 @@
 // capacity pairs per node and the neighbour links (no neighbours yet), one
 // thread. The arrays may be null when memory is short; the caller checks as
 // for a grid. Cost per node: 20 bytes of record (32-bit ARM; 32 on x86_64),
-// 32 of capacities, 9 of neighbour links, 9 of the solver's mirror of parent
-// and tree.
+// 32 of capacities, 9 of neighbour links, 21 of the solver's own node state.
 VELDSEGraph* createBandGraph(int nodeCount, int width, int height);
 
 // Node i's earlier neighbours (left, upper-left, up, upper-right: node index
