@@ -20,9 +20,15 @@
 //     nearest-neighbour enlargement is a pair of index maps (one per axis,
 //     taken from cvResize itself), read through where a pixel is needed;
 //   * the photo is read in place through a header on the box.
+#include <algorithm>
 #include <climits>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
+#include <new>
+#include <system_error>
+#include <thread>
 #include <vector>
 
 #include <android/log.h>
@@ -71,6 +77,20 @@ std::vector<int> nearestMap(int from, int to) {
   return map;
 }
 
+// The first x' >= x of the row below width that is not fixed (width if none).
+// Most of a box is fixed, so the rows are skimmed eight bytes at a time.
+int nextCut(const unsigned char* row, int x, int width) {
+  const uint64_t fixed8 = 0x0101010101010101ull * kFixed;
+  while (x + 8 <= width) {
+    uint64_t word;
+    std::memcpy(&word, row + x, 8);
+    if (word != fixed8) break;
+    x += 8;
+  }
+  while (x < width && row[x] == kFixed) ++x;
+  return x;
+}
+
 // A working-size image seen at full size through the nearest-neighbour maps.
 struct Enlarged {
   const IplImage* image;
@@ -86,6 +106,11 @@ IplImage* cropEnlarged(const Enlarged& e, int x0, int y0, int w, int h) {
   for (int y = 0; y < h; ++y) {
     const unsigned char* in = e.row(y0 + y);
     unsigned char* out = imageRow(crop, y);
+    // Consecutive rows enlarged from the same working row are equal.
+    if (y > 0 && in == e.row(y0 + y - 1)) {
+      std::memcpy(out, imageRow(crop, y - 1), static_cast<size_t>(w));
+      continue;
+    }
     for (int x = 0; x < w; ++x) out[x] = in[e.column(x0 + x)];
   }
   return crop;
@@ -111,7 +136,7 @@ void fixInertRingPixels(IplImage* trimap, double lambda) {
     const unsigned char* above = y > 0 ? imageRow(trimap, y - 1) : nullptr;
     unsigned char* row = imageRow(trimap, y);
     const unsigned char* below = y < h - 1 ? imageRow(trimap, y + 1) : nullptr;
-    for (int x = 0; x < w; ++x) {
+    for (int x = nextCut(row, 0, w); x < w; x = nextCut(row, x + 1, w)) {
       if (row[x] != kOuterRing && row[x] != kInnerRing) continue;
       const int x0 = x > 0 ? x - 1 : x;
       const int x1 = x < w - 1 ? x + 1 : x;
@@ -141,35 +166,122 @@ IplImage* VELDSEHybrid::cropImageTrimap(IplImage* src, int w, int h, int y0, int
   return crop;
 }
 
+namespace {
+
+// Above this many band nodes the likelihoods are worked out on several
+// threads (at most four).
+const int kParallelLikelihoodNodes = 100000;
+
+int likelihoodSlices(int nodes) {
+  if (nodes < kParallelLikelihoodNodes) return 1;
+  const int cores = static_cast<int>(std::thread::hardware_concurrency());
+  return std::max(1, std::min(4, cores));
+}
+
+// What a band pixel's terminal weights are read from: the box of the photo
+// (or, in a grey photo, of its grey values and two textures) and the models.
+// The models are only read.
+struct BandColours {
+  const IplImage* img;
+  const IplImage* texHor;
+  const IplImage* texVer;
+  VELDSEColorModel* background;
+  VELDSEColorModel* object;
+  bool grey;
+
+  // -log of the background and of the object model's likelihood of the
+  // colour of box pixel (x, y).
+  void cost(int x, int y, float* pair) const {
+    const unsigned char* px = imageRow(img, y) + 3 * x;
+    pixelVal sample;
+    sample.val[0] = px[0];
+    sample.val[1] = grey ? imageRow(texHor, y)[x] : px[1];
+    sample.val[2] = grey ? imageRow(texVer, y)[x] : px[2];
+    const double lb = std::log(background->GMMProb(sample));
+    const double lf = std::log(object->GMMProb(sample));
+    pair[0] = -static_cast<float>(lb);
+    pair[1] = -static_cast<float>(lf);
+  }
+
+  // cost() for every band pixel of row y, into consecutive pairs from `out`
+  // on: one pair per non-fixed pixel (the rings' pairs are left unset).
+  void rowCosts(const IplImage* trimap, int y, float* out) const {
+    const unsigned char* code = imageRow(trimap, y);
+    const int width = trimap->width;
+    for (int x = nextCut(code, 0, width); x < width; x = nextCut(code, x + 1, width)) {
+      if (code[x] != kOuterRing && code[x] != kInnerRing) cost(x, y, out);
+      out += 2;
+    }
+  }
+};
+
+}  // namespace
+
 int VELDSEHybrid::constructGraphTrimapVELD(IplImage* img, IplImage* /*extraTex*/, IplImage* trimap,
                                            IplImage* texHor, IplImage* texVer) {
   const int width = m_boundWidthTrimap;
   const int height = m_boundHeightTrimap;
   // Only the pixels that take part in the cut become nodes (see the top of
   // this file); node k is the k-th of them in row-major order.
-  int n = 0;
+  // rowStart[y]: the index of row y's first node.
+  std::vector<int> rowStart(height + 1, 0);
   for (int y = 0; y < height; ++y) {
     const unsigned char* code = imageRow(trimap, y);
-    for (int x = 0; x < width; ++x) n += code[x] != kFixed;
+    int count = 0;
+    for (int x = nextCut(code, 0, width); x < width; x = nextCut(code, x + 1, width)) ++count;
+    rowStart[y + 1] = rowStart[y] + count;
   }
+  const int n = rowStart[height];
   m_trimapGraph = createBandGraph(n, width, height);
   VELDSEGraph* graph = m_trimapGraph;
   if (graph->m_nodes == nullptr || graph->m_caps == nullptr) return 1;
   graph->reset();
   graph->addNode(n);
 
-  // Terminal links.
-  const bool grey = VELDSEMarker::m_isGreyScale;
+  // Terminal links. The band pixels' two likelihoods are the costly part;
+  // they depend on the pixel alone, so on a large band they are worked out
+  // for slices of rows side by side first. The links are then added one node
+  // after another as before (addtWeights sums the flow in node order).
+  const BandColours band{img, texHor, texVer, &m_bgModel, &m_fgModel, VELDSEMarker::m_isGreyScale};
+  std::vector<float> costs;
+  const int slices = likelihoodSlices(n);
+  if (slices > 1) {
+    try {
+      costs.resize(2 * static_cast<size_t>(n));
+    } catch (const std::bad_alloc&) {
+      costs.clear();  // no room: each node's pair is worked out as it is added
+    }
+  }
+  if (!costs.empty()) {
+    auto slice = [&](int y0, int y1) {
+      for (int y = y0; y < y1; ++y) band.rowCosts(trimap, y, costs.data() + 2L * rowStart[y]);
+    };
+    // Row slices of about equal node counts.
+    std::vector<int> bounds(slices + 1, height);
+    bounds[0] = 0;
+    for (int k = 1, y = 0; k < slices; ++k) {
+      const long target = static_cast<long>(n) * k / slices;
+      while (y < height && rowStart[y] < target) ++y;
+      bounds[k] = y;
+    }
+    std::vector<std::thread> workers;
+    int done = 1;  // slice 0 runs here, after the others have started
+    for (; done < slices; ++done) {
+      try {
+        workers.emplace_back(slice, bounds[done], bounds[done + 1]);
+      } catch (const std::system_error&) {
+        break;  // no more threads: the rest runs here
+      }
+    }
+    slice(bounds[0], bounds[1]);
+    slice(bounds[done], height);
+    for (std::thread& w : workers) w.join();
+  }
   int node = 0;
   for (int y = 0; y < height; ++y) {
     const unsigned char* code = imageRow(trimap, y);
-    const unsigned char* px = imageRow(img, y);
-    const unsigned char* hor = grey ? imageRow(texHor, y) : nullptr;
-    const unsigned char* ver = grey ? imageRow(texVer, y) : nullptr;
-    for (int x = 0; x < width; ++x, px += 3) {
+    for (int x = nextCut(code, 0, width); x < width; x = nextCut(code, x + 1, width)) {
       switch (code[x]) {
-        case kFixed:
-          continue;
         case kOuterRing:
           graph->addtWeights(node, 0.0f, kHardConstraint);
           break;
@@ -177,13 +289,13 @@ int VELDSEHybrid::constructGraphTrimapVELD(IplImage* img, IplImage* /*extraTex*/
           graph->addtWeights(node, kHardConstraint, 0.0f);
           break;
         default: {
-          pixelVal sample;
-          sample.val[0] = px[0];
-          sample.val[1] = grey ? hor[x] : px[1];
-          sample.val[2] = grey ? ver[x] : px[2];
-          const double lb = std::log(m_bgModel.GMMProb(sample));
-          const double lf = std::log(m_fgModel.GMMProb(sample));
-          graph->addtWeights(node, -static_cast<float>(lb), -static_cast<float>(lf));
+          float pair[2];
+          const float* c = costs.data() + 2L * node;
+          if (costs.empty()) {
+            band.cost(x, y, pair);
+            c = pair;
+          }
+          graph->addtWeights(node, c[0], c[1]);
           break;
         }
       }
@@ -214,7 +326,8 @@ int VELDSEHybrid::constructGraphTrimapVELD(IplImage* img, IplImage* /*extraTex*/
                               table[std::abs(p[2] - q[2])]);
   };
   // Node index of each pixel of the previous and the current row (-1: fixed
-  // or outside the box).
+  // or outside the box). Only non-fixed pixels are ever set, so before a row
+  // goes into an array, the entries the row two above set there are cleared.
   std::vector<int> upIndex(width + 2, -1), rowIndex(width + 2, -1);
   int* up = upIndex.data() + 1;
   int* cur = rowIndex.data() + 1;
@@ -223,11 +336,11 @@ int VELDSEHybrid::constructGraphTrimapVELD(IplImage* img, IplImage* /*extraTex*/
   for (int y = 0; y < height; ++y) {
     const unsigned char* code = imageRow(trimap, y);
     const unsigned char* row = imageRow(colours, y);
-    for (int x = 0; x < width; ++x) {
-      if (code[x] == kFixed) {
-        cur[x] = -1;
-        continue;
-      }
+    if (y >= 2) {
+      const unsigned char* old = imageRow(trimap, y - 2);
+      for (int x = nextCut(old, 0, width); x < width; x = nextCut(old, x + 1, width)) cur[x] = -1;
+    }
+    for (int x = nextCut(code, 0, width); x < width; x = nextCut(code, x + 1, width)) {
       cur[x] = node;
       const int left = cur[x - 1];
       const int upLeft = y > 0 ? up[x - 1] : -1;
@@ -377,6 +490,11 @@ IplImage* VELDSEHybrid::intelligentUpscaling(IplImage* mask) {
     for (int y = 0; y < fullH; ++y) {
       const unsigned char* e = labels.row(y);
       unsigned char* r = imageRow(result, y);
+      // Consecutive rows enlarged from the same working row are equal.
+      if (y > 0 && e == labels.row(y - 1)) {
+        std::memcpy(r, imageRow(result, y - 1), static_cast<size_t>(fullW));
+        continue;
+      }
       for (int x = 0; x < fullW; ++x) {
         const unsigned char code = e[labels.column(x)];
         r[x] = (code == LABEL_FG || code == LABEL_PR_FG) ? 255 : 0;
@@ -386,8 +504,8 @@ IplImage* VELDSEHybrid::intelligentUpscaling(IplImage* mask) {
     for (int y = 0; y < m_boundHeightTrimap; ++y) {
       const unsigned char* t = imageRow(trimapCrop, y);
       unsigned char* r = imageRow(result, ymin + y) + xmin;
-      for (int x = 0; x < m_boundWidthTrimap; ++x) {
-        if (t[x] == kFixed) continue;
+      const int w = m_boundWidthTrimap;
+      for (int x = nextCut(t, 0, w); x < w; x = nextCut(t, x + 1, w)) {
         // Sink side (1) is background.
         if (t[x] == kBand) r[x] = m_trimapGraph->getTreeofNode(node) == 1 ? 0 : 255;
         ++node;
