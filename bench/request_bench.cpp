@@ -23,6 +23,9 @@
 // makes its own copies of the photo, the marker grid and a fresh context;
 // its peak_B_per_px is over the whole call.
 //
+// BM_PeerGrabCut runs OpenCV's cv::grabCut on the same photos and rectangles
+// for comparison (see there).
+//
 // BM_RequestStages runs the work stage by stage through the engine's members
 // and reports each stage's time per request as a counter (ms):
 //   reduce_weights  setSourceImage + initSegmentationEngine (working image,
@@ -265,6 +268,53 @@ void photoSizes(benchmark::internal::Benchmark* b) {
 BENCHMARK(BM_Request)->Apply(photoSizes);
 BENCHMARK(BM_RequestAgain)->Apply(photoSizes);
 BENCHMARK(BM_DoSegmentationBB)->Apply(photoSizes);
+
+// The peer: OpenCV's cv::grabCut on the same photo and rectangle, five
+// iterations (the engine cuts five times), at full size - it has no reduced
+// working image. Time from the BGR photo to the mask; its peak is over the
+// call, per photo pixel. Up to 12 megapixels: that one already takes over two
+// minutes here.
+void BM_PeerGrabCut(benchmark::State& state) {
+  const Photo& p = photoOf(static_cast<int>(state.range(0)), static_cast<int>(state.range(1)));
+  if (p.width == 0) {
+    state.SkipWithError("photo not found");
+    return;
+  }
+  cv::Mat bgr(p.height, p.width, CV_8UC3);
+  for (int y = 0; y < p.height; ++y) {
+    unsigned char* row = bgr.ptr<unsigned char>(y);
+    const unsigned int* in = &p.argb[static_cast<size_t>(y) * p.width];
+    for (int x = 0; x < p.width; ++x) {
+      row[3 * x] = static_cast<unsigned char>(in[x]);
+      row[3 * x + 1] = static_cast<unsigned char>(in[x] >> 8);
+      row[3 * x + 2] = static_cast<unsigned char>(in[x] >> 16);
+    }
+  }
+  const cv::Rect rect(p.x1, p.y1, p.x2 - p.x1 + 1, p.y2 - p.y1 + 1);
+  double peak = 0.0;
+  std::vector<unsigned char> mask(p.argb.size());
+  for (auto _ : state) {
+    const PeakMemory memory;
+    cv::Mat labels, bgModel, fgModel;
+    cv::grabCut(bgr, labels, rect, bgModel, fgModel, 5, cv::GC_INIT_WITH_RECT);
+    peak += static_cast<double>(memory.added());
+    for (int y = 0; y < p.height; ++y) {
+      const unsigned char* l = labels.ptr<unsigned char>(y);
+      for (int x = 0; x < p.width; ++x) {
+        // As the engine's mask: 0 for object.
+        mask[static_cast<size_t>(y) * p.width + x] = (l[x] == cv::GC_FGD || l[x] == cv::GC_PR_FGD) ? 0 : 255;
+      }
+    }
+  }
+  reportPhoto(state, p, peak, mask);
+}
+void peerSizes(benchmark::internal::Benchmark* b) {
+  for (int which : {0, 1, 2}) {
+    for (int tenths : {3, 30, 120}) b->Args({which, tenths});
+  }
+  b->ArgNames({"photo", "tenths_mp"})->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(1);
+}
+BENCHMARK(BM_PeerGrabCut)->Apply(peerSizes);
 
 class StageClock {
  public:
