@@ -5,18 +5,14 @@
 // and a fresh context afterwards must segment correctly. Run under ASan and
 // TSan this also checks that the cross-thread flags are the only shared
 // traffic and that an abandoned request frees what it had.
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <random>
 #include <thread>
-#include <vector>
 
 #include "interface/segmentation_core.h"
 #include "interface/veldse_marker.h"
-#include "synthetic_scene.h"
+#include "tests/synthetic_scene.h"
+#include "tests/test_support.h"
 
 namespace {
 
@@ -66,8 +62,8 @@ struct Driver {
   int rectangleRequest() {
     const int r = s.h / 3;
     std::fill(mask.begin(), mask.end(), 77);
-    return doSegmentationBB(s.w, s.h, const_cast<unsigned int*>(s.argb.data()), s.w / 2 - r,
-                            s.h / 2 - r, s.w / 2 + r, s.h / 2 + r, mask.data());
+    return doSegmentationBB(s.w, s.h, const_cast<unsigned int*>(s.argb.data()), s.w / 2 - r, s.h / 2 - r, s.w / 2 + r,
+                            s.h / 2 + r, mask.data());
   }
 
   int process() {
@@ -77,8 +73,9 @@ struct Driver {
 
   // 77: left untouched (an abandoned cut); otherwise every entry is 0 or 255.
   bool maskIsWellFormed() const {
-    if (mask[0] == 77) return std::all_of(mask.begin(), mask.end(), [](unsigned char v) { return v == 77; });
-    return std::all_of(mask.begin(), mask.end(), [](unsigned char v) { return v == 0 || v == 255; });
+    const unsigned char first = mask[0];
+    return std::all_of(mask.begin(), mask.end(),
+                       [first](unsigned char v) { return first == 77 ? v == 77 : v == 0 || v == 255; });
   }
 
   const Scene& s;
