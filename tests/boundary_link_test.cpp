@@ -32,10 +32,7 @@ class VELDSEMarker {
   static bool m_isGreyScale, m_isHomogenous, m_exitApp;
   static double m_noiseLevel;
 
-  static void allocator();
-  static void dellocator();
-  static void initializer();
-  static void resetMarkers();
+  static void allocator(), dellocator(), initializer(), resetMarkers();
 };
 
 extern VELDSEHybrid* pHybrid;
@@ -59,16 +56,11 @@ int cutOutImage(int, int, int, unsigned int* blended, unsigned char* mask);
 void loadMaskImageInfo(unsigned char* mask);
 void loadBlendedImageInfo(unsigned int* blended);
 int fetch_path_array(int** array, int* count);
-int undo(unsigned int* blended, unsigned char* mask);
-int redo(unsigned int* blended, unsigned char* mask);
-int canUndo();
-int canRedo();
+int undo(unsigned int* blended, unsigned char* mask), redo(unsigned int* blended, unsigned char* mask);
+int canUndo(), canRedo();
 
-int initSegmentationEngine(int);
-int deinitSegmentation();
-int resetSegmentationInterface();
-int cancelSegmentation();
-int exitSegmentation();
+int initSegmentationEngine(int), deinitSegmentation(), resetSegmentationInterface();
+int cancelSegmentation(), exitSegmentation();
 void freeLocalBuffers();
 
 // --- path tracing ------------------------------------------------------------
@@ -84,9 +76,7 @@ class MinPriorityQueue {
   MinPriorityQueue();
   void push(Qnode q);
   Qnode pop_min();
-  void prelocate_up(int slot);
-  void prelocate_down(int slot);
-  void swap(int slotA, int slotB);
+  void prelocate_up(int slot), prelocate_down(int slot), swap(int slotA, int slotB);
 
   std::vector<Qnode> heap;
   std::vector<int32_t> position;
@@ -107,14 +97,10 @@ struct pixelVal {
 class VELDSEColorModel {
  public:
   VELDSEColorModel();
-  void setDeterminant();
-  void setInverseCovariance();
-  double gaussianProb(int k, pixelVal x);
-  double gaussianProbGreyScale(int k, pixelVal x);
-  double GMMProb(pixelVal x);
-  double GMMProbGreyScale(pixelVal x);
-  int colorModelCriteria();
-  int assignCluster(pixelVal x);
+  void setDeterminant(), setInverseCovariance();
+  double gaussianProb(int k, pixelVal x), gaussianProbGreyScale(int k, pixelVal x);
+  double GMMProb(pixelVal x), GMMProbGreyScale(pixelVal x);
+  int colorModelCriteria(), assignCluster(pixelVal x);
   void EM(std::vector<pixelVal> samples, int iterations);
 
   double weight[5], mean[5][3], covariance[5][9], determinant[5], normFactor[5], inverseCovariance[5][9];
@@ -135,10 +121,8 @@ class ParallelGC {
   ParallelGC(VELDSEGraph* g, int n);
   ~ParallelGC();
   int maxFlow();
-  void AssignIDs(int by, int bx);
-  void PartitionGraph(int by, int bx);
-  int RemoveAndStoreEdges(nodes* n, blockEdges* pair);
-  int MergeBlocks(int a, int b);
+  void AssignIDs(int by, int bx), PartitionGraph(int by, int bx);
+  int RemoveAndStoreEdges(nodes* n, blockEdges* pair), MergeBlocks(int a, int b);
   void MakeNeighbourChanges(int a, int b);
   void ComputeGMMProbsParallely(cv::Mat* img, cv::Mat* labels, double K, int sinkCode, int sourceCode,
                                 VELDSEColorModel* m1, VELDSEColorModel* m2, VELDSEGraph* g);
@@ -146,11 +130,8 @@ class ParallelGC {
                        VELDSEColorModel* m1, VELDSEColorModel* m2, VELDSEGraph* g);
 };
 
-void* ThreadAssignBlockIDs(void* arg);
-void* ThreadPartition(void* arg);
-void* ThreadMaxFlow(void* arg);
-void* ThreadMerge(void* arg);
-void* ThreadComputeGMMProbs(void* arg);
+void *ThreadAssignBlockIDs(void* arg), *ThreadPartition(void* arg), *ThreadMaxFlow(void* arg);
+void *ThreadMerge(void* arg), *ThreadComputeGMMProbs(void* arg);
 
 // Constructors and destructors have no address to take: this function refers
 // to them so that the link needs them. It is never called (a ParallelGC needs
