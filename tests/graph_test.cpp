@@ -20,12 +20,7 @@ const int T = VELDSEGraph::TERMINAL, O = VELDSEGraph::NONE;
 const int SRC = VELDSEGraph::SOURCE_TREE, SNK = VELDSEGraph::SINK_TREE, FREE = VELDSEGraph::FREE_TREE;
 
 TEST(VELDSEGraphMaxFlow, WorkedCases) {
-  struct Case {
-    const char* name;
-    GridCase gc;
-    float flow;
-    std::vector<int> trees;  // getTreeofNode per node
-  };
+  struct Case { const char* name; GridCase gc; float flow; std::vector<int> trees; };  // trees: getTreeofNode per node
   std::vector<Case> cases = {{"1x1 source", emptyGrid(1, 1), 3, {0}},
                              {"1x1 sink", emptyGrid(1, 1), 3, {1}},
                              {"two nodes joined by 2", emptyGrid(2, 1), 2, {0, 1}},

@@ -140,12 +140,12 @@ TEST_F(LabelImage, StrokeBandFollowsTheStrokeAndIsClosed) {
 }
 
 TEST_F(LabelImage, WorkingBoxCases) {
+  // A rectangle (x0, y0)-(x1, y1) filled with `code` in the label image (x0 < 0: none).
   const struct {
     std::string name;
     int w, h;
     std::vector<int> points;
-    int strokeType;
-    int x0, y0, x1, y1;  // filled rectangle in the label image (x0 < 0: none)
+    int strokeType, x0, y0, x1, y1;
     unsigned char code;
     int boxX, boxY, boxW, boxH, areaTenth;
   } cases[] = {

@@ -65,12 +65,8 @@ class PreProcess : public ::testing::Test {
 };
 
 TEST_F(PreProcess, BlackBorderAndItsInnerRingBecomeBackground) {
-  const struct {
-    std::string name;
-    Box box;
-    int frameLeft, frameTop, frameRight, frameBottom;  // black lines on each side
-    Box kept;                                          // relative to the box
-  } cases[] = {
+  // Black lines on each side of the box; what is kept, relative to the box.
+  const struct { std::string name; Box box; int frameLeft, frameTop, frameRight, frameBottom; Box kept; } cases[] = {
       {"three-pixel frame", {0, 0, 60, 40}, 3, 3, 3, 3, {3, 3, 54, 34}},
       {"left bars only", {0, 0, 60, 40}, 3, 0, 0, 0, {3, 0, 57, 40}},
       {"top and right", {5, 5, 50, 30}, 0, 2, 4, 0, {0, 2, 46, 28}},
