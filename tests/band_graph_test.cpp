@@ -5,15 +5,10 @@
 // unchanged. Checked on random grids with random fixed pixels (from none to
 // nearly all, one-pixel rows and columns included), and on large bands in
 // separate pieces, which are solved side by side.
-#include <gtest/gtest.h>
-
-#include <random>
-#include <string>
-#include <vector>
-
 #include "graph/band_graph.h"
 #include "graph/veldse_graph.h"
 #include "tests/maxflow_reference.h"
+#include "tests/test_support.h"
 
 namespace {
 
@@ -45,36 +40,24 @@ void expectSameSolve(const GridCase& gc, const std::vector<bool>& fixed) {
   const float gridFlow = grid.maxFlow();
 
   std::vector<int> index(n, -1), pixel;
-  for (int p = 0; p < n; ++p) {
-    if (fixed[p]) continue;
-    index[p] = static_cast<int>(pixel.size());
-    pixel.push_back(p);
-  }
+  for (int p = 0; p < n; ++p)
+    if (!fixed[p]) index[p] = static_cast<int>(pixel.size()), pixel.push_back(p);
   const int m = static_cast<int>(pixel.size());
   VELDSEGraph* band = createBandGraph(m, gc.w, gc.h);
-  ASSERT_NE(band->m_nodes, nullptr);
-  ASSERT_NE(band->m_caps, nullptr);
+  ASSERT_TRUE(band->m_nodes != nullptr && band->m_caps != nullptr);
   band->reset();
   band->addNode(m);
   for (int i = 0; i < m; ++i) {
     int earlier[4];
-    for (int k = 0; k < 4; ++k) {
-      const int j = earlierNeighbour(gc.w, pixel[i], k);
-      earlier[k] = j < 0 ? -1 : index[j];
-    }
+    for (int k = 0, j; k < 4; ++k) earlier[k] = (j = earlierNeighbour(gc.w, pixel[i], k)) < 0 ? -1 : index[j];
     setBandNeighbours(band, i, earlier[0], earlier[1], earlier[2], earlier[3]);
-    for (int k = 0; k < 4; ++k) {
-      const int a = 4 * pixel[i] + k;
-      band->addEdge(i, earlier[k], static_cast<float>(gc.cap[a]), static_cast<float>(gc.revCap[a]),
-                    gc.absent[a]);
-    }
+    for (int k = 0, a = 4 * pixel[i]; k < 4; ++k, ++a)
+      band->addEdge(i, earlier[k], static_cast<float>(gc.cap[a]), static_cast<float>(gc.revCap[a]), gc.absent[a]);
   }
   for (int i = 0; i < m; ++i)
     for (const TerminalCall& t : gc.terminals[pixel[i]])
       band->addtWeights(i, static_cast<float>(t.source), static_cast<float>(t.sink));
-  const float bandFlow = bandMaxFlow(band);
-
-  EXPECT_EQ(bandFlow, gridFlow);
+  EXPECT_EQ(bandMaxFlow(band), gridFlow);
   for (int i = 0; i < m; ++i) {
     const nodes& b = band->m_nodes[i];
     const nodes& g = grid.m_nodes[pixel[i]];
@@ -86,14 +69,9 @@ void expectSameSolve(const GridCase& gc, const std::vector<bool>& fixed) {
     for (int s = 0; s < 8; ++s) ASSERT_EQ(band->m_caps[8 * i + s], grid.m_caps[8 * pixel[i] + s]) << "slot " << s;
   }
   // Later neighbours are found through the table written for earlier ones.
-  for (int i = 0; i < m; ++i) {
-    for (int k = 0; k < 4; ++k) {
-      const int j = bandNeighbour(band, i, k);
-      if (j >= 0) {
-        ASSERT_EQ(bandNeighbour(band, j, k + 4), i);
-      }
-    }
-  }
+  for (int i = 0; i < m; ++i)
+    for (int k = 0, j; k < 4; ++k)
+      if ((j = bandNeighbour(band, i, k)) >= 0) { ASSERT_EQ(bandNeighbour(band, j, k + 4), i); }
   delete band;
 }
 
@@ -106,7 +84,7 @@ TEST(BandGraph, RandomGridsSolveAsTheFullGrid) {
     const int fixedPct = round % 5 == 0 ? 0 : uni(5, 90);
     std::vector<bool> fixed(w * h);
     for (int p = 0; p < w * h; ++p) fixed[p] = uni(1, 100) <= fixedPct;
-    SCOPED_TRACE("round " + std::to_string(round) + ", " + std::to_string(w) + "x" + std::to_string(h));
+    SCOPED_TRACE(testing::Message() << "round " << round << ", " << w << "x" << h);
     expectSameSolve(isolate(base, fixed), fixed);
     if (HasFatalFailure()) return;
   }

@@ -25,30 +25,14 @@ class VELDSEHybrid;
 
 class VELDSEMarker {
  public:
-  static IplImage* m_originalImage;
-  static int32_t m_originalWidth;
-  static int32_t m_originalHeight;
-  static IplImage* m_srcImage;
-  static int32_t m_width;
-  static int32_t m_height;
-  static IplImage* m_labelImage;
-  static IplImage* m_prevResult;
-  static IplImage* m_texHor;
-  static IplImage* m_texVer;
+  static IplImage *m_originalImage, *m_srcImage, *m_labelImage, *m_prevResult, *m_texHor, *m_texVer;
+  static int32_t m_originalWidth, m_originalHeight, m_width, m_height;
+  static int32_t m_xMinBBox, m_xMaxBBox, m_yMinBBox, m_yMaxBBox;
   static strokeInfo currentStroke;
-  static int32_t m_xMinBBox;
-  static int32_t m_xMaxBBox;
-  static int32_t m_yMinBBox;
-  static int32_t m_yMaxBBox;
-  static bool m_isGreyScale;
-  static bool m_isHomogenous;
-  static bool m_exitApp;
+  static bool m_isGreyScale, m_isHomogenous, m_exitApp;
   static double m_noiseLevel;
 
-  static void allocator();
-  static void dellocator();
-  static void initializer();
-  static void resetMarkers();
+  static void allocator(), dellocator(), initializer(), resetMarkers();
 };
 
 extern VELDSEHybrid* pHybrid;
@@ -56,8 +40,7 @@ extern float g_imageResizeFactor;
 extern int32_t g_exitStatus;
 extern CvSeq* contours;
 extern CvMemStorage* storage;
-extern IplImage* g_markerImage;
-extern IplImage* g_resultMask;
+extern IplImage *g_markerImage, *g_resultMask;
 extern unsigned char g_contoursReady;
 
 // --- exported functions: input, requests, history, lifecycle ---------------
@@ -68,22 +51,16 @@ int setMarkerImage(int width, int height, int* markers, int strokeType);
 int setCurrentMarkerVector(int count, int* coords);
 
 int processSegment(int, int, int, unsigned int* blended, unsigned char* mask);
-int doSegmentationBB(int width, int height, unsigned int* pixels, int x1, int y1, int x2, int y2,
-                     unsigned char* mask);
+int doSegmentationBB(int width, int height, unsigned int* pixels, int x1, int y1, int x2, int y2, unsigned char* mask);
 int cutOutImage(int, int, int, unsigned int* blended, unsigned char* mask);
 void loadMaskImageInfo(unsigned char* mask);
 void loadBlendedImageInfo(unsigned int* blended);
 int fetch_path_array(int** array, int* count);
-int undo(unsigned int* blended, unsigned char* mask);
-int redo(unsigned int* blended, unsigned char* mask);
-int canUndo();
-int canRedo();
+int undo(unsigned int* blended, unsigned char* mask), redo(unsigned int* blended, unsigned char* mask);
+int canUndo(), canRedo();
 
-int initSegmentationEngine(int);
-int deinitSegmentation();
-int resetSegmentationInterface();
-int cancelSegmentation();
-int exitSegmentation();
+int initSegmentationEngine(int), deinitSegmentation(), resetSegmentationInterface();
+int cancelSegmentation(), exitSegmentation();
 void freeLocalBuffers();
 
 // --- path tracing ------------------------------------------------------------
@@ -99,9 +76,7 @@ class MinPriorityQueue {
   MinPriorityQueue();
   void push(Qnode q);
   Qnode pop_min();
-  void prelocate_up(int slot);
-  void prelocate_down(int slot);
-  void swap(int slotA, int slotB);
+  void prelocate_up(int slot), prelocate_down(int slot), swap(int slotA, int slotB);
 
   std::vector<Qnode> heap;
   std::vector<int32_t> position;
@@ -111,8 +86,7 @@ double find_weight(IplImage* img, int r1, int c1, int r2, int c2, double alpha);
 void assign_index(Node_& node, int rows, int cols, int r, int c, double);
 void assign_weight(IplImage* src, IplImage* label, Node_& node, int r, int c, double alpha);
 std::vector<int32_t> find_parent_info(IplImage* src, IplImage* label, int r, int c, double alpha);
-std::vector<int32_t> find_parent_info(IplImage* src, IplImage* label, int r, int c, double alpha,
-                                      IplImage* out);
+std::vector<int32_t> find_parent_info(IplImage* src, IplImage* label, int r, int c, double alpha, IplImage* out);
 
 // --- colour model ------------------------------------------------------------
 
@@ -123,22 +97,13 @@ struct pixelVal {
 class VELDSEColorModel {
  public:
   VELDSEColorModel();
-  void setDeterminant();
-  void setInverseCovariance();
-  double gaussianProb(int k, pixelVal x);
-  double gaussianProbGreyScale(int k, pixelVal x);
-  double GMMProb(pixelVal x);
-  double GMMProbGreyScale(pixelVal x);
-  int colorModelCriteria();
-  int assignCluster(pixelVal x);
+  void setDeterminant(), setInverseCovariance();
+  double gaussianProb(int k, pixelVal x), gaussianProbGreyScale(int k, pixelVal x);
+  double GMMProb(pixelVal x), GMMProbGreyScale(pixelVal x);
+  int colorModelCriteria(), assignCluster(pixelVal x);
   void EM(std::vector<pixelVal> samples, int iterations);
 
-  double weight[5];
-  double mean[5][3];
-  double covariance[5][9];
-  double determinant[5];
-  double normFactor[5];
-  double inverseCovariance[5][9];
+  double weight[5], mean[5][3], covariance[5][9], determinant[5], normFactor[5], inverseCovariance[5][9];
 };
 
 // --- parallel max-flow and terminal links ---------------------------------------
@@ -156,22 +121,17 @@ class ParallelGC {
   ParallelGC(VELDSEGraph* g, int n);
   ~ParallelGC();
   int maxFlow();
-  void AssignIDs(int by, int bx);
-  void PartitionGraph(int by, int bx);
-  int RemoveAndStoreEdges(nodes* n, blockEdges* pair);
-  int MergeBlocks(int a, int b);
+  void AssignIDs(int by, int bx), PartitionGraph(int by, int bx);
+  int RemoveAndStoreEdges(nodes* n, blockEdges* pair), MergeBlocks(int a, int b);
   void MakeNeighbourChanges(int a, int b);
   void ComputeGMMProbsParallely(cv::Mat* img, cv::Mat* labels, double K, int sinkCode, int sourceCode,
                                 VELDSEColorModel* m1, VELDSEColorModel* m2, VELDSEGraph* g);
-  void ComputeGMMProbs(int by, int bx, cv::Mat* img, cv::Mat* labels, double K, int sinkCode,
-                       int sourceCode, VELDSEColorModel* m1, VELDSEColorModel* m2, VELDSEGraph* g);
+  void ComputeGMMProbs(int by, int bx, cv::Mat* img, cv::Mat* labels, double K, int sinkCode, int sourceCode,
+                       VELDSEColorModel* m1, VELDSEColorModel* m2, VELDSEGraph* g);
 };
 
-void* ThreadAssignBlockIDs(void* arg);
-void* ThreadPartition(void* arg);
-void* ThreadMaxFlow(void* arg);
-void* ThreadMerge(void* arg);
-void* ThreadComputeGMMProbs(void* arg);
+void *ThreadAssignBlockIDs(void* arg), *ThreadPartition(void* arg), *ThreadMaxFlow(void* arg);
+void *ThreadMerge(void* arg), *ThreadComputeGMMProbs(void* arg);
 
 // Constructors and destructors have no address to take: this function refers
 // to them so that the link needs them. It is never called (a ParallelGC needs
@@ -186,31 +146,28 @@ using FindParentsInto = std::vector<int32_t> (*)(IplImage*, IplImage*, int, int,
 // comparison of a known address with null alone would be folded away).
 auto boundaryGlobals = std::make_tuple(
     &VELDSEMarker::m_originalImage, &VELDSEMarker::m_originalWidth, &VELDSEMarker::m_originalHeight,
-    &VELDSEMarker::m_srcImage, &VELDSEMarker::m_width, &VELDSEMarker::m_height,
-    &VELDSEMarker::m_labelImage, &VELDSEMarker::m_prevResult, &VELDSEMarker::m_texHor,
-    &VELDSEMarker::m_texVer, &VELDSEMarker::currentStroke, &VELDSEMarker::m_xMinBBox,
-    &VELDSEMarker::m_xMaxBBox, &VELDSEMarker::m_yMinBBox, &VELDSEMarker::m_yMaxBBox,
+    &VELDSEMarker::m_srcImage, &VELDSEMarker::m_width, &VELDSEMarker::m_height, &VELDSEMarker::m_labelImage,
+    &VELDSEMarker::m_prevResult, &VELDSEMarker::m_texHor, &VELDSEMarker::m_texVer, &VELDSEMarker::currentStroke,
+    &VELDSEMarker::m_xMinBBox, &VELDSEMarker::m_xMaxBBox, &VELDSEMarker::m_yMinBBox, &VELDSEMarker::m_yMaxBBox,
     &VELDSEMarker::m_isGreyScale, &VELDSEMarker::m_isHomogenous, &VELDSEMarker::m_exitApp,
-    &VELDSEMarker::m_noiseLevel, &pHybrid, &g_imageResizeFactor, &g_exitStatus, &contours,
-    &storage, &g_markerImage, &g_resultMask, &g_contoursReady);
+    &VELDSEMarker::m_noiseLevel, &pHybrid, &g_imageResizeFactor, &g_exitStatus, &contours, &storage,
+    &g_markerImage, &g_resultMask, &g_contoursReady);
 auto boundaryFunctions = std::make_tuple(
-    &VELDSEMarker::allocator, &VELDSEMarker::dellocator, &VELDSEMarker::initializer,
-    &VELDSEMarker::resetMarkers, &setSourceImage, &copySourceImage, &setMarkerImage,
-    &setCurrentMarkerVector, &processSegment, &doSegmentationBB, &cutOutImage, &loadMaskImageInfo,
-    &loadBlendedImageInfo, &fetch_path_array, &undo, &redo, &canUndo, &canRedo,
-    &initSegmentationEngine, &deinitSegmentation, &resetSegmentationInterface, &cancelSegmentation,
-    &exitSegmentation, &freeLocalBuffers, &find_weight, &assign_index, &assign_weight,
+    &VELDSEMarker::allocator, &VELDSEMarker::dellocator, &VELDSEMarker::initializer, &VELDSEMarker::resetMarkers,
+    &setSourceImage, &copySourceImage, &setMarkerImage, &setCurrentMarkerVector, &processSegment,
+    &doSegmentationBB, &cutOutImage, &loadMaskImageInfo, &loadBlendedImageInfo, &fetch_path_array, &undo, &redo,
+    &canUndo, &canRedo, &initSegmentationEngine, &deinitSegmentation, &resetSegmentationInterface,
+    &cancelSegmentation, &exitSegmentation, &freeLocalBuffers, &find_weight, &assign_index, &assign_weight,
     static_cast<FindParents>(&find_parent_info), static_cast<FindParentsInto>(&find_parent_info),
-    &boundaryLinkParallelGC, &ThreadAssignBlockIDs, &ThreadPartition, &ThreadMaxFlow,
-    &ThreadMerge, &ThreadComputeGMMProbs);
+    &boundaryLinkParallelGC, &ThreadAssignBlockIDs, &ThreadPartition, &ThreadMaxFlow, &ThreadMerge,
+    &ThreadComputeGMMProbs);
 auto boundaryMembers = std::make_tuple(
     &MinPriorityQueue::push, &MinPriorityQueue::pop_min, &MinPriorityQueue::prelocate_up,
     &MinPriorityQueue::prelocate_down, &MinPriorityQueue::swap, &VELDSEColorModel::setDeterminant,
     &VELDSEColorModel::setInverseCovariance, &VELDSEColorModel::gaussianProb,
-    &VELDSEColorModel::gaussianProbGreyScale, &VELDSEColorModel::GMMProb,
-    &VELDSEColorModel::GMMProbGreyScale, &VELDSEColorModel::colorModelCriteria,
-    &VELDSEColorModel::assignCluster, &VELDSEColorModel::EM, &VELDSEGraph::InitBlock,
-    &ParallelGC::maxFlow, &ParallelGC::AssignIDs, &ParallelGC::PartitionGraph,
+    &VELDSEColorModel::gaussianProbGreyScale, &VELDSEColorModel::GMMProb, &VELDSEColorModel::GMMProbGreyScale,
+    &VELDSEColorModel::colorModelCriteria, &VELDSEColorModel::assignCluster, &VELDSEColorModel::EM,
+    &VELDSEGraph::InitBlock, &ParallelGC::maxFlow, &ParallelGC::AssignIDs, &ParallelGC::PartitionGraph,
     &ParallelGC::RemoveAndStoreEdges, &ParallelGC::MergeBlocks, &ParallelGC::MakeNeighbourChanges,
     &ParallelGC::ComputeGMMProbsParallely, &ParallelGC::ComputeGMMProbs);
 
@@ -228,11 +185,15 @@ TEST(BoundaryLink, EveryDeclarationResolves) {
 }
 
 // The globals' types and defaults as the bridge reads them: a float read as a
-// float, a double as a double, a 32-bit exit status as an int32.
+// float, a double as a double, a 32-bit exit status as an int32. The exit is
+// armed only after a cancel.
 TEST(BoundaryLink, GlobalsHaveTheDeclaredTypesAndDefaults) {
   EXPECT_EQ(g_imageResizeFactor, 1.0f);
   EXPECT_EQ(VELDSEMarker::m_noiseLevel, 0.1);
   EXPECT_EQ(pHybrid, nullptr);
+  g_exitStatus = 7;
+  EXPECT_EQ(exitSegmentation(), 0);
+  EXPECT_EQ(g_exitStatus, 0);
   EXPECT_EQ(cancelSegmentation(), 1);
   EXPECT_TRUE(VELDSEMarker::m_exitApp);
   EXPECT_EQ(exitSegmentation(), 1);
@@ -250,28 +211,24 @@ TEST(BoundaryLink, ObjectsHaveTheDeclaredLayout) {
   VELDSEColorModel m;
   for (int k = 0; k < 5; ++k) EXPECT_EQ(m.weight[k], 0.0) << k;
   m.weight[3] = 0.5;
-  for (int c = 0; c < 3; ++c) m.mean[3][c] = 10.0 * (c + 1);
-  for (int i = 0; i < 3; ++i) m.covariance[3][4 * i] = 4.0;
+  for (int c = 0; c < 3; ++c) m.mean[3][c] = 10.0 * (c + 1), m.covariance[3][4 * c] = 4.0;
   m.setDeterminant();
   m.setInverseCovariance();
   EXPECT_DOUBLE_EQ(m.determinant[3], 64.0);
   EXPECT_DOUBLE_EQ(m.normFactor[3], 0.125);
   EXPECT_DOUBLE_EQ(m.inverseCovariance[3][8], 0.25);
-  const pixelVal atMean{{10.0, 20.0, 30.0}};
-  const pixelVal off{{12.0, 20.0, 30.0}};  // d = 2 on channel 0: q = 4 / 4 = 1
+  const pixelVal atMean{{10.0, 20.0, 30.0}}, off{{12.0, 20.0, 30.0}};  // off: d = 2 on channel 0, q = 4 / 4 = 1
   EXPECT_DOUBLE_EQ(m.GMMProb(atMean), 0.5 * 0.125);
   EXPECT_DOUBLE_EQ(m.gaussianProb(3, off), std::exp(-0.5) * 0.125);
   EXPECT_EQ(m.assignCluster(off), 3);
 
   MinPriorityQueue q;
   ASSERT_EQ(q.heap.size(), 1u);  // the dummy slot
-  EXPECT_EQ(q.heap[0].index, -1);
-  EXPECT_EQ(q.heap[0].key, -1.0);
+  EXPECT_TRUE(q.heap[0].index == -1 && q.heap[0].key == -1.0);
   for (int i = 0; i < 3; ++i) q.push(Qnode{i, 3.0 - i});
   EXPECT_EQ(q.position, (std::vector<int32_t>{2, 3, 1}));
   const Qnode top = q.pop_min();
-  EXPECT_EQ(top.index, 2);
-  EXPECT_EQ(top.key, 1.0);
+  EXPECT_TRUE(top.index == 2 && top.key == 1.0);
 }
 
 }  // namespace

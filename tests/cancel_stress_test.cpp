@@ -5,18 +5,14 @@
 // and a fresh context afterwards must segment correctly. Run under ASan and
 // TSan this also checks that the cross-thread flags are the only shared
 // traffic and that an abandoned request frees what it had.
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <random>
 #include <thread>
-#include <vector>
 
 #include "interface/segmentation_core.h"
 #include "interface/veldse_marker.h"
-#include "synthetic_scene.h"
+#include "tests/synthetic_scene.h"
+#include "tests/test_support.h"
 
 namespace {
 
@@ -48,37 +44,32 @@ struct Driver {
     setMarkerImage(s.w, s.h, markers.data(), mode);
   }
 
-  // A loop (mode 0) round the disc with a margin, its inside marked probable object.
-  int loopRequest() {
-    const int r = s.h / 4 + s.h / 12;
-    const int x1 = s.w / 2 - r, y1 = s.h / 2 - r, x2 = s.w / 2 + r, y2 = s.h / 2 + r;
-    mark({x1, y1, x2, y1, x2, y2, x1, y2}, x1, y1, x2, y2, LABEL_PR_FG, 0);
-    return process();
-  }
-
-  // A background stroke (mode 3) across the photo's top, one point far off.
-  int strokeRequest(bool cut) {
-    const int y = s.h / 10;
-    mark({-500, y, s.w / 3, y, s.w + 900, y}, 0, y, s.w - 1, y, LABEL_BG, 3);
-    return cut ? process() : cutOutImage(0, 0, 0, blended.data(), mask.data());
-  }
-
-  int rectangleRequest() {
-    const int r = s.h / 3;
+  // One of the bridge's requests, by kind: 0 a loop (mode 0) round the disc
+  // with a margin, its inside marked probable object; 1 and 2 a background
+  // stroke (mode 3) across the photo's top, one point far off, as an edit and
+  // as a cut; 3 undo; 4 redo; 5 a rectangle round the disc.
+  int request(int kind) {
+    const int r = s.h / 4 + s.h / 12, x1 = s.w / 2 - r, y1 = s.h / 2 - r, x2 = s.w / 2 + r, y2 = s.h / 2 + r;
+    const int y = s.h / 10, q = s.h / 3;
     std::fill(mask.begin(), mask.end(), 77);
-    return doSegmentationBB(s.w, s.h, const_cast<unsigned int*>(s.argb.data()), s.w / 2 - r,
-                            s.h / 2 - r, s.w / 2 + r, s.h / 2 + r, mask.data());
-  }
-
-  int process() {
-    std::fill(mask.begin(), mask.end(), 77);
-    return processSegment(0, 0, 0, blended.data(), mask.data());
+    switch (kind) {
+      case 0: mark({x1, y1, x2, y1, x2, y2, x1, y2}, x1, y1, x2, y2, LABEL_PR_FG, 0); break;
+      case 1: case 2: mark({-500, y, s.w / 3, y, s.w + 900, y}, 0, y, s.w - 1, y, LABEL_BG, 3); break;
+      case 3: return undo(blended.data(), mask.data());
+      case 4: return redo(blended.data(), mask.data());
+      default:
+        return doSegmentationBB(s.w, s.h, const_cast<unsigned int*>(s.argb.data()), s.w / 2 - q, s.h / 2 - q,
+                                s.w / 2 + q, s.h / 2 + q, mask.data());
+    }
+    return kind == 1 ? cutOutImage(0, 0, 0, blended.data(), mask.data())
+                     : processSegment(0, 0, 0, blended.data(), mask.data());
   }
 
   // 77: left untouched (an abandoned cut); otherwise every entry is 0 or 255.
   bool maskIsWellFormed() const {
-    if (mask[0] == 77) return std::all_of(mask.begin(), mask.end(), [](unsigned char v) { return v == 77; });
-    return std::all_of(mask.begin(), mask.end(), [](unsigned char v) { return v == 0 || v == 255; });
+    const unsigned char first = mask[0];
+    return std::all_of(mask.begin(), mask.end(),
+                       [first](unsigned char v) { return first == 77 ? v == 77 : v == 0 || v == 255; });
   }
 
   const Scene& s;
@@ -115,15 +106,7 @@ int stress(const Scene& scene, int rounds, int maxDelayMs, unsigned seed) {
     int afterFire = 0;
     for (int step = 0; afterFire < 1 || step < 2; ++step) {
       if (fired) ++afterFire;
-      int result = 0;
-      switch ((round + step) % 6) {
-        case 0: result = d.loopRequest(); break;
-        case 1: result = d.strokeRequest(false); break;
-        case 2: result = d.strokeRequest(true); break;
-        case 3: result = undo(d.blended.data(), d.mask.data()); break;
-        case 4: result = redo(d.blended.data(), d.mask.data()); break;
-        default: result = d.rectangleRequest(); break;
-      }
+      const int result = d.request((round + step) % 6);
       EXPECT_TRUE(result == 0 || result == -1) << "step " << step << " returned " << result;
       EXPECT_TRUE(d.maskIsWellFormed()) << "step " << step;
       if (result == -1) ++teardowns, d.startContext();
@@ -152,8 +135,8 @@ TEST(CancelStress, RequestsSurviveRandomCancels) {
   const Scene small = makeScene(320, 240);
   Driver d(small);
   d.startContext();
-  for (int (Driver::*request)() : {&Driver::loopRequest, &Driver::rectangleRequest}) {
-    EXPECT_EQ((d.*request)(), 0);
+  for (int kind : {0, 5}) {  // a loop and a rectangle
+    EXPECT_EQ(d.request(kind), 0);
     EXPECT_GT(synthetic::iou(d.mask, small.truth), 0.9);
   }
   deinitSegmentation();

@@ -2,41 +2,22 @@
 // its ground truth (the band of mixed pixels, value 128, is not scored).
 // The photos are research data kept outside the repository; without them the
 // tests are skipped.
-#include <gtest/gtest.h>
-
 #include <cstdlib>
 #include <fstream>
 #include <map>
 #include <sstream>
-#include <string>
 
-#include <opencv2/core.hpp>
 #include <opencv2/imgcodecs.hpp>
-#include <opencv2/imgproc.hpp>
 
 #include "interface/segmentation_core.h"
+#include "tests/test_support.h"
 
 namespace {
 
 const std::string kRoot = SEGCORE_DATASET_DIR "/grabcut";
 
-struct Rect { int x1, y1, x2, y2; };
-
-std::map<std::string, Rect> readRects() {
-  std::map<std::string, Rect> rects;
-  std::ifstream in(kRoot + "/rects.tsv");
-  std::string line;
-  while (std::getline(in, line)) {
-    std::istringstream fields(line);
-    std::string name;
-    Rect r;
-    if (fields >> name >> r.x1 >> r.y1 >> r.x2 >> r.y2) rects[name] = r;
-  }
-  return rects;
-}
-
 // Error rate over the whole photo: misclassified scored pixels / scored pixels.
-double rectangleRequestError(const std::string& name, const Rect& r, double upscale) {
+double rectangleRequestError(const std::string& name, const cv::Vec4i& r, double upscale) {
   const std::string jpg = kRoot + "/images/" + name + ".jpg";
   cv::Mat photo = cv::imread(std::ifstream(jpg).good() ? jpg : kRoot + "/images/" + name + ".bmp");
   cv::Mat truth = cv::imread(kRoot + "/gt/" + name + ".bmp", cv::IMREAD_GRAYSCALE);
@@ -48,12 +29,11 @@ double rectangleRequestError(const std::string& name, const Rect& r, double upsc
   cv::Mat argb;  // opaque BGRA bytes are ARGB words on a little-endian host
   cv::cvtColor(photo, argb, cv::COLOR_BGR2BGRA);
   cv::Mat mask(photo.size(), CV_8U, cv::Scalar(77));
-  const auto s = [upscale](int v) { return static_cast<int>(v * upscale); };
-  doSegmentationBB(photo.cols, photo.rows, reinterpret_cast<unsigned int*>(argb.data), s(r.x1), s(r.y1), s(r.x2), s(r.y2), mask.data);
+  const auto s = [&](int i) { return static_cast<int>(r[i] * upscale); };
+  doSegmentationBB(photo.cols, photo.rows, reinterpret_cast<unsigned int*>(argb.data), s(0), s(1), s(2), s(3), mask.data);
   deinitSegmentation();
   const cv::Mat scored = truth != 128;
-  const cv::Mat wrong = ((mask == 0) != (truth > 128)) & scored;
-  return static_cast<double>(cv::countNonZero(wrong)) / cv::countNonZero(scored);
+  return static_cast<double>(cv::countNonZero(((mask == 0) != (truth > 128)) & scored)) / cv::countNonZero(scored);
 }
 
 class GrabCutDataset : public ::testing::Test {
@@ -61,10 +41,14 @@ class GrabCutDataset : public ::testing::Test {
   void SetUp() override {
     // Emulated runs are too slow for whole photos: cuts hit the time limit.
     if (std::getenv("SEGCORE_EMULATED") != nullptr) GTEST_SKIP() << "photos skipped under emulation";
-    rects = readRects();
+    std::ifstream in(kRoot + "/rects.tsv");  // name x1 y1 x2 y2
+    for (std::string line, name; std::getline(in, line);) {
+      cv::Vec4i r;
+      if (std::istringstream(line) >> name >> r[0] >> r[1] >> r[2] >> r[3]) rects[name] = r;
+    }
     if (rects.empty()) GTEST_SKIP() << "GrabCut photos not found under " << kRoot;
   }
-  std::map<std::string, Rect> rects;
+  std::map<std::string, cv::Vec4i> rects;
 };
 
 // Limits are about twice the error measured at native size (0.05 % to 1.8 %

@@ -1,32 +1,22 @@
 // Engine initialisation: working size, grey-scale decision, texture images and
 // neighbour weights.
-#include <gtest/gtest.h>
-#include "tests/log_capture.h"
-#include <opencv2/core.hpp>
-#include <opencv2/imgproc.hpp>
-
-#include <cmath>
-#include <cstdint>
 #include <functional>
-#include <random>
-#include <string>
-#include <vector>
 
 #include "engine/veldse_hybrid.h"
 #include "interface/segmentation_core.h"
 #include "interface/veldse_marker.h"
+#include "tests/test_support.h"
 
 namespace {
 
-unsigned char* rowOf(IplImage* image, int y) {
-  return reinterpret_cast<unsigned char*>(image->imageData + y * image->widthStep);
-}
+using testsupport::at;
+using testsupport::M;
 
 // 8U C3 image whose byte c of pixel (x, y) is byteAt(x, y, c).
 IplImage* makeImage(int w, int h, const std::function<int(int, int, int)>& byteAt) {
   IplImage* image = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, 3);
   for (int y = 0; y < h; ++y)
-    for (int x = 0; x < 3 * w; ++x) rowOf(image, y)[x] = static_cast<unsigned char>(byteAt(x / 3, y, x % 3));
+    for (int x = 0; x < 3 * w; ++x) at(image, x / 3, y, x % 3) = static_cast<unsigned char>(byteAt(x / 3, y, x % 3));
   return image;
 }
 
@@ -42,9 +32,9 @@ class EngineInit : public ::testing::Test {
 };
 
 TEST_F(EngineInit, WorkingSizeAndBilinearReduction) {
-  const struct { int w, h; float factor; int workW, workH; } cases[] = {{640, 480, 2.0f, 320, 240},       {320, 240, 1.0f, 320, 240},
-               {2000, 1500, 6.25f, 320, 240},     {321, 240, 1.00156128f, 320, 239},
-               {600, 400, 1.76776695f, 339, 226}, {300, 200, 1.0f, 300, 200}};
+  const struct { int w, h; float factor; int workW, workH; } cases[] = {
+      {640, 480, 2.0f, 320, 240},         {320, 240, 1.0f, 320, 240},       {2000, 1500, 6.25f, 320, 240},
+      {321, 240, 1.00156128f, 320, 239}, {600, 400, 1.76776695f, 339, 226}, {300, 200, 1.0f, 300, 200}};
   for (const auto& c : cases) {
     SCOPED_TRACE(std::to_string(c.w) + "x" + std::to_string(c.h));
     setPhoto(c.w, c.h);
@@ -52,17 +42,16 @@ TEST_F(EngineInit, WorkingSizeAndBilinearReduction) {
     EXPECT_EQ(g_imageResizeFactor, c.factor);
     EXPECT_EQ(cv::Size(VELDSEMarker::m_width, VELDSEMarker::m_height), cv::Size(c.workW, c.workH));
     EXPECT_EQ(cv::Size(pHybrid->m_imgWidth, pHybrid->m_imgHeight), cv::Size(c.workW, c.workH));
-    cv::Mat expected = cv::cvarrToMat(VELDSEMarker::m_originalImage);
+    cv::Mat expected = M(VELDSEMarker::m_originalImage);
     if (c.factor != 1.0f) cv::resize(expected.clone(), expected, cv::Size(c.workW, c.workH), 0, 0, cv::INTER_LINEAR);
-    EXPECT_EQ(cv::norm(cv::cvarrToMat(VELDSEMarker::m_srcImage), expected, cv::NORM_INF), 0.0);
+    EXPECT_EQ(cv::norm(M(VELDSEMarker::m_srcImage), expected, cv::NORM_INF), 0.0);
     deinitSegmentation();
   }
-}
-
-TEST_F(EngineInit, SmallPhotoKeepsTheCurrentFactor) {
+  // The engine's own start keeps the factor of an earlier context (it
+  // survives a teardown): a smaller photo is then reduced by it too.
   setPhoto(640, 480);
   initSegmentationEngine(0);
-  deinitSegmentation();  // the factor survives a teardown
+  deinitSegmentation();
   setPhoto(200, 100);
   pHybrid = new VELDSEHybrid;
   pHybrid->intializer();
@@ -76,11 +65,8 @@ TEST_F(EngineInit, GreyDecisionAtItsThreshold) {
   const struct { int c1, c2; bool grey; } cases[] = {{50, 50, true}, {149, 50, true}, {150, 50, false}, {0, 1, true}, {0, 100, false}};
   for (const auto& c : cases) {
     SCOPED_TRACE(std::to_string(c.c1) + "," + std::to_string(c.c2));
-    IplImage* image = makeImage(10, 10, [&](int x, int y, int ch) {
-      return x + y > 0 || ch == 0 ? 50 : ch == 1 ? c.c1 : c.c2;
-    });
-    VELDSEHybrid engine;
-    EXPECT_EQ(engine.greyScaleTest(image), c.grey);
+    IplImage* image = makeImage(10, 10, [&](int x, int y, int ch) { return x + y > 0 || ch == 0 ? 50 : ch == 1 ? c.c1 : c.c2; });
+    EXPECT_EQ(VELDSEHybrid().greyScaleTest(image), c.grey);
     cvReleaseImage(&image);
   }
 }
@@ -96,22 +82,14 @@ TEST_F(EngineInit, TextureValuesIncludingRowZeroAndLastColumn) {
   const int ver[3][4] = {{3, 10, 40, 0}, {3, 10, 40, 10}, {187, 30, 1, 30}};
   for (int y = 0; y < 3; ++y)
     for (int x = 0; x < 4; ++x) {
-      EXPECT_EQ(rowOf(VELDSEMarker::m_texHor, y)[x], hor[y][x]) << x << "," << y;
-      EXPECT_EQ(rowOf(VELDSEMarker::m_texVer, y)[x], ver[y][x]) << x << "," << y;
+      EXPECT_EQ(at(VELDSEMarker::m_texHor, x, y), hor[y][x]) << x << "," << y;
+      EXPECT_EQ(at(VELDSEMarker::m_texVer, x, y), ver[y][x]) << x << "," << y;
     }
-}
-
-TEST_F(EngineInit, EmptyWorkingImageLogsTextureSizeErrors) {
+  // An empty working image: both texture images' sizes are logged.
+  deinitSegmentation();
   VELDSEMarker::m_srcImage = cvCreateImage(cvSize(0, 0), IPL_DEPTH_8U, 3);
-  VELDSEHybrid engine;
-  hostlog::startCapture();
-  engine.computeTexture();
-  const std::vector<hostlog::Record> records = hostlog::stopCapture();
-  ASSERT_EQ(records.size(), 2u);
-  EXPECT_EQ(records[0].priority, 6);
-  EXPECT_EQ(records[0].tag, "Error");
-  EXPECT_EQ(records[0].text, "MEMORY_CRASH : computeTexture 2817");
-  EXPECT_EQ(records[1].text, "MEMORY_CRASH : computeTexture 2818");
+  EXPECT_EQ(testsupport::logged([&] { engine.computeTexture(); }),
+            (testsupport::Lines{"E/Error: MEMORY_CRASH : computeTexture 2817", "E/Error: MEMORY_CRASH : computeTexture 2818"}));
 }
 
 // Independent reference: every pixel visits its 8 neighbours and counts the
@@ -126,7 +104,7 @@ void bruteForcePairs(IplImage* image, long long& count, int32_t& wrapped) {
         for (int u = x - 1; u <= x + 1; ++u) {
           if (u < 0 || v < 0 || u >= w || v >= h || v * w + u <= y * w + x) continue;
           ++count;
-          for (int c = 0, d; c < 3; ++c) d = rowOf(image, y)[3 * x + c] - rowOf(image, v)[3 * u + c], sum += d * d;
+          for (int c = 0, d; c < 3; ++c) d = at(image, x, y, c) - at(image, u, v, c), sum += d * d;
         }
   wrapped = static_cast<int32_t>(static_cast<uint32_t>(sum));
 }
@@ -160,7 +138,7 @@ TEST_F(EngineInit, WeightsOfUniformAndTexturedImages) {
   for (bool uniform : {true, false}) {
     SCOPED_TRACE(uniform);
     // Textured: moderate noise with one white pixel beside a black one.
-    VELDSEMarker::m_srcImage = makeImage(w, h, [&](int x, int y, int) {
+    IplImage* src = VELDSEMarker::m_srcImage = makeImage(w, h, [&](int x, int y, int) {
       return uniform ? 77 : y == 4 && x == 5 ? 255 : y == 4 && x == 4 ? 0 : static_cast<int>(rng() & 63);
     });
     VELDSEHybrid engine;
@@ -183,14 +161,13 @@ TEST_F(EngineInit, WeightsOfUniformAndTexturedImages) {
             EXPECT_EQ(got, 0.0f);
             continue;
           }
-          const unsigned char* p = rowOf(VELDSEMarker::m_srcImage, y) + 3 * x;
-          const unsigned char* q = rowOf(VELDSEMarker::m_srcImage, ny) + 3 * nx;
-          const int d0 = std::abs(p[0] - q[0]), d1 = std::abs(p[1] - q[1]), d2 = std::abs(p[2] - q[2]);
-          const float recipe = s % 2 ? static_cast<float>(static_cast<double>(table[d0]) * 0.7071067932881648 *
-                                                          table[d1] * static_cast<double>(table[d2]))
-                                     : table[d0] * table[d1] * table[d2];
+          int d[3];
+          for (int c = 0; c < 3; ++c) d[c] = std::abs(at(src, x, y, c) - at(src, nx, ny, c));
+          const float recipe = s % 2 ? static_cast<float>(static_cast<double>(table[d[0]]) * 0.7071067932881648 *
+                                                          table[d[1]] * static_cast<double>(table[d[2]]))
+                                     : table[d[0]] * table[d[1]] * table[d[2]];
           EXPECT_EQ(got, recipe);
-          const double exact = std::exp(-beta * (d0 * d0 + d1 * d1 + d2 * d2)) * (s % 2 ? 0.7071067932881648 : 1.0);
+          const double exact = std::exp(-beta * (d[0] * d[0] + d[1] * d[1] + d[2] * d[2])) * (s % 2 ? 0.7071067932881648 : 1.0);
           EXPECT_NEAR(got, exact, 1e-6 + 1e-5 * exact);
         }
     cvReleaseImage(&VELDSEMarker::m_srcImage);

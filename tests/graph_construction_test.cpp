@@ -1,28 +1,19 @@
 // Whole-box graph of one cut: terminal links from labels and colour models,
 // four neighbour-link pairs per node scaled by the smoothness weight.
-#include <cmath>
 #include <cstdlib>
-#include <vector>
-
-#include <gtest/gtest.h>
-#include <opencv2/core/core_c.h>
+#include <utility>
 
 #include "engine/veldse_hybrid.h"
 #include "graph/veldse_graph.h"
 #include "interface/veldse_marker.h"
+#include "tests/test_support.h"
 
 namespace {
 
 // One isotropic component: norm * exp(-0.5 |x - mean|^2 / var).
 struct Gauss {
   double m0, m1, m2, var, norm;
-  void setInto(VELDSEColorModel& m) const {
-    m = VELDSEColorModel();
-    m.weight[0] = 1.0;
-    m.mean[0][0] = m0, m.mean[0][1] = m1, m.mean[0][2] = m2;
-    for (int i = 0; i < 3; ++i) m.covariance[0][4 * i] = var, m.inverseCovariance[0][4 * i] = 1.0 / var;
-    m.determinant[0] = var * var * var, m.normFactor[0] = norm;
-  }
+  void setInto(VELDSEColorModel& m) const { m = testsupport::singleComponent(m0, m1, m2, var, norm); }
   double density(const double x[3]) const {
     const double d = (x[0] - m0) * (x[0] - m0) + (x[1] - m1) * (x[1] - m1) + (x[2] - m2) * (x[2] - m2);
     return norm * std::exp(-0.5 * d / var);
@@ -34,35 +25,29 @@ class GraphConstructionTest : public ::testing::Test {
   // Working image workW x workH with neighbour weights that identify pixel and
   // slot; the box is (x0, y0, w, h).
   void setUpBox(int workW, int workH, int x0, int y0, int w, int h) {
-    hybrid_.m_imgWidth = workW;
-    hybrid_.m_imgHeight = workH;
+    hybrid_.m_imgWidth = workW, hybrid_.m_imgHeight = workH;
     std::free(hybrid_.m_nlinks);  // the engine's destructor frees the last one
     hybrid_.m_nlinks = static_cast<float*>(std::malloc(sizeof(float) * 4 * workW * workH));
     for (int i = 0; i < 4 * workW * workH; ++i) hybrid_.m_nlinks[i] = 0.1f + 0.013f * (i / 4) + 0.0031f * (i % 4);
-    VELDSEMarker::m_xMinBBox = x0;
-    VELDSEMarker::m_yMinBBox = y0;
-    hybrid_.m_boundWidth = w;
-    hybrid_.m_boundHeight = h;
-    hybrid_.m_cropSrc = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, 3);
-    hybrid_.m_cropLabel = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, 1);
-    cvSetZero(hybrid_.m_cropSrc);
-    cvSet(hybrid_.m_cropLabel, cvScalarAll(LABEL_PR_FG));
+    VELDSEMarker::m_xMinBBox = x0, VELDSEMarker::m_yMinBBox = y0;
+    hybrid_.m_boundWidth = w, hybrid_.m_boundHeight = h;
+    hybrid_.m_cropSrc = testsupport::newImage(w, h, 3);
+    hybrid_.m_cropLabel = testsupport::newImage(w, h, 1, LABEL_PR_FG);
     hybrid_.m_graph = new VELDSEGraph(w * h, 8 * w * h, w, h, 0);
     Gauss{200, 200, 200, 400, 1.0}.setInto(hybrid_.m_fgModel);
     Gauss{20, 20, 20, 400, 1.0}.setInto(hybrid_.m_bgModel);
     VELDSEMarker::m_isGreyScale = false;
   }
   void TearDown() override {
-    delete hybrid_.m_graph;
-    hybrid_.m_graph = nullptr;
+    delete std::exchange(hybrid_.m_graph, nullptr);
     for (IplImage** i : {&hybrid_.m_cropSrc, &hybrid_.m_cropLabel, &VELDSEMarker::m_texHor, &VELDSEMarker::m_texVer})
       if (*i) cvReleaseImage(i);
     VELDSEMarker::m_isGreyScale = false;
     VELDSEMarker::m_xMinBBox = VELDSEMarker::m_yMinBBox = 0;
   }
   void setPixel(int c, int r, cv::Vec3b bgr, unsigned char code) {
-    cv::cvarrToMat(hybrid_.m_cropSrc).at<cv::Vec3b>(r, c) = bgr;
-    cv::cvarrToMat(hybrid_.m_cropLabel).at<unsigned char>(r, c) = code;
+    testsupport::M(hybrid_.m_cropSrc).at<cv::Vec3b>(r, c) = bgr;
+    testsupport::at(hybrid_.m_cropLabel, c, r) = code;
   }
   float trCap(int node) const { return hybrid_.m_graph->m_nodes[node].trCap; }
 
@@ -105,8 +90,7 @@ TEST_F(GraphConstructionTest, TerminalLinksFromCodesAndNegativeLogDensities) {
   // the flow gathering min(-log Pb, -log Pf); a zero density is infinite.
   setUpBox(6, 1, 0, 0, 6, 1);
   const Gauss fg{180, 150, 120, 900, 0.5}, bg{30, 60, 90, 1600, 2.0};
-  fg.setInto(hybrid_.m_fgModel);
-  bg.setInto(hybrid_.m_bgModel);
+  fg.setInto(hybrid_.m_fgModel), bg.setInto(hybrid_.m_bgModel);
   const unsigned char codes[6] = {LABEL_UNKNOWN, LABEL_PR_BG, LABEL_PR_FG, LABEL_BG, LABEL_FG, LABEL_BG};
   const cv::Vec3b colours[6] = {{100, 110, 120}, {40, 60, 80}, {170, 160, 110}, {180, 150, 120}, {30, 60, 90}, {0, 0, 0}};
   for (int c = 0; c < 6; ++c) setPixel(c, 0, colours[c], codes[c]);
@@ -145,13 +129,10 @@ TEST_F(GraphConstructionTest, GreyPhotosTieNearlyEqualLikelihoods) {
     SCOPED_TRACE(tc.name);
     setUpBox(3, 2, 1, 1, 2, 1);
     VELDSEMarker::m_isGreyScale = tc.grey;
-    VELDSEMarker::m_texHor = cvCreateImage(cvSize(3, 2), IPL_DEPTH_8U, 1);
-    VELDSEMarker::m_texVer = cvCreateImage(cvSize(3, 2), IPL_DEPTH_8U, 1);
-    cvSet(VELDSEMarker::m_texHor, cvScalarAll(90));
-    cvSet(VELDSEMarker::m_texVer, cvScalarAll(91));
+    VELDSEMarker::m_texHor = testsupport::newImage(3, 2, 1, 90);
+    VELDSEMarker::m_texVer = testsupport::newImage(3, 2, 1, 91);
     const Gauss fg{50, 70, 80, 500, tc.fgNorm}, bg{50, 70, 80, 500, 1.0};
-    fg.setInto(hybrid_.m_fgModel);
-    bg.setInto(hybrid_.m_bgModel);
+    fg.setInto(hybrid_.m_fgModel), bg.setInto(hybrid_.m_bgModel);
     setPixel(0, 0, {60, 0, 0}, LABEL_PR_BG);
     setPixel(1, 0, {60, 0, 0}, LABEL_PR_FG);
     hybrid_.constructGraphVELD_Whole_Image();

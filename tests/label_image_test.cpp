@@ -1,35 +1,20 @@
 // Label image from the caller's marks, the undecided band along the stroke,
 // the working box and crops to it.
-#include <gtest/gtest.h>
-#include "tests/log_capture.h"
-#include <opencv2/core.hpp>
-#include <opencv2/core/core_c.h>
-#include <opencv2/imgproc.hpp>
-
-#include <algorithm>
-#include <cstdlib>
-#include <string>
-#include <vector>
-
 #include "engine/veldse_hybrid.h"
 #include "interface/segmentation_core.h"
 #include "interface/undo_redo.h"
 #include "interface/veldse_marker.h"
+#include "tests/test_support.h"
 
 namespace {
 
-unsigned char& at(IplImage* image, int x, int y) {
-  return reinterpret_cast<unsigned char*>(image->imageData + y * image->widthStep)[x];
-}
+using testsupport::at;
+using testsupport::M;
+using testsupport::newImage;
 
-IplImage* grid(int w, int h, unsigned char value) {
-  IplImage* image = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, 1);
-  cvSet(image, cvScalarAll(value), nullptr);
-  return image;
-}
-
+// Fills the inclusive rectangle (x0, y0)-(x1, y1).
 void fillRect(IplImage* image, int x0, int y0, int x1, int y1, unsigned char value) {
-  cv::cvarrToMat(image)(cv::Rect(x0, y0, x1 - x0 + 1, y1 - y0 + 1)).setTo(value);
+  M(image)(cv::Rect(x0, y0, x1 - x0 + 1, y1 - y0 + 1)).setTo(value);
 }
 
 class LabelImage : public ::testing::Test {
@@ -58,14 +43,13 @@ TEST_F(LabelImage, StrokesGrowProbableRingsAndUnmarkedIsBackground) {
       {0, LABEL_FG, 0}, {1, LABEL_BG, 0}, {2, LABEL_FG, LABEL_PR_FG}, {3, LABEL_BG, LABEL_PR_BG}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.strokeType);
-    IplImage* marker = grid(40, 40, 0);
+    IplImage* marker = newImage(40, 40);
     fillRect(marker, 10, 20, 25, 20, c.strokeCode);  // the stroke
     at(marker, 30, 10) = LABEL_PR_BG;                // an earlier mark nearby
-    at(marker, 12, 22) = LABEL_PR_BG;                // one inside the ring
+    at(marker, 12, 22) = LABEL_PR_BG;                // one inside the ring: the larger code wins
     IplImage* original = cvCloneImage(marker);
     VELDSEMarker::currentStroke.strokeType = c.strokeType;
     engine.setLabelImage(marker);
-
     const bool grows = c.strokeType >= 2;
     const std::vector<unsigned char> grown = dilated(original, grows ? 2 : 0);
     ASSERT_NE(VELDSEMarker::m_labelImage, nullptr);
@@ -78,33 +62,28 @@ TEST_F(LabelImage, StrokesGrowProbableRingsAndUnmarkedIsBackground) {
         ASSERT_EQ(at(marker, x, y), m) << "the caller's marker is changed in place";
         ASSERT_EQ(at(VELDSEMarker::m_labelImage, x, y), m == 0 ? static_cast<unsigned char>(LABEL_BG) : m);
       }
-    // Worked spots: two pixels away is ring, three is not; the larger code wins.
-    EXPECT_EQ(at(marker, 8, 22), c.ringCode);
-    EXPECT_EQ(at(marker, 7, 20), 0);
-    EXPECT_EQ(at(marker, 13, 21), grows ? LABEL_PR_BG : 0);
-    cvReleaseImage(&marker);
-    cvReleaseImage(&original);
+    for (IplImage* i : {marker, original}) cvReleaseImage(&i);
   }
 }
 
 TEST_F(LabelImage, PreviousMaskBecomesHardConstraints) {
   // Previous mask: object on the left half; the marker has codes on both halves.
   const int w = 20, h = 20;
-  const std::vector<unsigned int> argb(w * h, 0xFF808080u);  // so the history can hold masks
-  setSourceImage(w, h, const_cast<unsigned int*>(argb.data()));
-  IplImage* previous = grid(w, h, 0);
+  std::vector<unsigned int> argb(w * h, 0xFF808080u);  // so the history can hold masks
+  setSourceImage(w, h, argb.data());
+  IplImage* previous = newImage(w, h);
   fillRect(previous, 0, 0, 9, h - 1, 255);
   VELDSEManageUndoRedo::updateBitPlane(previous);
   for (int t = 0; t < 4; ++t) {
     SCOPED_TRACE(t);
-    IplImage* marker = grid(w, h, 0);
+    IplImage* marker = newImage(w, h);
     fillRect(marker, 4, 3, 15, 3, LABEL_PR_FG);
     fillRect(marker, 4, 16, 15, 16, LABEL_PR_BG);
     fillRect(marker, 5, 9, 14, 9, t % 2 ? LABEL_BG : LABEL_FG);
     VELDSEMarker::currentStroke.strokeType = t;
     engine.setLabelImage(marker);
     ASSERT_NE(VELDSEMarker::m_prevResult, nullptr);
-    EXPECT_EQ(cv::norm(cv::cvarrToMat(VELDSEMarker::m_prevResult), cv::cvarrToMat(previous), cv::NORM_INF), 0.0);
+    EXPECT_EQ(cv::norm(M(VELDSEMarker::m_prevResult), M(previous), cv::NORM_INF), 0.0);
     // Unmarked pixels follow the mask; a mark on the side its stroke agrees
     // with is made definite; the stroke itself stays.
     const unsigned char stroke = t % 2 ? LABEL_BG : LABEL_FG;
@@ -124,19 +103,17 @@ TEST_F(LabelImage, PreviousMaskBecomesHardConstraints) {
 
 TEST_F(LabelImage, ReducedPhotoGetsANearestNeighbourLabelImage) {
   g_imageResizeFactor = 2.0f;
-  VELDSEMarker::m_srcImage = cvCreateImage(cvSize(20, 15), IPL_DEPTH_8U, 3);
-  IplImage* marker = grid(40, 30, 0);
+  VELDSEMarker::m_srcImage = newImage(20, 15, 3);
+  IplImage* marker = newImage(40, 30);
   for (int y = 0; y < 30; ++y)
     for (int x = 0; x < 40; ++x) at(marker, x, y) = static_cast<unsigned char>((x * 3 + y * 7) % 5);
-  cv::Mat expected = cv::cvarrToMat(marker).clone();
+  cv::Mat expected = M(marker).clone();
   expected.setTo(LABEL_BG, expected == 0);
   cv::resize(expected, expected, cv::Size(20, 15), 0, 0, cv::INTER_NEAREST);
   VELDSEMarker::currentStroke.strokeType = 1;
   engine.setLabelImage(marker);
-  ASSERT_EQ(cv::Size(VELDSEMarker::m_labelImage->width, VELDSEMarker::m_labelImage->height), cv::Size(20, 15));
-  EXPECT_EQ(cv::norm(cv::cvarrToMat(VELDSEMarker::m_labelImage), expected, cv::NORM_INF), 0.0);
-  EXPECT_EQ(at(VELDSEMarker::m_labelImage, 3, 2), 1) << "source pixel (6, 4): 46 % 5";
-  EXPECT_EQ(at(VELDSEMarker::m_labelImage, 1, 1), LABEL_BG) << "source pixel (2, 2): 20 % 5 = 0";
+  ASSERT_EQ(M(VELDSEMarker::m_labelImage).size(), cv::Size(20, 15));
+  EXPECT_EQ(cv::norm(M(VELDSEMarker::m_labelImage), expected, cv::NORM_INF), 0.0);
   cvReleaseImage(&marker);
 }
 
@@ -151,27 +128,24 @@ TEST_F(LabelImage, StrokeBandFollowsTheStrokeAndIsClosed) {
   g_imageResizeFactor = 2.0f;
   for (const auto& c : cases) {
     SCOPED_TRACE(c.points.size());
-    VELDSEMarker::m_labelImage = grid(40, 40, LABEL_BG);
+    VELDSEMarker::m_labelImage = newImage(40, 40, 1, LABEL_BG);
     VELDSEMarker::currentStroke.points = c.points;
     engine.addUnknownRegion();
-
     cv::Mat expected(40, 40, CV_8UC1, cv::Scalar(LABEL_BG));
-    for (size_t k = 0; k + 1 < c.working.size(); ++k)
-      cv::line(expected, c.working[k], c.working[k + 1], cv::Scalar(0), 3, cv::LINE_8, 0);
-    if (c.working.size() > 2) cv::line(expected, c.working.back(), c.working[0], cv::Scalar(0), 3, cv::LINE_8, 0);
-    EXPECT_EQ(cv::norm(cv::cvarrToMat(VELDSEMarker::m_labelImage), expected, cv::NORM_INF), 0.0);
-    if (c.working.size() > 2) { EXPECT_EQ(at(VELDSEMarker::m_labelImage, 20, 20), LABEL_UNKNOWN) << "on the closing line"; }
+    for (size_t k = 0; k + 1 < c.working.size(); ++k) cv::line(expected, c.working[k], c.working[k + 1], 0, 3, cv::LINE_8);
+    if (c.working.size() > 2) cv::line(expected, c.working.back(), c.working[0], 0, 3, cv::LINE_8);
+    EXPECT_EQ(cv::norm(M(VELDSEMarker::m_labelImage), expected, cv::NORM_INF), 0.0);
     cvReleaseImage(&VELDSEMarker::m_labelImage);
   }
 }
 
 TEST_F(LabelImage, WorkingBoxCases) {
+  // A rectangle (x0, y0)-(x1, y1) filled with `code` in the label image (x0 < 0: none).
   const struct {
     std::string name;
     int w, h;
     std::vector<int> points;
-    int strokeType;
-    int x0, y0, x1, y1;  // filled rectangle in the label image (x0 < 0: none)
+    int strokeType, x0, y0, x1, y1;
     unsigned char code;
     int boxX, boxY, boxW, boxH, areaTenth;
   } cases[] = {
@@ -191,11 +165,11 @@ TEST_F(LabelImage, WorkingBoxCases) {
     SCOPED_TRACE(c.name);
     VELDSEMarker::m_width = c.w, VELDSEMarker::m_height = c.h;
     g_imageResizeFactor = c.points.size() > 2 ? 2.0f : 1.0f;
-    VELDSEMarker::m_labelImage = grid(c.w, c.h, LABEL_BG);
+    VELDSEMarker::m_labelImage = newImage(c.w, c.h, 1, LABEL_BG);
     at(VELDSEMarker::m_labelImage, 0, c.h - 1) = LABEL_FG;  // never part of a box
     if (c.x0 >= 0) fillRect(VELDSEMarker::m_labelImage, c.x0, c.y0, c.x1, c.y1, c.code);
     if (c.strokeType >= 2) at(VELDSEMarker::m_labelImage, 5, 5) = LABEL_UNKNOWN;  // ignored then
-    VELDSEMarker::currentStroke.points = c.points, VELDSEMarker::currentStroke.strokeType = c.strokeType;
+    VELDSEMarker::currentStroke = {c.points, c.strokeType};
     engine.computeBoundingBox();
     EXPECT_EQ(cv::Rect(VELDSEMarker::m_xMinBBox, VELDSEMarker::m_yMinBBox, engine.m_boundWidth, engine.m_boundHeight),
               cv::Rect(c.boxX, c.boxY, c.boxW, c.boxH));
@@ -207,20 +181,16 @@ TEST_F(LabelImage, WorkingBoxCases) {
 TEST_F(LabelImage, CropCopiesTheBoxAndLogsAnEmptyOne) {
   for (int channels : {1, 3}) {
     SCOPED_TRACE(channels);
-    IplImage* image = cvCreateImage(cvSize(30, 20), IPL_DEPTH_8U, channels);
-    cv::randu(cv::cvarrToMat(image), 0, 256);
+    IplImage* image = newImage(30, 20, channels);
+    cv::randu(M(image), 0, 256);
     VELDSEMarker::m_xMinBBox = 7, VELDSEMarker::m_yMinBBox = 4, engine.m_boundWidth = 23, engine.m_boundHeight = 9;
     IplImage* crop = engine.cropImage(image);
     ASSERT_EQ(crop->nChannels, channels);
-    EXPECT_EQ(cv::norm(cv::cvarrToMat(crop), cv::cvarrToMat(image)(cv::Rect(7, 4, 23, 9)), cv::NORM_INF), 0.0);
+    EXPECT_EQ(cv::norm(M(crop), M(image)(cv::Rect(7, 4, 23, 9)), cv::NORM_INF), 0.0);
     cvReleaseImage(&crop);
     engine.m_boundWidth = 0;
-    hostlog::startCapture();
-    crop = engine.cropImage(image);
-    const std::vector<hostlog::Record> records = hostlog::stopCapture();
-    ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].priority, 6);
-    EXPECT_EQ(records[0].text, "MEMORY_CRASH : cropImage 850");
+    EXPECT_EQ(testsupport::logged([&] { crop = engine.cropImage(image); }),
+              testsupport::Lines{"E/Error: MEMORY_CRASH : cropImage 850"});
     EXPECT_EQ(crop->width, 0);
     for (IplImage* i : {crop, image}) cvReleaseImage(&i);
   }

@@ -1,29 +1,20 @@
 // Smoothness weight selection: the trial schedule, the chosen trial, blob
 // connectivity and the contrast rule against an independent reading.
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <random>
-
-#include <opencv2/core.hpp>
-
 #include "engine/veldse_hybrid.h"
 #include "interface/veldse_marker.h"
+#include "tests/test_support.h"
 
 namespace {
 
+using testsupport::at;
+using testsupport::M;
+
 constexpr int kSize = 40;  // box of the hand-made trials; spans margin (int)(40 * 0.15f) = 6
 
-IplImage* grey(int w, int h, unsigned char value) {
-  IplImage* image = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, 1);
-  cvSet(image, cvScalarAll(value));
-  return image;
-}
-
-void setPixel(IplImage* image, int x, int y, unsigned char v) { cv::cvarrToMat(image).at<uchar>(y, x) = v; }
-unsigned char pixel(const IplImage* image, int x, int y) { return cv::cvarrToMat(image).at<uchar>(y, x); }
+IplImage* grey(unsigned char value) { return testsupport::newImage(kSize, kSize, 1, value); }
+// Fills the inclusive rectangle (x0, y0)-(x1, y1).
 void fillRect(IplImage* image, int x0, int y0, int x1, int y1, unsigned char v) {
-  cv::cvarrToMat(image)(cv::Rect(x0, y0, x1 - x0 + 1, y1 - y0 + 1)).setTo(v);
+  M(image)(cv::Rect(x0, y0, x1 - x0 + 1, y1 - y0 + 1)).setTo(v);
 }
 
 // Trial shapes: kRing, a two-pixel-thick square ring from (2, 2) to (37, 37)
@@ -47,10 +38,10 @@ void draw(IplImage* label, int shape) {
     fillRect(label, 0, 0, 0, kSize - 1, LABEL_PR_FG);
     fillRect(label, kSize - 1, 0, kSize - 1, kSize - 1, LABEL_PR_FG);
   }
-  for (int i = 0; i < 36 && shape == kDiagonal; ++i) setPixel(label, 2 + i, 2 + i, LABEL_PR_FG);
-  if (shape == kDiagonal) setPixel(label, 3, 2, LABEL_FG);
+  for (int i = 0; i < 36 && shape == kDiagonal; ++i) at(label, 2 + i, 2 + i) = LABEL_PR_FG;
+  if (shape == kDiagonal) at(label, 3, 2) = LABEL_FG;
   const int n = shape == kRingAndBlob ? 200 : shape;
-  for (int i = 0; i < n; ++i) setPixel(label, 10 + i % 20, 10 + i / 20, LABEL_PR_FG);
+  for (int i = 0; i < n; ++i) at(label, 10 + i % 20, 10 + i / 20) = LABEL_PR_FG;
 }
 
 class LambdaSelection : public ::testing::Test {
@@ -58,11 +49,10 @@ class LambdaSelection : public ::testing::Test {
   void SetUp() override {
     VELDSEMarker::m_isGreyScale = false;
     hybrid = new VELDSEHybrid;
-    hybrid->m_cropSrc = cvCreateImage(cvSize(kSize, kSize), IPL_DEPTH_8U, 3);
-    cvSet(hybrid->m_cropSrc, cvScalarAll(100));
-    hybrid->m_cropLabel = grey(kSize, kSize, LABEL_BG);
-    hybrid->m_cropLabelInit = grey(kSize, kSize, LABEL_PR_BG);
-    for (IplImage*& l : hybrid->m_iterLabel) l = grey(kSize, kSize, LABEL_PR_BG);
+    hybrid->m_cropSrc = testsupport::newImage(kSize, kSize, 3, 100);
+    hybrid->m_cropLabel = grey(LABEL_BG);
+    hybrid->m_cropLabelInit = grey(LABEL_PR_BG);
+    for (IplImage*& l : hybrid->m_iterLabel) l = grey(LABEL_PR_BG);
   }
   void TearDown() override {
     hybrid->clearMemory();
@@ -76,7 +66,7 @@ class LambdaSelection : public ::testing::Test {
 
 TEST_F(LambdaSelection, TrialsThenChoiceOrFallBack) {
   const float candidates[2][3] = {{50.0f, 13.513f, 8.0f}, {15.0f, 10.0f, 7.0f}};
-  setPixel(hybrid->m_cropLabelInit, 5, 6, LABEL_FG);
+  at(hybrid->m_cropLabelInit, 5, 6) = LABEL_FG;
   for (const bool isGrey : {false, true}) {
     SCOPED_TRACE(isGrey ? "grey" : "colour");
     VELDSEMarker::m_isGreyScale = isGrey;
@@ -86,12 +76,10 @@ TEST_F(LambdaSelection, TrialsThenChoiceOrFallBack) {
       EXPECT_EQ(hybrid->parallelLamdaSwtich(iter), iter == 0 ? 0 : 2);
       // Trials use the candidates truncated (13.513 as 13) from the initial labels.
       EXPECT_EQ(hybrid->m_lambda, static_cast<double>(static_cast<int>(candidates[isGrey][iter])));
-      EXPECT_EQ(cv::countNonZero(cv::cvarrToMat(hybrid->m_cropLabel) != cv::cvarrToMat(hybrid->m_cropLabelInit)), 0);
+      EXPECT_EQ(cv::countNonZero(M(hybrid->m_cropLabel) != M(hybrid->m_cropLabelInit)), 0);
     }
-    hybrid->m_lambda = 21.0;
-    EXPECT_EQ(hybrid->parallelLamdaSwtich(4), 1);
-    EXPECT_EQ(hybrid->parallelLamdaSwtich(7), 1);
-    EXPECT_EQ(hybrid->m_lambda, 21.0) << "later iterations keep the weight";
+    hybrid->m_lambda = 21.0;  // later iterations keep the weight
+    EXPECT_TRUE(hybrid->parallelLamdaSwtich(4) == 1 && hybrid->parallelLamdaSwtich(7) == 1 && hybrid->m_lambda == 21.0);
   }
 
   // On the flat crop every shape but those on the frame has verdict 1.
@@ -124,7 +112,7 @@ TEST_F(LambdaSelection, TrialsThenChoiceOrFallBack) {
       // fall-back weight with the initial labels.
       EXPECT_EQ(hybrid->m_lambda, c.chosen == -1 ? (isGrey ? 3.0 : 4.0) : static_cast<double>(candidates[isGrey][c.chosen]));
       const IplImage* labels = c.chosen == -1 ? hybrid->m_cropLabelInit : hybrid->m_iterLabel[c.chosen];
-      EXPECT_EQ(cv::countNonZero(cv::cvarrToMat(hybrid->m_cropLabel) != cv::cvarrToMat(labels)), 0);
+      EXPECT_EQ(cv::countNonZero(M(hybrid->m_cropLabel) != M(labels)), 0);
     }
     VELDSEMarker::m_isGreyScale = false;
   }
@@ -135,18 +123,16 @@ TEST_F(LambdaSelection, TrialsThenChoiceOrFallBack) {
 int referenceIntensity(const IplImage* mask, const IplImage* src) {
   double sums[2] = {0, 0};
   int counts[2] = {0, 0};
+  const cv::Mat image = M(src);
   for (int y = 1; y + 1 < mask->height; ++y)
-    for (int x = 1; x + 1 < mask->width; ++x) {
-      if (pixel(mask, x, y) != 255) continue;
-      for (int dy = -1; dy <= 1; ++dy)
+    for (int x = 1; x + 1 < mask->width; ++x)
+      for (int dy = -1; dy <= 1 && at(mask, x, y) == 255; ++dy)
         for (int dx = -1; dx <= 1; ++dx) {
           if (dx == 0 && dy == 0) continue;
-          const cv::Mat image = cv::cvarrToMat(src);
-          const int which = pixel(mask, x + dx, y + dy) == 255 ? 1 : 0;
+          const int which = at(mask, x + dx, y + dy) == 255 ? 1 : 0;
           sums[which] += cv::norm(cv::Vec3d(image.at<cv::Vec3b>(y, x)) - cv::Vec3d(image.at<cv::Vec3b>(y + dy, x + dx)));
           ++counts[which];
         }
-    }
   return sums[0] / counts[0] - sums[1] / counts[1] >= 0.0 ? 1 : 2;
 }
 
@@ -158,25 +144,23 @@ TEST_F(LambdaSelection, IntensityTestMatchesReferenceOnRandomScenes) {
     IplImage* src = hybrid->m_cropSrc;
     std::uniform_int_distribution<int> noise(0, 255);
     const int spreadIn = trial % 5 * 40, spreadOut = (trial / 5) % 5 * 40;
-    IplImage* mask = grey(kSize, kSize, 0);
+    IplImage* mask = grey(0);
     cv::Point centre(10 + trial % 20, 12 + trial % 15);
     for (int y = 0; y < kSize; ++y)
       for (int x = 0; x < kSize; ++x) {
         const bool inside = std::hypot(x - centre.x, y - centre.y) < 8 + trial % 5;
-        if (inside) setPixel(mask, x, y, 255);
-        unsigned char* p = cv::cvarrToMat(src).ptr<unsigned char>(y) + 3 * x;
+        if (inside) at(mask, x, y) = 255;
         const int base = inside ? 60 : 60 + trial % 4 * 12, spread = inside ? spreadIn : spreadOut;
-        for (int ch = 0; ch < 3; ++ch) p[ch] = static_cast<unsigned char>(base + noise(rng) % (spread + 1) / 2);
+        for (int ch = 0; ch < 3; ++ch) at(src, x, y, ch) = static_cast<unsigned char>(base + noise(rng) % (spread + 1) / 2);
       }
     const int verdict = hybrid->intensityTest(mask);
     EXPECT_EQ(verdict, referenceIntensity(mask, src));
     ++verdicts[verdict == 1 ? 1 : 2];
     cvReleaseImage(&mask);
   }
-  EXPECT_GT(verdicts[1], 0);
-  EXPECT_GT(verdicts[2], 0);
+  EXPECT_TRUE(verdicts[1] > 0 && verdicts[2] > 0);
   // No object pixel away from the edge: a NaN mean, verdict 2.
-  IplImage* empty = grey(kSize, kSize, 0);
+  IplImage* empty = grey(0);
   EXPECT_EQ(hybrid->intensityTest(empty), 2);
   cvReleaseImage(&empty);
 }

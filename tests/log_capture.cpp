@@ -12,7 +12,7 @@
 //
 // Calls are handed on to liblog's own __android_log_write (found with
 // dlsym(RTLD_NEXT)), so a test run still shows liblog's genuine lines, unless
-// SEGCORE_LOG_QUIET is set or a test turned the echo off.
+// SEGCORE_LOG_QUIET is set.
 #include "tests/log_capture.h"
 
 #include <dlfcn.h>
@@ -33,25 +33,17 @@ using WriteFn = int (*)(int, const char*, const char*);
 std::mutex g_mutex;
 bool g_capturing = false;
 std::vector<hostlog::Record> g_records;
-int g_echo = -1;  // -1: not decided yet, read the environment on first use
-
-WriteFn realWrite() {
-  static const WriteFn fn = reinterpret_cast<WriteFn>(dlsym(RTLD_NEXT, "__android_log_write"));
-  return fn;
-}
 
 int emit(int prio, const char* tag, const char* text) {
+  static const bool echo = std::getenv("SEGCORE_LOG_QUIET") == nullptr;
+  static const WriteFn realWrite = reinterpret_cast<WriteFn>(dlsym(RTLD_NEXT, "__android_log_write"));
   if (tag == nullptr) tag = "";
   if (text == nullptr) text = "";
-  bool echo;
   {
     std::lock_guard<std::mutex> lock(g_mutex);
-    if (g_echo < 0) g_echo = std::getenv("SEGCORE_LOG_QUIET") == nullptr ? 1 : 0;
-    echo = g_echo == 1;
     if (g_capturing) g_records.push_back(hostlog::Record{prio, tag, text});
   }
-  if (echo && realWrite() != nullptr) return realWrite()(prio, tag, text);
-  return 1;
+  return echo && realWrite != nullptr ? realWrite(prio, tag, text) : 1;
 }
 
 }  // namespace
@@ -93,16 +85,6 @@ std::vector<Record> stopCapture() {
   std::vector<Record> out;
   out.swap(g_records);
   return out;
-}
-
-std::vector<Record> captured() {
-  std::lock_guard<std::mutex> lock(g_mutex);
-  return g_records;
-}
-
-void setEcho(bool on) {
-  std::lock_guard<std::mutex> lock(g_mutex);
-  g_echo = on ? 1 : 0;
 }
 
 }  // namespace hostlog

@@ -5,6 +5,7 @@
 // __android_log_print, __android_log_vprint and __android_log_write for the
 // whole process (see there why); each call is recorded while a capture runs
 // and handed on to liblog for its stderr line unless SEGCORE_LOG_QUIET is set.
+// tests/test_support.h compares the records as lines.
 #ifndef SEGCORE_TESTS_LOG_CAPTURE_H
 #define SEGCORE_TESTS_LOG_CAPTURE_H
 
@@ -23,10 +24,6 @@ struct Record {
 void startCapture();
 // Stops recording and returns what was logged since startCapture().
 std::vector<Record> stopCapture();
-// What has been recorded so far, without stopping.
-std::vector<Record> captured();
-// Turns the stderr echo on or off (it is on unless SEGCORE_LOG_QUIET is set).
-void setEcho(bool on);
 
 }  // namespace hostlog
 

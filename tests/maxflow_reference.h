@@ -15,9 +15,7 @@
 
 namespace maxflow_reference {
 
-struct TerminalCall {
-  int source, sink;
-};
+struct TerminalCall { int source, sink; };
 
 struct GridCase {
   int w = 0, h = 0;
@@ -38,9 +36,9 @@ inline void build(const GridCase& gc, VELDSEGraph* g) {
   const int n = gc.w * gc.h;
   g->addNode(n);
   for (int i = 0; i < n; ++i)
-    for (int k = 0; k < 4; ++k)
-      g->addEdge(i, earlierNeighbour(gc.w, i, k), static_cast<float>(gc.cap[4 * i + k]),
-                 static_cast<float>(gc.revCap[4 * i + k]), gc.absent[4 * i + k]);
+    for (int k = 0, a = 4 * i; k < 4; ++k, ++a)
+      g->addEdge(i, earlierNeighbour(gc.w, i, k), static_cast<float>(gc.cap[a]), static_cast<float>(gc.revCap[a]),
+                 gc.absent[a]);
   for (int i = 0; i < n; ++i)
     for (const TerminalCall& t : gc.terminals[i])
       g->addtWeights(i, static_cast<float>(t.source), static_cast<float>(t.sink));
@@ -55,9 +53,7 @@ inline GridCase emptyGrid(int w, int h) {
 // Sets the edge between i and its earlier neighbour in pair k.
 inline void setEdge(GridCase* gc, int i, int k, int cap, int revCap) {
   ASSERT_GE(earlierNeighbour(gc->w, i, k), 0);
-  gc->cap[4 * i + k] = cap;
-  gc->revCap[4 * i + k] = revCap;
-  gc->absent[4 * i + k] = false;
+  gc->cap[4 * i + k] = cap, gc->revCap[4 * i + k] = revCap, gc->absent[4 * i + k] = false;
 }
 
 // Every pair present with capacity cap both ways.

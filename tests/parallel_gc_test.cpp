@@ -2,20 +2,11 @@
 // cross-check of the cut against the serial solver and an independent Dinic
 // reference, and the terminal weights against a serial evaluation of the same
 // mixtures.
-#include <gtest/gtest.h>
-
-#include <opencv2/core.hpp>
-
-#include <cmath>
-#include <random>
-#include <string>
-#include <vector>
-
-#include "colormodel/veldse_color_model.h"
 #include "graph/parallel_gc.h"
 #include "graph/veldse_graph.h"
 #include "interface/veldse_marker.h"
 #include "tests/maxflow_reference.h"
+#include "tests/test_support.h"
 
 namespace {
 
@@ -23,18 +14,15 @@ using maxflow_reference::GridCase;
 
 TEST(ParallelGCBlocks, ShapesForOneToSixteenThreads) {
   const struct { int n, cols, rows; } rows[] = {
-      {1, 1, 1},  {2, 2, 1},  {3, 3, 1},  {4, 2, 2},   {5, 1, 5},  {6, 3, 2},   {7, 1, 7},  {8, 4, 2},
-      {9, 3, 3},  {10, 5, 2}, {11, 1, 11}, {12, 4, 3}, {13, 1, 13}, {14, 2, 7}, {15, 5, 3}, {16, 4, 4},
-  };
+      {1, 1, 1}, {2, 2, 1}, {3, 3, 1}, {4, 2, 2}, {5, 1, 5}, {6, 3, 2}, {7, 1, 7}, {8, 4, 2},
+      {9, 3, 3}, {10, 5, 2}, {11, 1, 11}, {12, 4, 3}, {13, 1, 13}, {14, 2, 7}, {15, 5, 3}, {16, 4, 4}};
   VELDSEGraph g(101 * 61, 8 * 101 * 61, 101, 61, 0);
   g.addNode(101 * 61);
   for (const auto& r : rows) {
     SCOPED_TRACE(r.n);
     ParallelGC pgc(&g, r.n);
-    EXPECT_EQ(pgc.m_blockCols, r.cols);
-    EXPECT_EQ(pgc.m_blockRows, r.rows);
-    EXPECT_EQ(pgc.m_blockWidth, (101 + r.cols - 1) / r.cols);
-    EXPECT_EQ(pgc.m_blockHeight, (61 + r.rows - 1) / r.rows);
+    EXPECT_EQ(cv::Size(pgc.m_blockCols, pgc.m_blockRows), cv::Size(r.cols, r.rows));
+    EXPECT_EQ(cv::Size(pgc.m_blockWidth, pgc.m_blockHeight), cv::Size((101 + r.cols - 1) / r.cols, (61 + r.rows - 1) / r.rows));
     for (int k = 0; k < r.n; ++k) {
       const VELDSEGraph* v = pgc.m_blockGraphs[k];
       EXPECT_EQ(v->m_blockRow * r.cols + v->m_blockCol, k);
@@ -59,8 +47,7 @@ TEST(ParallelGCMaxFlow, RandomGridsMatchSerialAndReference) {
       const bool large = t % 10 == 0;
       const int w = std::uniform_int_distribution<int>(1, large ? 70 : 24)(rng);
       const int h = std::uniform_int_distribution<int>(1, large ? 50 : 24)(rng);
-      SCOPED_TRACE(std::to_string(threads) + " threads, grid " + std::to_string(t) + " " + std::to_string(w) + "x" +
-                   std::to_string(h));
+      SCOPED_TRACE(testing::Message() << threads << " threads, grid " << t << " " << w << "x" << h);
       const GridCase gc = maxflow_reference::randomGrid(&rng, w, h);
       VELDSEGraph serial(w * h, 8 * w * h, w, h, 0);
       maxflow_reference::build(gc, &serial);
@@ -137,8 +124,7 @@ TEST(ParallelGCTerminalLinks, MatchTheSerialLoopForEveryBlockShape) {
   for (const auto& r : rows) {
     SCOPED_TRACE(r.threads);
     VELDSEGraph expected(n, 8 * n, w, h, 0), g(n, 8 * n, w, h, r.threads);
-    expected.addNode(n);
-    g.addNode(n);
+    expected.addNode(n), g.addNode(n);
     ParallelGC pgc(&g, r.threads);
     for (int round = 0; round < 2; ++round) {  // the second round accumulates on the first
       SCOPED_TRACE(round);

@@ -1,33 +1,25 @@
 // Path tracing: the node record size, and the search (its step costs and the
 // marks it writes) checked against a plain Bellman-Ford relaxation written here.
-#include <android/log.h>
-#include <gtest/gtest.h>
-
 #include <cfloat>
-#include <cmath>
 #include <functional>
 #include <memory>
-#include <random>
-#include <string>
-#include <vector>
 
 #include "interface/path_tracing.h"
-#include "tests/log_capture.h"
+#include "tests/test_support.h"
 
 namespace {
 
+using testsupport::at;
+
 using ImagePtr = std::unique_ptr<IplImage, void (*)(IplImage*)>;
-ImagePtr makeImage(int rows, int cols, int channels) {
-  return ImagePtr(cvCreateImage(cvSize(cols, rows), IPL_DEPTH_8U, channels), [](IplImage* p) { cvReleaseImage(&p); });
-}
-unsigned char* px(IplImage* img, int r, int c) {
-  return reinterpret_cast<unsigned char*>(img->imageData) + r * img->widthStep + c * img->nChannels;
+ImagePtr makeImage(int rows, int cols, int channels, int value = 0) {
+  return ImagePtr(testsupport::newImage(cols, rows, channels, value), [](IplImage* p) { cvReleaseImage(&p); });
 }
 ImagePtr randomImage(int rows, int cols, int channels, int maxValue, std::mt19937& rng) {
   ImagePtr img = makeImage(rows, cols, channels);
   std::uniform_int_distribution<int> d(0, maxValue);
   for (int r = 0; r < rows; ++r)
-    for (int c = 0; c < cols * channels; ++c) px(img.get(), r, 0)[c] = static_cast<unsigned char>(d(rng));
+    for (int c = 0; c < cols * channels; ++c) at(img.get(), 0, r, c) = static_cast<unsigned char>(d(rng));
   return img;
 }
 // A step between an object mark (2, 4) and a background one (1, 3) is blocked.
@@ -37,7 +29,7 @@ bool crosses(int a, int b) {
 }
 double refCost(IplImage* img, int r1, int c1, int r2, int c2, double alpha) {
   double colour = 0.0;
-  for (int k = 0; k < 3; ++k) colour += std::pow(px(img, r1, c1)[k] - px(img, r2, c2)[k], 2);
+  for (int k = 0; k < 3; ++k) colour += std::pow(at(img, c1, r1, k) - at(img, c2, r2, k), 2);
   const double spatial = (r2 - r1) * (r2 - r1) + (c2 - c1) * (c2 - c1);
   return std::sqrt(alpha * spatial + (1.0 - alpha) * colour / 3.0);
 }
@@ -46,8 +38,7 @@ TEST(FindParentInfo, NodeRecordIs152Bytes) { EXPECT_EQ(sizeof(Node_), 152u); }
 
 // Checks parents against Bellman-Ford distances; the exact comparisons use the
 // search's own step costs so that rounding is identical.
-void checkAgainstReference(IplImage* src, IplImage* label, int sr, int sc, double alpha,
-                           const std::vector<int>& parent) {
+void checkAgainstReference(IplImage* src, IplImage* label, int sr, int sc, double alpha, const std::vector<int>& parent) {
   const int rows = src->height, cols = src->width, n = rows * cols;
   std::vector<double> ref(n, HUGE_VAL);
   ref[sr * cols + sc] = 0.0;
@@ -58,7 +49,7 @@ void checkAgainstReference(IplImage* src, IplImage* label, int sr, int sc, doubl
         for (int dc = -1; dc <= 1; ++dc) {
           const int r = v / cols + dr, c = v % cols + dc;
           if ((!dr && !dc) || r < 0 || c < 0 || r >= rows || c >= cols) continue;
-          if (label && crosses(*px(label, r, c), *px(label, v / cols, v % cols))) continue;
+          if (label && crosses(at(label, c, r), at(label, v % cols, v / cols))) continue;
           const double alt = ref[r * cols + c] + refCost(src, r, c, v / cols, v % cols, alpha);
           if (alt < ref[v]) ref[v] = alt, changed = true;
         }
@@ -110,22 +101,19 @@ TEST(FindParentInfo, MatchesIndependentShortestPaths) {
       ImagePtr label = randomImage(t.rows, t.cols, 1, 4, rng);
       const int sr = rng() % t.rows, sc = rng() % t.cols;
       IplImage* lab = t.labelled ? label.get() : nullptr;
-      if (lab) *px(lab, sr, sc) = 0;  // keep some paths open from the seed
+      if (lab) at(lab, sc, sr) = 0;  // keep some paths open from the seed
       // The marking image (one or three channels) holds the parent directions.
-      ImagePtr out = makeImage(t.rows, t.cols, 1 + 2 * (trial % 2));
-      cvSet(out.get(), cvScalarAll(77));
+      ImagePtr out = makeImage(t.rows, t.cols, 1 + 2 * (trial % 2), 77);
       const std::vector<int> parent = find_parent_info(src.get(), lab, sr, sc, t.alpha, out.get());
       EXPECT_EQ(find_parent_info(src.get(), lab, sr, sc, t.alpha), parent);
       checkAgainstReference(src.get(), lab, sr, sc, t.alpha, parent);
       for (int v = 0; v < t.rows * t.cols; ++v) {
-        const int r = v / t.cols, c = v % t.cols;
-        const unsigned char* m = px(out.get(), r, c);
-        for (int ch = 1; ch < out->nChannels; ++ch) EXPECT_EQ(m[ch], m[0]);
-        const int k = m[0] / kPathMarkStep - 1;
+        const int r = v / t.cols, c = v % t.cols, mark = at(out.get(), c, r), k = mark / kPathMarkStep - 1;
+        for (int ch = 1; ch < out->nChannels; ++ch) EXPECT_EQ(at(out.get(), c, r, ch), mark);
         if (parent[v] == -1 || parent[v] == v)
-          EXPECT_EQ(m[0], parent[v] == v ? kPathMarkSeed : kPathMarkUnreached) << v;
-        else if (m[0] % kPathMarkStep != 0 || k < 0 || k >= kPathNeighbours)
-          ADD_FAILURE() << "mark " << int(m[0]) << " at " << v;
+          EXPECT_EQ(mark, parent[v] == v ? kPathMarkSeed : kPathMarkUnreached) << v;
+        else if (mark % kPathMarkStep != 0 || k < 0 || k >= kPathNeighbours)
+          ADD_FAILURE() << "mark " << mark << " at " << v;
         else
           EXPECT_EQ(c + kPathNeighbourCol[k] + (r + kPathNeighbourRow[k]) * t.cols, parent[v]) << v;
       }
@@ -146,29 +134,25 @@ TEST(FindParentInfo, SeedIsTheFlatIndex) {
                         {rows, 0, -1}, {3, cols, -1}, {0, -1, -1},          {1 << 30, 1 << 30, -1}};
   for (const Case& t : cases) {
     SCOPED_TRACE(testing::Message() << "seed (" << t.r << ", " << t.c << ")");
-    ImagePtr out = makeImage(rows, cols, 1);
-    cvSet(out.get(), cvScalarAll(77));
-    hostlog::startCapture();
-    std::vector<int> parent;
-    ASSERT_NO_THROW(parent = find_parent_info(src.get(), nullptr, t.r, t.c, 0.5, out.get()));
-    std::vector<int> plain;
-    ASSERT_NO_THROW(plain = find_parent_info(src.get(), nullptr, t.r, t.c, 0.5));
-    const std::vector<hostlog::Record> log = hostlog::stopCapture();
+    ImagePtr out = makeImage(rows, cols, 1, 77);
+    std::vector<int> parent, plain;
+    const testsupport::Lines log = testsupport::logged([&] {
+      ASSERT_NO_THROW(parent = find_parent_info(src.get(), nullptr, t.r, t.c, 0.5, out.get()));
+      ASSERT_NO_THROW(plain = find_parent_info(src.get(), nullptr, t.r, t.c, 0.5));
+    });
     EXPECT_EQ(plain, parent);
     if (t.flat >= 0) {
       EXPECT_TRUE(log.empty());
       EXPECT_EQ(parent, find_parent_info(src.get(), nullptr, t.flat / cols, t.flat % cols, 0.5));
       ASSERT_EQ(parent.size(), static_cast<size_t>(rows * cols));
-      EXPECT_TRUE(parent[t.flat] == t.flat && *px(out.get(), t.flat / cols, t.flat % cols) == kPathMarkSeed);
+      EXPECT_TRUE(parent[t.flat] == t.flat && at(out.get(), t.flat % cols, t.flat / cols) == kPathMarkSeed);
       continue;
     }
     EXPECT_TRUE(parent.empty());
-    ASSERT_EQ(log.size(), 2u);
-    for (const hostlog::Record& rec : log)
-      EXPECT_TRUE(rec.priority == ANDROID_LOG_ERROR && rec.tag == "Error" &&
-                  rec.text == "find_parent_info: seed (" + std::to_string(t.r) + ", " + std::to_string(t.c) +
-                                  ") outside the 5 x 4 image") << rec.text;
-    for (int v = 0; v < rows * cols; ++v) EXPECT_EQ(*px(out.get(), v / cols, v % cols), 77) << v;
+    const std::string line = "E/Error: find_parent_info: seed (" + std::to_string(t.r) + ", " + std::to_string(t.c) +
+                             ") outside the 5 x 4 image";
+    EXPECT_EQ(log, testsupport::Lines(2, line));
+    for (int v = 0; v < rows * cols; ++v) EXPECT_EQ(at(out.get(), v % cols, v / cols), 77) << v;
   }
 }
 

@@ -11,9 +11,8 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
-#include <string>
 #include <thread>
-#include <vector>
+#include <tuple>
 
 #include "tools/library_session.h"
 #include "tools/playground/playground_server.h"
@@ -54,8 +53,7 @@ class PlaygroundServer : public ::testing::Test {
     thread_ = new std::thread([] { server_->listen(); });
   }
   static void TearDownTestSuite() {
-    server_->stop();
-    thread_->join();
+    server_->stop(), thread_->join();
     delete thread_;
     delete server_;
   }
@@ -64,8 +62,7 @@ class PlaygroundServer : public ::testing::Test {
 
   static std::unique_ptr<httplib::Client> client() {
     auto c = std::make_unique<httplib::Client>("127.0.0.1", port_);
-    c->set_read_timeout(120);
-    c->set_write_timeout(120);
+    c->set_read_timeout(120), c->set_write_timeout(120);
     return c;
   }
   static std::pair<int, std::string> post(const std::string& path, const std::string& body,
@@ -89,36 +86,29 @@ class PlaygroundServer : public ::testing::Test {
     return cv::imdecode(std::vector<unsigned char>(res->body.begin(), res->body.end()), cv::IMREAD_UNCHANGED);
   }
 
-  static playground::Server* server_;
-  static std::thread* thread_;
-  static int port_;
+  static inline playground::Server* server_ = nullptr;
+  static inline std::thread* thread_ = nullptr;
+  static inline int port_ = 0;
 };
-
-playground::Server* PlaygroundServer::server_ = nullptr;
-std::thread* PlaygroundServer::thread_ = nullptr;
-int PlaygroundServer::port_ = 0;
 
 TEST_F(PlaygroundServer, ServesOnlyItsPageAndApiToItsOwnHost) {
   auto c = client();
   for (const char* path : {"/etc/passwd", "/../CMakeLists.txt", "/api/nothing", "/samples/coffee.png"}) {
     auto r = c->Get(path);
-    ASSERT_TRUE(r) << path;
-    EXPECT_EQ(r->status, 404) << path;
+    EXPECT_TRUE(r && r->status == 404) << path;
   }
   // A foreign host name or origin (a rebound name, another site) is refused.
   auto foreign = c->Get("/api/state", {{"Host", "evil.example:80"}});
   auto cross = c->Post("/api/reset", {{"Origin", "http://evil.example"}}, "", "text/plain");
-  ASSERT_TRUE(foreign && cross);
-  EXPECT_EQ(foreign->status, 403);
-  EXPECT_EQ(cross->status, 403);
+  EXPECT_TRUE(foreign && foreign->status == 403);
+  EXPECT_TRUE(cross && cross->status == 403);
 }
 
 TEST_F(PlaygroundServer, RectangleDeliversMaskPreviewAndCount) {
   const json r = postJson("/api/rect", kRect);
   ASSERT_TRUE(r["delivered"].get<bool>()) << r.dump();
   const cv::Mat mask = getImage("/api/mask.png");
-  ASSERT_EQ(mask.type(), CV_8UC1);
-  ASSERT_EQ(mask.size(), cv::Size(600, 400));
+  ASSERT_TRUE(mask.type() == CV_8UC1 && mask.size() == cv::Size(600, 400));
   EXPECT_EQ(r["state"]["objectPixels"].get<int>(), cv::countNonZero(mask));
   EXPECT_GT(cv::countNonZero(mask), 600 * 400 / 10);
   cv::Mat outside = mask.clone();  // nothing outside the rectangle is object
@@ -145,17 +135,14 @@ TEST_F(PlaygroundServer, HistoryFlagsFollowRequests) {
   for (const auto& step : steps) {
     SCOPED_TRACE(std::string(step.path) + " " + step.body);
     const json s = postJson(step.path, step.body)["state"];
-    EXPECT_EQ(s["canUndo"], step.canUndo);
-    EXPECT_EQ(s["canRedo"], step.canRedo);
-    EXPECT_EQ(s["hasMask"], step.hasMask);
+    EXPECT_EQ(std::make_tuple(s["canUndo"], s["canRedo"], s["hasMask"]),
+              std::make_tuple(step.canUndo, step.canRedo, step.hasMask));
     px.push_back(s["objectPixels"].get<long>());
   }
   // The background stroke removed object pixels; undo and redo step between
   // the two masks; the edit removed more; undoing it restores.
   EXPECT_EQ(px, (std::vector<long>{px[0], px[1], px[0], px[1], px[4], px[1], 0, px[7]}));
-  EXPECT_LT(px[1], px[0]);
-  EXPECT_LT(px[4], px[1]);
-  EXPECT_GT(px[7], 0);
+  EXPECT_TRUE(px[4] < px[1] && px[1] < px[0] && px[7] > 0);
 }
 
 TEST_F(PlaygroundServer, SecondRequestIsBusyAndCancelStopsTheCut) {
@@ -179,8 +166,7 @@ TEST_F(PlaygroundServer, SecondRequestIsBusyAndCancelStopsTheCut) {
   const json r = json::parse(answer.second, nullptr, false);
   EXPECT_TRUE(r.value("cancelled", false)) << answer.second;
   // The photo was set up again: plain photo, empty history, ready for more.
-  EXPECT_EQ(r["state"]["hasMask"], false);
-  EXPECT_EQ(r["state"]["canUndo"], false);
+  EXPECT_TRUE(r["state"]["hasMask"] == false && r["state"]["canUndo"] == false) << answer.second;
   EXPECT_GT(postJson("/api/rect", kRect)["state"]["objectPixels"].get<long>(), 0);
 }
 

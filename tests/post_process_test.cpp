@@ -1,48 +1,32 @@
-// Mask clean-up after a cut: islands and holes for loop selections, stroke
-// connectivity for strokes, and the merge with the previous result.
-#include <algorithm>
-#include <random>
+// Mask clean-up after a cut: islands and holes for loop selections (against
+// one flood fill per component), stroke connectivity for strokes, and the
+// merge with the previous result.
 #include <sstream>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
-#include <opencv2/core/core.hpp>
-#include <opencv2/core/core_c.h>
-#include <opencv2/imgproc/imgproc.hpp>
 
 #include "engine/veldse_hybrid.h"
 #include "interface/veldse_marker.h"
+#include "tests/test_support.h"
 
 namespace {
+
+using testsupport::M;
+using testsupport::newImage;
 
 // Rows separated by '/': '#' = object (255), anything else background (0).
 IplImage* maskFromRows(const std::string& text) {
   std::vector<std::string> rows;
   std::stringstream in(text);
   for (std::string row; std::getline(in, row, '/');) rows.push_back(row);
-  IplImage* m = cvCreateImage(cvSize(static_cast<int>(rows[0].size()), static_cast<int>(rows.size())),
-                              IPL_DEPTH_8U, 1);
+  IplImage* m = newImage(static_cast<int>(rows[0].size()), static_cast<int>(rows.size()));
   for (size_t y = 0; y < rows.size(); ++y)
-    for (size_t x = 0; x < rows[y].size(); ++x)
-      m->imageData[y * m->widthStep + x] = static_cast<char>(rows[y][x] == '#' ? 255 : 0);
+    for (size_t x = 0; x < rows[y].size(); ++x) testsupport::at(m, x, y) = rows[y][x] == '#' ? 255 : 0;
   return m;
-}
-
-IplImage* blankMask(int w, int h) {
-  IplImage* m = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, 1);
-  cvSetZero(m);
-  return m;
-}
-
-void fillRect(IplImage* m, int x, int y, int w, int h, unsigned char value) {
-  cv::Mat(cv::cvarrToMat(m), cv::Rect(x, y, w, h)).setTo(value);
 }
 
 // Compares the two masks pixel by pixel and releases both.
 void expectSameAndRelease(IplImage* actual, IplImage* expected) {
   std::vector<cv::Point> differ;
-  cv::findNonZero(cv::cvarrToMat(actual) != cv::cvarrToMat(expected), differ);
+  cv::findNonZero(M(actual) != M(expected), differ);
   EXPECT_TRUE(differ.empty()) << differ.size() << " pixels differ, first at " << differ[0];
   cvReleaseImage(&actual);
   cvReleaseImage(&expected);
@@ -52,158 +36,12 @@ class PostProcessTest : public ::testing::Test {
  protected:
   void TearDown() override {
     if (VELDSEMarker::m_prevResult) cvReleaseImage(&VELDSEMarker::m_prevResult);
-    VELDSEMarker::currentStroke.points.clear();
-    VELDSEMarker::currentStroke.strokeType = 0;
+    VELDSEMarker::currentStroke = {};
     VELDSEMarker::m_xMinBBox = VELDSEMarker::m_yMinBBox = 0;
     g_imageResizeFactor = 1.0f;
   }
   VELDSEHybrid hybrid_;
 };
-
-TEST_F(PostProcessTest, LoopRemovesIslandsBelowATenthOfTheLargest) {
-  struct Case {
-    const char* name;
-    int x, y, w, h;  // the small island, next to a 1000-pixel one
-    bool kept;
-  } cases[] = {
-      {"99 pixels go", 60, 5, 9, 11, false},
-      {"exactly 100 stay", 60, 5, 10, 10, true},
-      {"101 stay", 60, 5, 1, 101, true},
-      {"diagonal contact does not join", 42, 27, 9, 11, false},
-  };
-  for (const Case& tc : cases) {
-    SCOPED_TRACE(tc.name);
-    IplImage* mask = blankMask(120, 120);
-    fillRect(mask, 2, 2, 40, 25, 255);
-    fillRect(mask, tc.x, tc.y, tc.w, tc.h, 255);
-    IplImage* expected = cvCloneImage(mask);
-    if (!tc.kept) fillRect(expected, tc.x, tc.y, tc.w, tc.h, 0);
-    hybrid_.postProcessForLoop(mask);
-    expectSameAndRelease(mask, expected);
-  }
-}
-
-TEST_F(PostProcessTest, LoopFillsSmallHolesOnly) {
-  struct Case {
-    const char* name;
-    const char *mask, *expected;
-  } cases[] = {
-      // A 4-pixel hole and a 3-pixel notch at the top border are filled, a
-      // 5-pixel hole is kept, and two 3-pixel holes meeting only diagonally
-      // are separate components: both filled.
-      {"holes", "######...#######/################/##..####.....###/##..############/"
-                "################/#####...########/########...#####/################",
-       "################/################/########.....###/################/"
-       "################/################/################/################"},
-      {"single pixel", "...../..#../.....", "...../..#../....."},
-      {"single row", "...../###../.....", "...../###../....."},
-      {"outer background", "........../..####..../..####..../..........",
-       "........../..####..../..####..../.........."},
-  };
-  for (const Case& tc : cases) {
-    SCOPED_TRACE(tc.name);
-    IplImage* mask = maskFromRows(tc.mask);
-    hybrid_.postProcessForLoop(mask);
-    expectSameAndRelease(mask, maskFromRows(tc.expected));
-  }
-}
-
-TEST_F(PostProcessTest, StrokeKeepsOnlyChangesConnectedToIt) {
-  struct Case {
-    const char* name;
-    int type;
-    const char *prev, *mask, *expected;
-    std::vector<int> points;
-  } cases[] = {
-      {"object stroke: touched addition stays, others revert", 2,
-       "##......../##......../........../..........", "####....##/#.##....##/........../......#...",
-       "####....../####....../........../..........", {2, 0, 3, 1}},
-      {"object stroke on unchanged pixels changes nothing", 2,
-       "##......../##......../........../..........", "####....##/####....##/........../..........",
-       "##......../##......../........../..........", {0, 0, 5, 3}},
-      {"diagonal contact is not connected", 2, "........../........../........../..........",
-       "##......../##......../..##....../..##......", "##......../##......../........../..........",
-       {0, 0}},
-      {"background stroke keeps the touched removal", 3,
-       "##########/##########/##########/##########", "###...####/###...####/##########/#.#######.",
-       "###...####/###...####/##########/##########", {4, 1, 4, 1, 5}},  // odd count: last value is no point
-  };
-  for (const Case& tc : cases) {
-    SCOPED_TRACE(tc.name);
-    VELDSEMarker::currentStroke.strokeType = tc.type;
-    VELDSEMarker::currentStroke.points = tc.points;
-    VELDSEMarker::m_prevResult = maskFromRows(tc.prev);
-    IplImage* mask = maskFromRows(tc.mask);
-    hybrid_.postProcessForStroke(mask);
-    expectSameAndRelease(mask, maskFromRows(tc.expected));
-    cvReleaseImage(&VELDSEMarker::m_prevResult);
-  }
-}
-
-TEST_F(PostProcessTest, WithoutPreviousResultOnlyTheTypeStepRuns) {
-  for (int type : {0, 1, 2, 3}) {
-    SCOPED_TRACE(type);
-    VELDSEMarker::currentStroke.strokeType = type;
-    VELDSEMarker::currentStroke.points = {1, 1};
-    IplImage* mask = maskFromRows("#####./#.###./#####./....../.....#");
-    // Only the loop step fills the hole; the lone corner pixel stays
-    // (threshold (int)(14 * 0.1) = 1, and 1 < 1 is false).
-    IplImage* expected = type == 0 ? maskFromRows("#####./#####./#####./....../.....#") : cvCloneImage(mask);
-    hybrid_.postProcess(mask);
-    expectSameAndRelease(mask, expected);
-  }
-}
-
-TEST_F(PostProcessTest, MergeKeepsOnlyTheRequestedDirectionInsideTheRegion) {
-  // Working image 20 x 16 at scale 2.25, box corner (4, 3): the region starts
-  // at (9, 6) and is 45 x 36, so it runs past the right and bottom of 45 x 37.
-  // Previous result: columns 0..24. New mask: the square (4..33, 4..33) with
-  // a 3 x 3 hole at (14, 12), and a 35-pixel island in the bottom-right corner.
-  g_imageResizeFactor = 2.25f;
-  hybrid_.m_imgWidth = 20;
-  hybrid_.m_imgHeight = 16;
-  VELDSEMarker::m_xMinBBox = 4;
-  VELDSEMarker::m_yMinBBox = 3;
-  // Object rectangles (x, y, w, h) of the result. Adding types: the square's
-  // part right of the previous result and inside the region (the loop drops
-  // the island; the stroke at (30, 20) keeps only the part it touches).
-  // Type 1 removes inside the region whatever the new mask lacks (the hole
-  // too); type 3's
-  // stroke touches no removal, so nothing changes.
-  const std::vector<cv::Rect> grown = {{0, 0, 25, 37}, {25, 6, 9, 28}};
-  const std::vector<cv::Rect> cases[4] = {
-      grown, {{0, 0, 9, 37}, {9, 0, 16, 12}, {9, 12, 5, 3}, {17, 12, 8, 3}, {9, 15, 16, 19}}, grown, {{0, 0, 25, 37}}};
-  for (int type : {0, 1, 2, 3}) {
-    SCOPED_TRACE(type);
-    VELDSEMarker::currentStroke.strokeType = type;
-    VELDSEMarker::currentStroke.points = {12, 10, 30, 20, 8, 30};
-    VELDSEMarker::m_prevResult = blankMask(45, 37);
-    fillRect(VELDSEMarker::m_prevResult, 0, 0, 25, 37, 255);
-    IplImage* mask = blankMask(45, 37);
-    fillRect(mask, 4, 4, 30, 30, 255);
-    fillRect(mask, 40, 30, 5, 7, 255);  // reaches the bottom-right corner
-    fillRect(mask, 14, 12, 3, 3, 0);
-    IplImage* expected = blankMask(45, 37);
-    for (const cv::Rect& r : cases[type]) fillRect(expected, r.x, r.y, r.width, r.height, 255);
-    hybrid_.postProcess(mask);
-    expectSameAndRelease(mask, expected);
-    cvReleaseImage(&VELDSEMarker::m_prevResult);
-  }
-}
-
-TEST_F(PostProcessTest, EmptyRegionRevertsToThePreviousResult) {
-  hybrid_.m_imgWidth = 10;
-  hybrid_.m_imgHeight = 0;
-  VELDSEMarker::currentStroke.strokeType = 1;
-  VELDSEMarker::m_prevResult = maskFromRows("##../##..");
-  IplImage* mask = maskFromRows("..../####");
-  hybrid_.postProcess(mask);
-  expectSameAndRelease(mask, cvCloneImage(VELDSEMarker::m_prevResult));
-}
-
-}  // namespace
-
-namespace {
 
 // The loop clean-up as one flood per component: every 4-connected component
 // of `value` measured by cv::floodFill on a copy, the small ones repainted by
@@ -224,16 +62,15 @@ void floodReference(cv::Mat& mask, unsigned char value, int limit, unsigned char
     if (c.second < limit) cv::floodFill(mask, c.first, cv::Scalar(paint), nullptr, 0, 0, 4);
 }
 
-}  // namespace
-
 TEST_F(PostProcessTest, LoopCleanUpMatchesOneFloodPerComponent) {
   std::mt19937 rng(5);
   auto uni = [&rng](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
   for (int round = 0; round < 300; ++round) {
     const int w = uni(1, 70), h = uni(1, 50);
     cv::Mat m(h, w, CV_8UC1, cv::Scalar(0));
-    // Blobs of every size and scattered noise, so that islands, holes, ties
-    // and runs touching only diagonally all occur.
+    // Blobs of every size and scattered noise, so that islands and holes at
+    // and around both limits, at the border, and runs touching only
+    // diagonally all occur.
     for (int b = uni(0, 12); b > 0; --b)
       cv::rectangle(m, cv::Rect(uni(0, w), uni(0, h), uni(1, w), uni(1, h)), cv::Scalar(uni(0, 1) * 255), -1);
     for (int p = uni(0, w * h / 3); p > 0; --p) m.at<unsigned char>(uni(0, h - 1), uni(0, w - 1)) ^= 255;
@@ -241,10 +78,88 @@ TEST_F(PostProcessTest, LoopCleanUpMatchesOneFloodPerComponent) {
     floodReference(expected, 255, -1, 0);
     floodReference(expected, 0, 5, 255);
     IplImage* mask = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, 1);
-    m.copyTo(cv::cvarrToMat(mask));
+    m.copyTo(M(mask));
     hybrid_.postProcessForLoop(mask);
     IplImage copy = cvIplImage(expected);
     SCOPED_TRACE("round " + std::to_string(round));
     expectSameAndRelease(mask, cvCloneImage(&copy));
   }
 }
+
+TEST_F(PostProcessTest, StrokeKeepsOnlyChangesConnectedToIt) {
+  const struct { const char* name; int type; const char *prev, *mask, *expected; std::vector<int> points; } cases[] = {
+      {"object stroke: touched addition stays, others revert", 2, "##......../##......../........../..........",
+       "####....##/#.##....##/........../......#...", "####....../####....../........../..........", {2, 0, 3, 1}},
+      {"object stroke on unchanged pixels changes nothing", 2, "##......../##......../........../..........",
+       "####....##/####....##/........../..........", "##......../##......../........../..........", {0, 0, 5, 3}},
+      {"diagonal contact is not connected", 2, "........../........../........../..........",
+       "##......../##......../..##....../..##......", "##......../##......../........../..........", {0, 0}},
+      {"background stroke keeps the touched removal", 3, "##########/##########/##########/##########",
+       "###...####/###...####/##########/#.#######.", "###...####/###...####/##########/##########",
+       {4, 1, 4, 1, 5}},  // odd count: the last value is no point
+  };
+  for (const auto& tc : cases) {
+    SCOPED_TRACE(tc.name);
+    VELDSEMarker::currentStroke = {tc.points, tc.type};
+    VELDSEMarker::m_prevResult = maskFromRows(tc.prev);
+    IplImage* mask = maskFromRows(tc.mask);
+    hybrid_.postProcessForStroke(mask);
+    expectSameAndRelease(mask, maskFromRows(tc.expected));
+    cvReleaseImage(&VELDSEMarker::m_prevResult);
+  }
+}
+
+TEST_F(PostProcessTest, WithoutPreviousResultOnlyTheTypeStepRuns) {
+  for (int type : {0, 1, 2, 3}) {
+    SCOPED_TRACE(type);
+    VELDSEMarker::currentStroke = {{1, 1}, type};
+    IplImage* mask = maskFromRows("#####./#.###./#####./....../.....#");
+    // Only the loop step fills the hole; the lone corner pixel stays
+    // (threshold (int)(14 * 0.1) = 1, and 1 < 1 is false).
+    IplImage* expected = type == 0 ? maskFromRows("#####./#####./#####./....../.....#") : cvCloneImage(mask);
+    hybrid_.postProcess(mask);
+    expectSameAndRelease(mask, expected);
+  }
+}
+
+TEST_F(PostProcessTest, MergeKeepsOnlyTheRequestedDirectionInsideTheRegion) {
+  // Working image 20 x 16 at scale 2.25, box corner (4, 3): the region starts
+  // at (9, 6) and is 45 x 36, so it runs past the right and bottom of 45 x 37.
+  // Previous result: columns 0..24. New mask: the square (4..33, 4..33) with
+  // a 3 x 3 hole at (14, 12), and a 35-pixel island in the bottom-right corner.
+  g_imageResizeFactor = 2.25f;
+  hybrid_.m_imgWidth = 20, hybrid_.m_imgHeight = 16;
+  VELDSEMarker::m_xMinBBox = 4, VELDSEMarker::m_yMinBBox = 3;
+  // Object rectangles of the result. Adding types: the square's part right of
+  // the previous result and inside the region (the loop drops the island; the
+  // stroke at (30, 20) keeps only the part it touches). Type 1 removes inside
+  // the region whatever the new mask lacks (the hole too); type 3's stroke
+  // touches no removal, so nothing changes.
+  const std::vector<cv::Rect> grown = {{0, 0, 25, 37}, {25, 6, 9, 28}};
+  const std::vector<cv::Rect> cases[4] = {
+      grown, {{0, 0, 9, 37}, {9, 0, 16, 12}, {9, 12, 5, 3}, {17, 12, 8, 3}, {9, 15, 16, 19}}, grown, {{0, 0, 25, 37}}};
+  for (int type : {0, 1, 2, 3}) {
+    SCOPED_TRACE(type);
+    VELDSEMarker::currentStroke = {{12, 10, 30, 20, 8, 30}, type};
+    VELDSEMarker::m_prevResult = newImage(45, 37);
+    M(VELDSEMarker::m_prevResult)(cv::Rect(0, 0, 25, 37)).setTo(255);
+    IplImage* mask = newImage(45, 37);
+    M(mask)(cv::Rect(4, 4, 30, 30)).setTo(255);
+    M(mask)(cv::Rect(40, 30, 5, 7)).setTo(255);  // reaches the bottom-right corner
+    M(mask)(cv::Rect(14, 12, 3, 3)).setTo(0);
+    IplImage* expected = newImage(45, 37);
+    for (const cv::Rect& r : cases[type]) M(expected)(r).setTo(255);
+    hybrid_.postProcess(mask);
+    expectSameAndRelease(mask, expected);
+    cvReleaseImage(&VELDSEMarker::m_prevResult);
+  }
+  // An empty region: the mask reverts to the previous result.
+  hybrid_.m_imgWidth = 10, hybrid_.m_imgHeight = 0;
+  VELDSEMarker::currentStroke.strokeType = 1;
+  VELDSEMarker::m_prevResult = maskFromRows("##../##..");
+  IplImage* mask = maskFromRows("..../####");
+  hybrid_.postProcess(mask);
+  expectSameAndRelease(mask, cvCloneImage(VELDSEMarker::m_prevResult));
+}
+
+}  // namespace

@@ -1,32 +1,19 @@
 // Pre-processing: black borders and flat border strips of the working box
 // become definite background and the box shrinks to the content.
-#include <gtest/gtest.h>
-#include <opencv2/core.hpp>
-#include <opencv2/core/core_c.h>
-
 #include <functional>
-#include <random>
-#include <string>
 
 #include "engine/veldse_hybrid.h"
 #include "interface/segmentation_core.h"
 #include "interface/veldse_marker.h"
+#include "tests/test_support.h"
 
 namespace {
+
+using testsupport::at;
 
 // Grey value of working pixel (x, y); -1 stands for "strong random texture".
 using Scene = std::function<int(int x, int y)>;
 const int kTexture = -1;
-
-unsigned char& labelAt(int x, int y) {
-  IplImage* l = VELDSEMarker::m_labelImage;
-  return reinterpret_cast<unsigned char*>(l->imageData + y * l->widthStep)[x];
-}
-
-cv::Vec3b& srcAt(int x, int y) {
-  IplImage* s = VELDSEMarker::m_srcImage;
-  return reinterpret_cast<cv::Vec3b*>(s->imageData + y * s->widthStep)[x];
-}
 
 struct Box {
   int x, y, w, h;
@@ -39,14 +26,13 @@ class PreProcess : public ::testing::Test {
   // Working image and labels (all probable object) of w x h; the box as given.
   void scene(int w, int h, const Scene& grey, const Box& box, unsigned seed = 1) {
     std::mt19937 rng(seed);
-    VELDSEMarker::m_srcImage = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, 3);
+    VELDSEMarker::m_srcImage = testsupport::newImage(w, h, 3);
     for (int y = 0; y < h; ++y)
       for (int x = 0; x < w; ++x) {
         const int v = grey(x, y);
-        srcAt(x, y) = cv::Vec3b::all(static_cast<unsigned char>(v == kTexture ? 1 + rng() % 255 : v));
+        testsupport::M(VELDSEMarker::m_srcImage).at<cv::Vec3b>(y, x) = cv::Vec3b::all(v == kTexture ? 1 + rng() % 255 : v);
       }
-    VELDSEMarker::m_labelImage = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, 1);
-    cvSet(VELDSEMarker::m_labelImage, cvScalarAll(LABEL_PR_FG), nullptr);
+    VELDSEMarker::m_labelImage = testsupport::newImage(w, h, 1, LABEL_PR_FG);
     VELDSEMarker::m_xMinBBox = box.x, VELDSEMarker::m_yMinBBox = box.y;
     engine.m_boundWidth = box.w, engine.m_boundHeight = box.h;
   }
@@ -54,16 +40,15 @@ class PreProcess : public ::testing::Test {
   // Every pixel of `before` outside the inside of `kept` (box coordinates of
   // `before`, border ring excluded) is background; all else is untouched.
   void expectMarked(const Box& before, const Box& kept) {
-    const IplImage* l = VELDSEMarker::m_labelImage;
     int wrong = 0;
-    for (int y = 0; y < l->height; ++y)
-      for (int x = 0; x < l->width; ++x) {
+    for (int y = 0; y < VELDSEMarker::m_labelImage->height; ++y)
+      for (int x = 0; x < VELDSEMarker::m_labelImage->width; ++x) {
         const int c = x - before.x, r = y - before.y;
         const bool inBox = c >= 0 && r >= 0 && c < before.w && r < before.h;
         const bool inside = c > kept.x && c < kept.x + kept.w - 1 && r > kept.y && r < kept.y + kept.h - 1;
         const unsigned char expected = inBox && !inside ? LABEL_BG : LABEL_PR_FG;
-        if (labelAt(x, y) != expected && ++wrong <= 5)
-          ADD_FAILURE() << "label at " << x << "," << y << " is " << int(labelAt(x, y));
+        const int got = at(VELDSEMarker::m_labelImage, x, y);
+        if (got != expected && ++wrong <= 5) ADD_FAILURE() << "label at " << x << "," << y << " is " << got;
       }
     EXPECT_EQ(wrong, 0);
   }
@@ -80,15 +65,14 @@ class PreProcess : public ::testing::Test {
 };
 
 TEST_F(PreProcess, BlackBorderAndItsInnerRingBecomeBackground) {
-  const struct {
-    std::string name;
-    Box box;
-    int frameLeft, frameTop, frameRight, frameBottom;  // black lines on each side
-    Box kept;                                          // relative to the box
-  } cases[] = {
+  // Black lines on each side of the box; what is kept, relative to the box.
+  const struct { std::string name; Box box; int frameLeft, frameTop, frameRight, frameBottom; Box kept; } cases[] = {
       {"three-pixel frame", {0, 0, 60, 40}, 3, 3, 3, 3, {3, 3, 54, 34}},
       {"left bars only", {0, 0, 60, 40}, 3, 0, 0, 0, {3, 0, 57, 40}},
       {"top and right", {5, 5, 50, 30}, 0, 2, 4, 0, {0, 2, 46, 28}},
+      // Left alone: a box without a black line, and one that is black throughout.
+      {"no frame", {4, 4, 30, 20}, 0, 0, 0, 0, {0, 0, 30, 20}},
+      {"all black", {4, 4, 30, 20}, 30, 0, 0, 0, {0, 0, 30, 20}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -100,20 +84,9 @@ TEST_F(PreProcess, BlackBorderAndItsInnerRingBecomeBackground) {
     }, b);
     // Only the first channel decides: green and red in the frame do not count.
     for (int y = b.y; y < b.y + c.frameTop; ++y)
-      for (int x = b.x; x < b.x + b.w; ++x) srcAt(x, y)[1] = srcAt(x, y)[2] = 200;
+      for (int x = b.x; x < b.x + b.w; ++x) at(VELDSEMarker::m_srcImage, x, y, 1) = at(VELDSEMarker::m_srcImage, x, y, 2) = 200;
     engine.removeBlackRegion();
     expectKept(b, c.kept);
-    deinitSegmentation();
-  }
-}
-
-TEST_F(PreProcess, AllBlackOrUnframedBoxIsLeftAlone) {
-  for (int fill : {0, kTexture}) {
-    SCOPED_TRACE(fill);
-    const Box box{4, 4, 30, 20};
-    scene(40, 30, [&](int, int) { return fill; }, box);
-    engine.removeBlackRegion();
-    expectKept(box, {0, 0, box.w, box.h});
     deinitSegmentation();
   }
 }

@@ -1,52 +1,22 @@
 // Requests through the exported functions: rectangle and stroke cuts on
 // synthetic scenes (plain path and full-resolution re-cut), the result
 // formats, stroke edits without a cut, the history, and the exit protocol.
-#include <gtest/gtest.h>
-#include <android/log.h>
-#include "tests/log_capture.h"
-
-#include <algorithm>
-#include <random>
-#include <vector>
-
-#include <opencv2/core.hpp>
-#include <opencv2/imgproc.hpp>
-#include <opencv2/imgproc/imgproc_c.h>
-
 #include "interface/segmentation_core.h"
 #include "interface/undo_redo.h"
 #include "interface/veldse_marker.h"
-#include "synthetic_scene.h"
+#include "tests/synthetic_scene.h"
+#include "tests/test_support.h"
 
 namespace {
 
 using synthetic::Bytes;
 using synthetic::iou;
-using synthetic::makeScene;
 using synthetic::Pixels;
 using synthetic::Scene;
 
-// A stroke request: points as given, marker codes painted along the polyline.
-int strokeRequest(const Scene& s, std::vector<int> points, int code, int strokeType,
-                  Pixels& blended, Bytes& mask) {
-  std::vector<int> markers(static_cast<size_t>(s.w) * s.h, 0);
-  cv::Mat view(s.h, s.w, CV_32S, markers.data());
-  for (size_t i = 2; i + 1 < points.size(); i += 2)
-    cv::line(view, cv::Point(points[i - 2], points[i - 1]), cv::Point(points[i], points[i + 1]),
-             cv::Scalar(code), s.w / 60 + 2);
-  setCurrentMarkerVector(static_cast<int>(points.size()), points.data());
-  setMarkerImage(s.w, s.h, markers.data(), strokeType);
-  blended = s.argb;
-  return processSegment(0, 0, 0, blended.data(), mask.data());
-}
-
 class Requests : public ::testing::Test {
  protected:
-  void TearDown() override {
-    deinitSegmentation();
-    VELDSEMarker::m_exitApp = false;
-    g_exitStatus = 0;
-  }
+  void TearDown() override { deinitSegmentation(), VELDSEMarker::m_exitApp = false, g_exitStatus = 0; }
   static void expectTornDown() {
     EXPECT_TRUE(pHybrid == nullptr && VELDSEMarker::m_originalImage == nullptr &&
                 VELDSEMarker::m_srcImage == nullptr && VELDSEManageUndoRedo::m_bitPlane == nullptr &&
@@ -60,30 +30,31 @@ TEST_F(Requests, RectangleAndStrokesRecoverTheObject) {
     // Emulated, the large photo comes close to the 10 s cut limit on a busy machine.
     if (c.w > 240 && synthetic::emulated()) continue;
     SCOPED_TRACE(::testing::Message() << c.w << "x" << c.h << (c.grey ? " grey" : " colour"));
-    Scene s = makeScene(c.w, c.h, c.grey, true);
+    Scene s = synthetic::makeScene(c.w, c.h, c.grey, true);
     Bytes mask(static_cast<size_t>(c.w) * c.h, 77);
     const int r = c.h / 4, cx = c.w * 2 / 5, cy = c.h / 2, m = c.h / 12;
     cv::Mat disc = cv::Mat::zeros(c.h, c.w, CV_8U);
     cv::circle(disc, cv::Point(cx, cy), r, cv::Scalar(255), cv::FILLED);
     // Rectangle round the disc only (the square stays outside).
-    ASSERT_EQ(doSegmentationBB(c.w, c.h, s.argb.data(), cx - r - m, cy - r - m, cx + r + m,
-                               cy + r + m, mask.data()), 0);
+    ASSERT_EQ(doSegmentationBB(c.w, c.h, s.argb.data(), cx - r - m, cy - r - m, cx + r + m, cy + r + m, mask.data()), 0);
     EXPECT_GT(iou(mask, disc), 0.93);
-    // An object stroke across the square only adds; a background one only removes.
-    auto changes = [&mask](const Bytes& before, bool additions) {
-      int n = 0;
-      for (size_t i = 0; i < mask.size(); ++i)
-        n += additions ? before[i] != 0 && mask[i] == 0 : before[i] == 0 && mask[i] != 0;
-      return n;
-    };
-    Pixels blended;
+    // An object stroke across the square only adds; a background one only
+    // removes. The stroke's marker codes are painted along its polyline.
     const int sx = c.w * 3 / 4, sy = c.h / 3, side = c.w / 8;
-    const std::vector<int> across = {sx + side / 4, sy + side / 2, sx + side * 3 / 4, sy + side / 2};
+    std::vector<int> across = {sx + side / 4, sy + side / 2, sx + side * 3 / 4, sy + side / 2};
     for (int code : {LABEL_FG, LABEL_BG}) {
       const Bytes before = mask;
-      ASSERT_EQ(strokeRequest(s, across, code, code == LABEL_FG ? 2 : 3, blended, mask), 0);
-      EXPECT_EQ(changes(before, code != LABEL_FG), 0);
-      EXPECT_GT(changes(before, code == LABEL_FG), side * side / 2);
+      std::vector<int> markers(s.argb.size(), 0);
+      cv::line(cv::Mat(c.h, c.w, CV_32S, markers.data()), {across[0], across[1]}, {across[2], across[3]},
+               cv::Scalar(code), c.w / 60 + 2);
+      setCurrentMarkerVector(4, across.data());
+      setMarkerImage(c.w, c.h, markers.data(), code == LABEL_FG ? 2 : 3);
+      Pixels blended = s.argb;
+      ASSERT_EQ(processSegment(0, 0, 0, blended.data(), mask.data()), 0);
+      int added = 0, removed = 0;
+      for (size_t i = 0; i < mask.size(); ++i) added += before[i] != 0 && mask[i] == 0, removed += before[i] == 0 && mask[i] != 0;
+      EXPECT_EQ(code == LABEL_FG ? removed : added, 0);
+      EXPECT_GT(code == LABEL_FG ? added : removed, side * side / 2);
       EXPECT_GT(iou(mask, code == LABEL_FG ? s.truth : disc), 0.93);
     }
     EXPECT_EQ(VELDSEManageUndoRedo::m_current, 3);
@@ -92,22 +63,19 @@ TEST_F(Requests, RectangleAndStrokesRecoverTheObject) {
 }
 
 TEST_F(Requests, RectanglePointListAndMarkerBlock) {
-  // Strong texture everywhere: the pre-processing trims nothing.
-  std::mt19937 rng(1);
+  std::mt19937 rng(1);  // strong texture everywhere: the pre-processing trims nothing
   Pixels photo(40 * 40);
   for (unsigned int& p : photo) p = 0xFF000000u | (rng() & 0x00FFFFFFu) | 0x010101u;
   Bytes mask(40 * 40, 77);
   ASSERT_EQ(doSegmentationBB(40, 40, photo.data(), 10, 20, 13, 22, mask.data()), 0);
-  const std::vector<int> expected = {10, 20, 11, 20, 12, 20, 13, 20, 13, 21,
-                                     13, 22, 12, 22, 11, 22, 10, 22, 10, 21};
+  const std::vector<int> expected = {10, 20, 11, 20, 12, 20, 13, 20, 13, 21, 13, 22, 12, 22, 11, 22, 10, 22, 10, 21};
   EXPECT_EQ(VELDSEMarker::currentStroke.points, expected);
   // Inside the block the labels are cut to 3 or 4; beyond the band
   // (thickness 3, round ends) everything is background.
-  const cv::Mat labels = cv::cvarrToMat(VELDSEMarker::m_labelImage);
   for (int y = 0; y < 40; ++y)
     for (int x = 0; x < 40; ++x) {
       SCOPED_TRACE(::testing::Message() << x << "," << y);
-      const int code = labels.at<unsigned char>(y, x);
+      const int code = testsupport::at(VELDSEMarker::m_labelImage, x, y);
       const int dx = x < 10 ? 10 - x : x > 13 ? x - 13 : 0, dy = y < 20 ? 20 - y : y > 22 ? y - 22 : 0;
       if (dx == 0 && dy == 0) { EXPECT_TRUE(code == LABEL_PR_BG || code == LABEL_PR_FG); }
       if (dx >= 3 || dy >= 3) { EXPECT_TRUE(code == LABEL_BG && mask[y * 40 + x] == 255); }
@@ -124,10 +92,8 @@ class Edits : public Requests {
   }
   // Records `m` (255 = object) as the latest history mask.
   static void record(const cv::Mat& m) {
-    IplImage* header = cvCreateImageHeader(cvSize(m.cols, m.rows), IPL_DEPTH_8U, 1);
-    cvSetData(header, m.data, static_cast<int>(m.step));
-    VELDSEManageUndoRedo::updateBitPlane(header);
-    cvReleaseImageHeader(&header);
+    IplImage header = cvIplImage(m);
+    VELDSEManageUndoRedo::updateBitPlane(&header);
   }
   // Edit request with the given marker codes.
   static void edit(const cv::Mat& codes, Pixels* blended, Bytes* mask) {
@@ -136,10 +102,11 @@ class Edits : public Requests {
     setMarkerImage(kW, kH, ints.ptr<int>(), 2);
     ASSERT_EQ(cutOutImage(0, 0, 0, blended ? blended->data() : nullptr, mask ? mask->data() : nullptr), 0);
   }
-  static cv::Mat fromBuffer(const Bytes& mask) {
-    cv::Mat m(kH, kW, CV_8U);
-    for (int i = 0; i < kW * kH; ++i) m.data[i] = mask[i] == 0 ? 255 : 0;
-    return m;
+  // Pixels where the caller's mask (0 = object) and `m` (255 = object) differ.
+  static int differ(const Bytes& mask, const cv::Mat& m) {
+    int n = 0;
+    for (int i = 0; i < kW * kH; ++i) n += (mask[i] == 0) != (m.data[i] == 255);
+    return n;
   }
   static constexpr int kW = 64, kH = 48;
   Pixels photo;
@@ -154,27 +121,28 @@ TEST_F(Edits, OutlineArrayLayoutAndOneTimeDelivery) {
   Pixels blended = photo;
   Bytes mask(kW * kH, 77);
   edit(cv::Mat::zeros(kH, kW, CV_8U), &blended, &mask);
-  EXPECT_EQ(cv::countNonZero(fromBuffer(mask) != shapes), 0);
+  EXPECT_EQ(differ(mask, shapes), 0);
 
   // Reference: the same contours from the matrix interface.
   std::vector<std::vector<cv::Point>> ref;
   cv::findContours(shapes.clone(), ref, cv::RETR_LIST, cv::CHAIN_APPROX_SIMPLE);
   ASSERT_EQ(ref.size(), 3u);
-  int* array = nullptr;
-  int count = 0;
-  EXPECT_EQ(fetch_path_array(&array, &count), 0);
   std::vector<int> expected = {static_cast<int>(ref.size())};
   for (const auto& c : ref) {
     expected.push_back(static_cast<int>(c.size()));
-    for (const cv::Point& p : c) { expected.push_back(p.x); expected.push_back(p.y); }
+    for (const cv::Point& p : c) expected.insert(expected.end(), {p.x, p.y});
     expected.push_back(-1);
   }
-  EXPECT_EQ(std::vector<int>(array, array + count), expected);
-  delete[] array;
-
-  EXPECT_EQ(fetch_path_array(&array, &count), 0);
-  EXPECT_EQ(std::vector<int>(array, array + count), std::vector<int>{0}) << "delivered once";
-  delete[] array;
+  auto fetch = [] {
+    int* array = nullptr;
+    int count = 0;
+    EXPECT_EQ(fetch_path_array(&array, &count), 0);
+    const std::vector<int> out(array, array + count);
+    delete[] array;
+    return out;
+  };
+  EXPECT_EQ(fetch(), expected);
+  EXPECT_EQ(fetch(), std::vector<int>{0}) << "delivered once";
 
   // Preview: exactly the full-intensity pixels of the anti-aliased outline.
   cv::Mat outline = cv::Mat::zeros(kH, kW, CV_8U);
@@ -190,9 +158,7 @@ TEST_F(Edits, OutlineArrayLayoutAndOneTimeDelivery) {
   edit(cv::Mat::zeros(kH, kW, CV_8U), &blended, &mask);
   EXPECT_EQ(mask, Bytes(kW * kH, 255));
   EXPECT_EQ(blended, Pixels(kW * kH, 5u));
-  EXPECT_EQ(fetch_path_array(&array, &count), 0);
-  EXPECT_EQ(std::vector<int>(array, array + count), std::vector<int>{0});
-  delete[] array;
+  EXPECT_EQ(fetch(), std::vector<int>{0});
 }
 
 // An edit of A into B (codes 1 and 2 apply, 3 and 4 are ignored), the history
@@ -213,7 +179,7 @@ TEST_F(Edits, EditHistoryAndTheirExitTeardown) {
   Pixels blended(kW * kH, 0);
   Bytes mask(kW * kH, 77);
   edit(codes, nullptr, &mask);
-  EXPECT_EQ(cv::countNonZero(fromBuffer(mask) != b), 0);
+  EXPECT_EQ(differ(mask, b), 0);
   EXPECT_TRUE(g_markerImage == nullptr && g_resultMask == nullptr);
   IplImage* latest = VELDSEManageUndoRedo::prevMask();
   EXPECT_EQ(cv::countNonZero(cv::cvarrToMat(latest) != b), 0) << "the edit is recorded";
@@ -245,22 +211,20 @@ TEST_F(Edits, EditHistoryAndTheirExitTeardown) {
     std::fill(mask.begin(), mask.end(), 77);
     std::fill(blended.begin(), blended.end(), 0u);
     g_exitStatus = 1;  // without a cancel this arms nothing and is cleared
-    if (s.exit) { cancelSegmentation(); exitSegmentation(); }
+    if (s.exit) cancelSegmentation(), exitSegmentation();
     EXPECT_EQ(s.call(blended.data(), mask.data()), 0);
     EXPECT_EQ(g_exitStatus.load(), 0);
     if (s.expected == nullptr) {
       EXPECT_EQ(mask, Bytes(kW * kH, 77));
       EXPECT_EQ(blended, photo);
     } else {
-      EXPECT_EQ(cv::countNonZero(fromBuffer(mask) != *s.expected), 0);
+      EXPECT_EQ(differ(mask, *s.expected), 0);
       EXPECT_GT(std::count(blended.begin(), blended.end(), 0xFFFFFF00u), 20);
     }
     if (s.exit) expectTornDown(), VELDSEMarker::m_exitApp = false, SetUp(), record(a), record(b);
-    EXPECT_EQ(canUndo(), s.canUndo);
-    EXPECT_EQ(canRedo(), s.canRedo);
+    EXPECT_EQ(std::make_pair(canUndo(), canRedo()), std::make_pair(s.canUndo, s.canRedo));
   }
 }
-
 
 // A cancel and an exit before processSegment: the first cut is abandoned, the
 // caller gets the plain photo and -1, the context is torn down and the exit
@@ -271,18 +235,15 @@ TEST_F(Edits, EditHistoryAndTheirExitTeardown) {
 using ExitProtocol = Requests;
 
 TEST_F(ExitProtocol, RequestsAfterATeardownAreRefused) {
-  Scene scene = makeScene(240, 180, false);
+  Scene scene = synthetic::makeScene(240, 180, false);
   setSourceImage(scene.w, scene.h, scene.argb.data());
   ASSERT_EQ(initSegmentationEngine(0), 0);
-  std::vector<int> loop = {40, 20, 150, 20, 150, 160, 40, 160};
-  std::vector<int> markers(scene.argb.size(), 0);
-  cv::Mat view(180, 240, CV_32S, markers.data());
-  cv::rectangle(view, cv::Rect(40, 20, 111, 141), cv::Scalar(4), cv::FILLED);
+  std::vector<int> loop = {40, 20, 150, 20, 150, 160, 40, 160}, markers(scene.argb.size(), 0);
+  cv::rectangle(cv::Mat(180, 240, CV_32S, markers.data()), cv::Rect(40, 20, 111, 141), cv::Scalar(4), cv::FILLED);
   setCurrentMarkerVector(8, loop.data());
   setMarkerImage(240, 180, markers.data(), 0);
-  Pixels blended(scene.argb.size(), 0u);
+  Pixels blended(scene.argb.size(), 0u), plain(scene.argb.size());
   Bytes mask(scene.argb.size(), 77);
-  Pixels plain(scene.argb.size());
   copySourceImage(plain.data());
   cancelSegmentation();
   exitSegmentation();
@@ -293,17 +254,14 @@ TEST_F(ExitProtocol, RequestsAfterATeardownAreRefused) {
   EXPECT_EQ(mask, Bytes(mask.size(), 77));
   VELDSEMarker::m_exitApp = false, g_exitStatus = 0;
 
-  struct Call {
-    const char* name;
-    int (*run)(Pixels&, Bytes&);
-  } calls[] = {
-      {"processSegment", [](Pixels& b, Bytes& m) { return processSegment(0, 0, 0, b.data(), m.data()); }},
-      {"cutOutImage", [](Pixels& b, Bytes& m) { return cutOutImage(0, 0, 0, b.data(), m.data()); }},
-      {"undo", [](Pixels& b, Bytes& m) { return undo(b.data(), m.data()); }},
-      {"redo", [](Pixels& b, Bytes& m) { return redo(b.data(), m.data()); }},
-  };
-  for (const Call& c : calls) {
-    SCOPED_TRACE(c.name);
+  using Call = int (*)(unsigned int*, unsigned char*);
+  const std::pair<const char*, Call> calls[] = {
+      {"processSegment", [](unsigned int* b, unsigned char* m) { return processSegment(0, 0, 0, b, m); }},
+      {"cutOutImage", [](unsigned int* b, unsigned char* m) { return cutOutImage(0, 0, 0, b, m); }},
+      {"undo", undo},
+      {"redo", redo}};
+  for (const auto& [name, call] : calls) {
+    SCOPED_TRACE(name);
     blended.assign(blended.size(), 5u);
     mask.assign(mask.size(), 77);
     // The bridge's next request. Each refusal must consume its marker image:
@@ -311,25 +269,17 @@ TEST_F(ExitProtocol, RequestsAfterATeardownAreRefused) {
     // would leak (LeakSanitizer fails the sanitizer run on it).
     ASSERT_EQ(setMarkerImage(240, 180, markers.data(), 0), 0);
     ASSERT_NE(g_markerImage, nullptr);
-    hostlog::startCapture();
-    EXPECT_EQ(c.run(blended, mask), -1);
-    const std::vector<hostlog::Record> log = hostlog::stopCapture();
-    ASSERT_EQ(log.size(), 1u);
-    EXPECT_TRUE(log[0].priority == ANDROID_LOG_ERROR && log[0].tag == "Error");
-    EXPECT_EQ(log[0].text, std::string(c.name) + ": no segmentation context");
+    EXPECT_EQ(testsupport::logged([&] { EXPECT_EQ(call(blended.data(), mask.data()), -1); }),
+              testsupport::Lines{"E/Error: " + std::string(name) + ": no segmentation context"});
     EXPECT_EQ(blended, Pixels(blended.size(), 5u));
     EXPECT_EQ(mask, Bytes(mask.size(), 77));
     EXPECT_EQ(g_markerImage, nullptr) << "released like every request's";
     EXPECT_EQ(g_exitStatus.load(), 0);
   }
   freeLocalBuffers();
-
-  hostlog::startCapture();
-  EXPECT_EQ(initSegmentationEngine(0), -1);
-  const std::vector<hostlog::Record> log = hostlog::stopCapture();
+  EXPECT_EQ(testsupport::logged([] { EXPECT_EQ(initSegmentationEngine(0), -1); }),
+            testsupport::Lines{"E/Error: initSegmentationEngine: no photo (setSourceImage first)"});
   EXPECT_EQ(pHybrid, nullptr);
-  ASSERT_EQ(log.size(), 1u);
-  EXPECT_EQ(log[0].text, "initSegmentationEngine: no photo (setSourceImage first)");
 }
 
 }  // namespace

@@ -1,21 +1,15 @@
 // The segmentation driver: the fall-back to the first cut, and the abandoned
 // request (cancel flag and ten-second budget).
-#include <gtest/gtest.h>
-#include "tests/log_capture.h"
-
-#include <algorithm>
 #include <atomic>
 #include <ctime>
-#include <vector>
-
-#include <opencv2/core.hpp>
 
 #include "engine/veldse_hybrid.h"
 #include "interface/segmentation_core.h"
 #include "interface/undo_redo.h"
 #include "interface/veldse_marker.h"
 #include "support/cpu_timer.h"
-#include "synthetic_scene.h"
+#include "tests/synthetic_scene.h"
+#include "tests/test_support.h"
 
 // The library reads the wall clock through gettimeofday. This definition in the
 // test program takes its place, so the ten-second budget can run out without
@@ -38,12 +32,7 @@ namespace {
 
 class SegmentDriver : public ::testing::Test {
  protected:
-  void TearDown() override {
-    g_clockJumps = false;
-    deinitSegmentation();
-    VELDSEMarker::m_exitApp = false;
-    g_exitStatus = 0;
-  }
+  void TearDown() override { g_clockJumps = false, deinitSegmentation(), VELDSEMarker::m_exitApp = false; }
 
   // A context on the scene, and a rectangle request's marks (probable object
   // inside, the border loop as the stroke), at working size 1:1.
@@ -57,13 +46,11 @@ class SegmentDriver : public ::testing::Test {
     std::vector<int> loop = {x1, y1, x2, y1, x2, y2, x1, y2};
     setCurrentMarkerVector(static_cast<int>(loop.size()), loop.data());
     std::vector<int> markers(static_cast<size_t>(w) * h, 0);
-    cv::Mat view(h, w, CV_32S, markers.data());
-    view(cv::Rect(cv::Point(x1, y1), cv::Point(x2 + 1, y2 + 1))).setTo(LABEL_PR_FG);
+    cv::Mat(h, w, CV_32S, markers.data())(cv::Rect(cv::Point(x1, y1), cv::Point(x2 + 1, y2 + 1))).setTo(LABEL_PR_FG);
     setMarkerImage(w, h, markers.data(), 0);
     pHybrid->setLabelImage(g_markerImage);
     cvReleaseImage(&g_markerImage);
   }
-
 };
 
 TEST_F(SegmentDriver, ExitFlagOrTimeOutAbandonsAfterFirstCut) {
@@ -71,9 +58,7 @@ TEST_F(SegmentDriver, ExitFlagOrTimeOutAbandonsAfterFirstCut) {
     SCOPED_TRACE(byClock ? "ten-second budget" : "exit flag");
     startRectangle(160, 120, 40, 20, 120, 100);
     (byClock ? g_clockJumps : VELDSEMarker::m_exitApp) = true;  // the clock: no waiting
-    hostlog::startCapture();
-    EXPECT_EQ(pHybrid->segment(), nullptr);
-    const std::vector<hostlog::Record> log = hostlog::stopCapture();
+    const testsupport::Lines log = testsupport::logged([] { EXPECT_EQ(pHybrid->segment(), nullptr); });
     // The first cut ran: both models were fitted for it, and on the clock
     // its solver ran out of budget and raised the exit flag itself.
     EXPECT_TRUE(VELDSEMarker::m_exitApp.load());
@@ -84,9 +69,7 @@ TEST_F(SegmentDriver, ExitFlagOrTimeOutAbandonsAfterFirstCut) {
     EXPECT_TRUE(pHybrid->m_graph == nullptr && pHybrid->m_cropSrc == nullptr && pHybrid->m_cropLabel == nullptr &&
                 pHybrid->m_cropLabelInit == nullptr && g_cancelTimer == nullptr);
     for (IplImage* l : pHybrid->m_iterLabel) EXPECT_EQ(l, nullptr);
-    EXPECT_EQ(std::count_if(log.begin(), log.end(), [](const hostlog::Record& r) {
-                return r.text == "Segmentation canceled due to timeout" && r.priority == 6 && r.tag == "Error";
-              }), 1);
+    EXPECT_EQ(std::count(log.begin(), log.end(), "E/Error: Segmentation canceled due to timeout"), 1);
     EXPECT_EQ(VELDSEManageUndoRedo::m_current, 0) << "no result recorded";
     deinitSegmentation();
   }
@@ -95,34 +78,27 @@ TEST_F(SegmentDriver, ExitFlagOrTimeOutAbandonsAfterFirstCut) {
 TEST_F(SegmentDriver, ChooseIterKeepsFirstCutOnlyWhenItFollowsEdgesBetter) {
   // A 60 x 60 box: a bright square (20..39) on a dark flat background.
   auto square = [](int inset, unsigned char code) {
-    IplImage* l = cvCreateImage(cvSize(60, 60), IPL_DEPTH_8U, 1);
-    cvSet(l, cvScalarAll(LABEL_PR_BG));
-    cv::cvarrToMat(l)(cv::Rect(20 - inset, 20 - inset, 20 + 2 * inset, 20 + 2 * inset)).setTo(code);
+    IplImage* l = testsupport::newImage(60, 60, 1, LABEL_PR_BG);
+    testsupport::M(l)(cv::Rect(20 - inset, 20 - inset, 20 + 2 * inset, 20 + 2 * inset)).setTo(code);
     return l;
   };
-  struct Case {
-    const char* name;
-    int firstInset, lastInset;
-    bool firstWins;
-  } cases[] = {
+  const struct { const char* name; int firstInset, lastInset; bool firstWins; } cases[] = {
       {"first on the edge, last off it", 0, 4, true},
       {"last also on the edge (score 1 > 0.98)", 0, 0, false},
       {"first off the edge", 4, 0, false},
       {"first only half on the edge", -3, 4, false},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     VELDSEHybrid hybrid;
-    hybrid.m_cropSrc = cvCreateImage(cvSize(60, 60), IPL_DEPTH_8U, 3);
-    cv::Mat src = cv::cvarrToMat(hybrid.m_cropSrc);
-    src.setTo(cv::Scalar::all(30));
-    src(cv::Rect(20, 20, 20, 20)).setTo(cv::Scalar::all(220));
+    hybrid.m_cropSrc = testsupport::newImage(60, 60, 3, 30);
+    testsupport::M(hybrid.m_cropSrc)(cv::Rect(20, 20, 20, 20)).setTo(cv::Scalar::all(220));
     hybrid.m_iterLabel[0] = square(std::max(c.firstInset, 0), LABEL_FG);
     // Negative inset: half of the first cut's boundary lies on the edge, half off.
-    if (c.firstInset < 0) cv::cvarrToMat(hybrid.m_iterLabel[0])(cv::Rect(40, 20, 4, 20)).setTo(LABEL_FG);
+    if (c.firstInset < 0) testsupport::M(hybrid.m_iterLabel[0])(cv::Rect(40, 20, 4, 20)).setTo(LABEL_FG);
     hybrid.m_cropLabel = square(c.lastInset, LABEL_PR_FG);
     hybrid.chooseIter();
-    EXPECT_EQ(cv::cvarrToMat(hybrid.m_cropLabel).at<unsigned char>(30, 30), c.firstWins ? LABEL_FG : LABEL_PR_FG);
+    EXPECT_EQ(testsupport::at(hybrid.m_cropLabel, 30, 30), c.firstWins ? LABEL_FG : LABEL_PR_FG);
     hybrid.clearMemory();
   }
 }

@@ -1,34 +1,23 @@
 // Tracked allocation: the exact log lines and the leak report.
-#include <gtest/gtest.h>
-#include "tests/log_capture.h"
 #include <sys/resource.h>
 
-#include <cstdint>
 #include <cstdio>
-#include <string>
-#include <vector>
 
 #include "support/veld_memory.h"
+#include "tests/test_support.h"
 
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer)
+#ifndef __has_feature
+#define __has_feature(x) 0  // GCC marks the sanitizer with __SANITIZE_ADDRESS__ instead
+#endif
+#if __has_feature(address_sanitizer) || defined(__SANITIZE_ADDRESS__)
 #define SEGCORE_HAS_LSAN 1
-#endif
-#endif
-#if defined(__SANITIZE_ADDRESS__)
-#define SEGCORE_HAS_LSAN 1
-#endif
-#ifdef SEGCORE_HAS_LSAN
 #include <sanitizer/lsan_interface.h>
 #endif
 
 namespace {
 
-std::vector<std::string> texts(const std::vector<hostlog::Record>& log) {
-  std::vector<std::string> t;
-  for (const auto& r : log) t.push_back(r.text);
-  return t;
-}
+using testsupport::Lines;
+using testsupport::logged;
 
 std::string pointerText(const void* p) {
   char buf[64];
@@ -38,16 +27,14 @@ std::string pointerText(const void* p) {
 
 // The leak report deliberately leaves its records alive; keep the leak checker
 // from counting what these tests leak on purpose.
-#ifdef SEGCORE_HAS_LSAN
 struct LeakCheckerPause {
+#ifdef SEGCORE_HAS_LSAN
   LeakCheckerPause() { __lsan_disable(); }
   ~LeakCheckerPause() { __lsan_enable(); }
-};
 #else
-struct LeakCheckerPause {
   LeakCheckerPause() {}  // user-provided: an unused instance is not warned about
-};
 #endif
+};
 
 // Caps the address space for the scope so that large requests really fail
 // (with overcommit a 4 GB request would otherwise succeed on a 64-bit host).
@@ -74,24 +61,20 @@ TEST(TrackedMemory, FailedAllocationsReportTheirSize) {
   // count * size as the allocator logs it: in unsigned long, which is 32 bits
   // on the device.
   const unsigned int count = 0x10000u, size = 0x10000u;
-  char expected[128];
-  std::snprintf(expected, sizeof expected, "Failed to allocate %lu bytes in function : bigc, Line : 11 !",
+  char calloc[128];
+  std::snprintf(calloc, sizeof calloc, "E/TAG_MEM: Failed to allocate %lu bytes in function : bigc, Line : 11 !",
                 static_cast<unsigned long>(count) * size);
-  std::vector<hostlog::Record> log;
+  Lines log;
   {
     AddressSpaceCap cap;
-    hostlog::startCapture();
-    EXPECT_EQ(VELD_Malloc_Msg(0xFFFFFFF0u, "big", 10), nullptr);
-    EXPECT_EQ(VELD_Calloc_Msg(count, size, "bigc", 11), nullptr);
-    EXPECT_EQ(VELD_Malloc(0xFFFFFFF0u, "big", 12), nullptr);
-    log = hostlog::stopCapture();
+    log = logged([&] {
+      EXPECT_EQ(VELD_Malloc_Msg(0xFFFFFFF0u, "big", 10), nullptr);
+      EXPECT_EQ(VELD_Calloc_Msg(count, size, "bigc", 11), nullptr);
+      EXPECT_EQ(VELD_Malloc(0xFFFFFFF0u, "big", 12), nullptr);
+    });
   }
-  EXPECT_EQ(texts(log), (std::vector<std::string>{"Failed to allocate 4294967280 bytes in function : big, Line : 10 !",
-                                                   expected,
-                                                   "Failed to allocate 4294967280 bytes in function : big, Line : 12 !"}));
-  ASSERT_FALSE(log.empty());
-  EXPECT_EQ(log[0].priority, 6);
-  EXPECT_EQ(log[0].tag, "TAG_MEM");
+  EXPECT_EQ(log, (Lines{"E/TAG_MEM: Failed to allocate 4294967280 bytes in function : big, Line : 10 !", calloc,
+                        "E/TAG_MEM: Failed to allocate 4294967280 bytes in function : big, Line : 12 !"}));
   EXPECT_TRUE(gMemStack.empty()) << "a failed tracked allocation records nothing";
 #endif
 }
@@ -106,18 +89,15 @@ TEST(TrackedMemory, LeakReportListsNewestFirstAndEmptiesTheStack) {
   VELD_New_Mngr(&object, "older", 4);
   VELD_New_Mngr(&object, "newer", 5);
   EXPECT_EQ(VELD_Delete_Mngr(&object, "drop", 6), 1);
-  hostlog::startCapture();
-  VELD_Free(b, "freer", 9);
-  VELD_check_memory_status();
-  VELD_check_memory_status();
-  auto log = hostlog::stopCapture();
-  EXPECT_EQ(texts(log), (std::vector<std::string>{"Failed to deallocate 0 bytes allocated in function : older, Line : 4",
-                                                   "Failed to deallocate 30 bytes allocated in function : third, Line : 3",
-                                                   "Failed to deallocate 10 bytes allocated in function : first, Line : 1",
-                                                   "No memory Leak found "}));
-  ASSERT_EQ(log.size(), 4u);
-  EXPECT_EQ(log[0].priority, 6);
-  EXPECT_EQ(log[3].priority, 4);
+  EXPECT_EQ(logged([&] {
+              VELD_Free(b, "freer", 9);
+              VELD_check_memory_status();
+              VELD_check_memory_status();
+            }),
+            (Lines{"E/TAG_MEM: Failed to deallocate 0 bytes allocated in function : older, Line : 4",
+                   "E/TAG_MEM: Failed to deallocate 30 bytes allocated in function : third, Line : 3",
+                   "E/TAG_MEM: Failed to deallocate 10 bytes allocated in function : first, Line : 1",
+                   "I/TAG_MEM: No memory Leak found "}));
   // The report does not free: the blocks are still ours to release.
   VELD_Free_Msg(a, "t", 0);
   VELD_Free_Msg(c, "t", 0);
@@ -126,14 +106,12 @@ TEST(TrackedMemory, LeakReportListsNewestFirstAndEmptiesTheStack) {
 TEST(TrackedMemory, FreeOfNullOrUntrackedPointerWarnsAndLeavesIt) {
   void* p = VELD_Malloc_Msg(16, "plain", 1);
   static_cast<char*>(p)[15] = 7;
-  hostlog::startCapture();
-  VELD_Free_Msg(nullptr, "caller", 77);
-  VELD_Free(p, "freer", 42);
-  auto log = hostlog::stopCapture();
-  ASSERT_EQ(log.size(), 2u);
-  EXPECT_EQ(log[0].priority, 5);
-  EXPECT_EQ(log[0].text, "Trying to free invalid pointer : " + pointerText(nullptr) + " in function : caller, Line : 77 !");
-  EXPECT_EQ(log[1].text, "Trying to free invalid pointer : " + pointerText(p) + " in function : freer, Line : 42 !");
+  EXPECT_EQ(logged([&] {
+              VELD_Free_Msg(nullptr, "caller", 77);
+              VELD_Free(p, "freer", 42);
+            }),
+            (Lines{"W/TAG_MEM: Trying to free invalid pointer : " + pointerText(nullptr) + " in function : caller, Line : 77 !",
+                   "W/TAG_MEM: Trying to free invalid pointer : " + pointerText(p) + " in function : freer, Line : 42 !"}));
   EXPECT_EQ(static_cast<char*>(p)[15], 7) << "the block must still be usable";
   VELD_Free_Msg(p, "t", 0);
 }
@@ -141,26 +119,23 @@ TEST(TrackedMemory, FreeOfNullOrUntrackedPointerWarnsAndLeavesIt) {
 TEST(TrackedMemory, ObjectManagersFindOnlyRegisteredObjects) {
   int* object = new int(5);
   int* array = new int[4];
-  const std::string objectText = pointerText(object), arrayText = pointerText(array);
-  hostlog::startCapture();
-  EXPECT_EQ(VELD_New_Mngr(object, "make", 1), object);
-  EXPECT_EQ(VELD_New_Mngr(array, "makeArray", 2), array);
-  EXPECT_EQ(VELD_New_Mngr(nullptr, "makeNull", 3), nullptr);
-  EXPECT_EQ(VELD_Delete_Mngr(object, "drop", 4), 1);
-  EXPECT_EQ(VELD_Delete_Mngr(object, "drop", 5), 0);
-  EXPECT_EQ(VELD_Delete_Array_Mngr(array, "dropArray", 6), 1);
-  EXPECT_EQ(VELD_Delete_Array_Mngr(array, "dropArray", 7), 0);
-  VELD_check_memory_status();
-  auto log = hostlog::stopCapture();
+  const Lines log = logged([&] {
+    EXPECT_EQ(VELD_New_Mngr(object, "make", 1), object);
+    EXPECT_EQ(VELD_New_Mngr(array, "makeArray", 2), array);
+    EXPECT_EQ(VELD_New_Mngr(nullptr, "makeNull", 3), nullptr);
+    EXPECT_EQ(VELD_Delete_Mngr(object, "drop", 4), 1);
+    EXPECT_EQ(VELD_Delete_Mngr(object, "drop", 5), 0);
+    EXPECT_EQ(VELD_Delete_Array_Mngr(array, "dropArray", 6), 1);
+    EXPECT_EQ(VELD_Delete_Array_Mngr(array, "dropArray", 7), 0);
+    VELD_check_memory_status();
+  });
+  EXPECT_EQ(log, (Lines{"E/TAG_MEM: Allocation failed in function : makeNull, Line : 3 !",
+                        "W/TAG_MEM: Trying to delete invalid pointer : " + pointerText(object) + " in function : drop, Line : 5",
+                        "W/TAG_MEM: Trying to delete invalid pointer array: " + pointerText(array) +
+                            " in function : dropArray, Line : 7",
+                        "I/TAG_MEM: No memory Leak found "}));
   delete object;
   delete[] array;
-  ASSERT_EQ(log.size(), 4u);
-  EXPECT_EQ(log[0].priority, 6);
-  EXPECT_EQ(log[0].text, "Allocation failed in function : makeNull, Line : 3 !");
-  EXPECT_EQ(log[1].priority, 5);
-  EXPECT_EQ(log[1].text, "Trying to delete invalid pointer : " + objectText + " in function : drop, Line : 5");
-  EXPECT_EQ(log[2].text, "Trying to delete invalid pointer array: " + arrayText + " in function : dropArray, Line : 7");
-  EXPECT_EQ(log[3].text, "No memory Leak found ");
 }
 
 }  // namespace

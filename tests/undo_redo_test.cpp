@@ -1,53 +1,39 @@
 // Mask history: the ring of 32 one-bit slots.
-#include <gtest/gtest.h>
-#include "tests/log_capture.h"
-
-#include <vector>
-
 #include "interface/undo_redo.h"
 #include "interface/veldse_marker.h"
+#include "tests/test_support.h"
 
 namespace {
 
 constexpr int kW = 5, kH = 3;
+using H = VELDSEManageUndoRedo;
 
 class UndoRedo : public ::testing::Test {
  protected:
   void SetUp() override {
-    VELDSEMarker::m_originalWidth = kW;
-    VELDSEMarker::m_originalHeight = kH;
-    VELDSEManageUndoRedo::allocate();
+    VELDSEMarker::m_originalWidth = kW, VELDSEMarker::m_originalHeight = kH;
+    H::allocate();
   }
   void TearDown() override {
-    VELDSEManageUndoRedo::deallocate();
+    H::deallocate();
     VELDSEMarker::m_originalWidth = VELDSEMarker::m_originalHeight = 0;
   }
-
-  // A mask whose only object pixel is number `id` (row-major), so every
-  // recording is distinguishable.
-  static IplImage* maskWithPixel(int id) {
-    IplImage* m = cvCreateImage(cvSize(kW, kH), IPL_DEPTH_8U, 1);
-    cvSetZero(m);
-    m->imageData[(id / kW) * m->widthStep + id % kW] = 7;  // any non-zero is object
-    return m;
-  }
+  // Records a mask whose only object pixel is number `id` mod 15 (row-major),
+  // so every recording is distinguishable.
   static void record(int id) {
-    IplImage* m = maskWithPixel(id % (kW * kH));
-    VELDSEManageUndoRedo::updateBitPlane(m);
+    IplImage* m = testsupport::newImage(kW, kH);
+    testsupport::at(m, id % (kW * kH) % kW, id % (kW * kH) / kW) = 7;  // any non-zero is object
+    H::updateBitPlane(m);
     cvReleaseImage(&m);
   }
   // Which mask this is (-1 for null, -2 for anything but a one-pixel 255 mask).
   static int identify(IplImage* m) {
     if (m == nullptr) return -1;
-    int found = -2, count = 0;
-    for (int y = 0; y < kH; ++y)
-      for (int x = 0; x < kW; ++x) {
-        unsigned char v = static_cast<unsigned char>(m->imageData[y * m->widthStep + x]);
-        if (v == 255) { found = y * kW + x; ++count; }
-        else if (v != 0) count = 100;
-      }
+    std::vector<cv::Point> object;
+    cv::findNonZero(testsupport::M(m), object);
+    const bool one = object.size() == 1 && testsupport::at(m, object[0].x, object[0].y) == 255;
     cvReleaseImage(&m);
-    return count == 1 ? found : -2;
+    return one ? object[0].y * kW + object[0].x : -2;
   }
 };
 
@@ -55,21 +41,19 @@ class UndoRedo : public ::testing::Test {
 // top (re-delivers the mask on screen); then a recording after two undos
 // discards the redo side.
 TEST_F(UndoRedo, WorkedSequenceAndRecordingAfterUndo) {
-  using H = VELDSEManageUndoRedo;
   EXPECT_TRUE(H::prevMask() == nullptr && H::undo() == nullptr && !H::canRedo());
   record(0);
   EXPECT_FALSE(H::canUndo()) << "one mask: the button stays off";
   record(1);
   EXPECT_EQ(identify(H::prevMask()), 1);
-  struct Step { IplImage* (*call)(); int mask, current; bool canUndo, canRedo; } steps[] = {
+  const struct { IplImage* (*call)(); int mask, current; bool canUndo, canRedo; } steps[] = {
       {H::undo, 0, 1, false, true}, {H::undo, -1, 0, false, true}, {H::undo, -1, 0, false, true},
       {H::redo, 0, 1, false, true}, {H::redo, 1, 2, true, false},  {H::redo, 1, 2, true, false}};
   for (size_t i = 0; i < sizeof steps / sizeof *steps; ++i) {
     SCOPED_TRACE(i);
     EXPECT_EQ(identify(steps[i].call()), steps[i].mask);
     EXPECT_EQ(H::m_current, steps[i].current);
-    EXPECT_EQ(H::canUndo(), steps[i].canUndo);
-    EXPECT_EQ(H::canRedo(), steps[i].canRedo);
+    EXPECT_EQ(std::make_pair(H::canUndo(), H::canRedo()), std::make_pair(steps[i].canUndo, steps[i].canRedo));
   }
   record(2);
   identify(H::undo());
@@ -81,12 +65,10 @@ TEST_F(UndoRedo, WorkedSequenceAndRecordingAfterUndo) {
 }
 
 TEST_F(UndoRedo, RingDropsTheOldestAfter32And33Recordings) {
-  using H = VELDSEManageUndoRedo;
   for (int i = 0; i < 31; ++i) record(i);
   EXPECT_EQ(H::m_bottom, 0);
   record(31);
-  EXPECT_EQ(H::m_current, 0);
-  EXPECT_EQ(H::m_bottom, 1) << "the 32nd recording moves the bottom";
+  EXPECT_TRUE(H::m_current == 0 && H::m_bottom == 1) << "the 32nd recording moves the bottom";
   record(32);
   EXPECT_TRUE(H::m_current == 1 && H::m_bottom == 2);
   // The raw layout the bridge reads: column pointers, one word per pixel
@@ -97,17 +79,9 @@ TEST_F(UndoRedo, RingDropsTheOldestAfter32And33Recordings) {
       for (int k = 0; k < 32; ++k)
         EXPECT_EQ(H::m_bitPlane[x][y] >> k & 1u, y * kW + x == (k == 0 ? 32 : k) % (kW * kH) ? 1u : 0u)
             << "pixel " << x << "," << y << " slot " << k;
-  // 31 steps lead back to the plain photo, newest first.
-  int steps = 0;
-  int expected = 31;
-  for (;;) {
-    IplImage* m = H::undo();
-    if (m == nullptr) break;
-    ++steps;
-    EXPECT_EQ(identify(m), expected % (kW * kH)) << "step " << steps;
-    --expected;
-  }
-  EXPECT_EQ(steps, 30) << "31 undo calls: 30 masks, then the photo";
+  // 31 undo calls: 30 masks, newest first, then the plain photo.
+  for (int expected = 31; expected >= 2; --expected) EXPECT_EQ(identify(H::undo()), expected % (kW * kH)) << expected;
+  EXPECT_EQ(H::undo(), nullptr);
   EXPECT_EQ(H::m_current, H::m_bottom);
 }
 

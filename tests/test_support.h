@@ -1,0 +1,78 @@
+// What most unit tests share: the usual includes, IplImage shorthands, log
+// records as comparable lines, and one-component colour models.
+#ifndef SEGCORE_TESTS_TEST_SUPPORT_H
+#define SEGCORE_TESTS_TEST_SUPPORT_H
+
+#include <gtest/gtest.h>
+#include <opencv2/core.hpp>
+#include <opencv2/core/core_c.h>
+#include <opencv2/imgproc.hpp>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "colormodel/veldse_color_model.h"
+#include "tests/log_capture.h"
+
+namespace testsupport {
+
+using Lines = std::vector<std::string>;
+
+inline cv::Mat M(const IplImage* im) { return cv::cvarrToMat(im); }
+
+// A w x h 8-bit image with every byte `value`.
+inline IplImage* newImage(int w, int h, int channels = 1, int value = 0) {
+  IplImage* im = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, channels);
+  cvSet(im, cvScalarAll(value));
+  return im;
+}
+
+// Byte `ch` of pixel (x, y).
+inline unsigned char& at(const IplImage* im, int x, int y, int ch = 0) {
+  return reinterpret_cast<unsigned char*>(im->imageData + y * im->widthStep)[x * im->nChannels + ch];
+}
+
+// Records in logcat's short form, "E/Error: text", so that priority, tag and
+// text of every line are compared at once.
+inline Lines lines(const std::vector<hostlog::Record>& log) {
+  Lines out;
+  for (const hostlog::Record& r : log) {
+    const std::string p = r.priority >= 2 && r.priority <= 7 ? std::string(1, "VDIWEF"[r.priority - 2])
+                                                             : std::to_string(r.priority);
+    out.push_back(p + "/" + r.tag + ": " + r.text);
+  }
+  return out;
+}
+
+// What `run` logs.
+template <typename F>
+Lines logged(F&& run) {
+  hostlog::startCapture();
+  run();
+  return lines(hostlog::stopCapture());
+}
+
+inline pixelVal px(double a, double b, double c) { return pixelVal{{a, b, c}}; }
+
+inline bool sameBits(const VELDSEColorModel& a, const VELDSEColorModel& b) {
+  return std::memcmp(&a, &b, sizeof(VELDSEColorModel)) == 0;
+}
+
+// A mixture of one component, weight 1: mean (b, g, r), variance `var` on each
+// channel and no correlation, normaliser `norm`.
+inline VELDSEColorModel singleComponent(double b, double g, double r, double var, double norm = 1.0) {
+  VELDSEColorModel m;
+  m.weight[0] = 1.0, m.normFactor[0] = norm, m.determinant[0] = var * var * var;
+  m.mean[0][0] = b, m.mean[0][1] = g, m.mean[0][2] = r;
+  for (int i : {0, 4, 8}) m.covariance[0][i] = var, m.inverseCovariance[0][i] = 1.0 / var;
+  return m;
+}
+
+}  // namespace testsupport
+
+#endif
