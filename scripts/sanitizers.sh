@@ -19,11 +19,11 @@ TSAN_BUILD=${TSAN_BUILD:-build-tsan}
 JOBS=${JOBS:-2}
 
 # Tests that start threads: parallel max-flow and terminal links, the band
-# graph's pieces solved side by side, the k-means
+# graph's pieces solved side by side, the re-cut's band likelihoods, the k-means
 # workers of the colour model, the cancel protocol of requests and lifecycle,
 # and the cancellation stress test.
-TSAN_TARGETS="parallel_gc_test band_graph_test colormodel_test requests_test lifecycle_test cancel_stress_test"
-TSAN_TESTS='^(ParallelGC[A-Za-z]*|BandGraph|ColorModelTest|ExitProtocol|Lifecycle|CancelStress)\.'
+TSAN_TARGETS="parallel_gc_test band_graph_test intelligent_upscaling_test colormodel_test requests_test lifecycle_test cancel_stress_test"
+TSAN_TESTS='^(ParallelGC[A-Za-z]*|BandGraph|IntelligentUpscaling|ColorModelTest|ExitProtocol|Lifecycle|CancelStress)\.'
 
 sh scripts/setup.sh
 

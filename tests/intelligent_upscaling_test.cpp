@@ -35,6 +35,7 @@ struct Scene {
   // these exceptions (x, y, code).
   std::vector<int> labelOverrides;
   cv::Rect photo;  // photo object rectangle at full resolution
+  int scale = kScale;  // photo size / working size
 };
 
 class IntelligentUpscaling : public ::testing::Test {
@@ -52,8 +53,8 @@ class IntelligentUpscaling : public ::testing::Test {
 
   // Builds the context for a scene and returns the working mask (0/1).
   cv::Mat setUpScene(const Scene& s) {
-    VELDSEMarker::m_originalWidth = s.size.width * kScale, VELDSEMarker::m_originalHeight = s.size.height * kScale;
-    VELDSEMarker::m_originalImage = testsupport::newImage(s.size.width * kScale, s.size.height * kScale, 3);
+    VELDSEMarker::m_originalWidth = s.size.width * s.scale, VELDSEMarker::m_originalHeight = s.size.height * s.scale;
+    VELDSEMarker::m_originalImage = testsupport::newImage(s.size.width * s.scale, s.size.height * s.scale, 3);
     M(VELDSEMarker::m_originalImage).setTo(kBackground);
     M(VELDSEMarker::m_originalImage)(s.photo).setTo(kObject);
     cv::Mat mask(s.size, CV_8U, cv::Scalar(0));
@@ -87,6 +88,8 @@ TEST_F(IntelligentUpscaling, BandFollowsThePhotoAndTheRestTheLabels) {
        {7, 6, LABEL_PR_BG, 8, 7, LABEL_BG, 18, 16, LABEL_PR_FG, 0, 17, LABEL_FG, 4, 3, LABEL_PR_BG}, {11, 9, 40, 38}},
       {"one-pixel-wide object line", {16, 12}, {{2, 5, 12, 1}}, {5, 5, LABEL_PR_BG}, {10, 21, 46, 2}},
       {"object against three borders", {16, 12}, {{0, 0, 8, 12}}, {}, {0, 0, 30, 48}},
+      // 150,000 band pixels: their likelihoods are worked out on several threads.
+      {"large band", {30, 24}, {{8, 7, 14, 10}}, {}, {300, 300, 600, 360}, 40},
   };
   for (const Scene& s : scenes) {
     SCOPED_TRACE(s.name);
@@ -95,12 +98,14 @@ TEST_F(IntelligentUpscaling, BandFollowsThePhotoAndTheRestTheLabels) {
     const cv::Mat labels = M(VELDSEMarker::m_labelImage), photo = M(VELDSEMarker::m_originalImage);
     // Reference: band pixels follow the photo, all others the labels.
     int xmin = INT_MAX, xmax = -1, ymin = INT_MAX, ymax = -1;
-    cv::Mat expected(s.size * kScale, CV_8U);
+    cv::Mat codes(s.size, CV_8U), expected(s.size * s.scale, CV_8U);
+    for (int y = 0; y < codes.rows; ++y)
+      for (int x = 0; x < codes.cols; ++x) codes.at<unsigned char>(y, x) = static_cast<unsigned char>(referenceTrimap(mask, x, y));
     for (int y = 0; y < expected.rows; ++y)
       for (int x = 0; x < expected.cols; ++x) {
-        const int code = referenceTrimap(mask, x / kScale, y / kScale);
+        const int code = codes.at<unsigned char>(y / s.scale, x / s.scale);
         if (code != 7) xmin = std::min(xmin, x), xmax = std::max(xmax, x), ymin = std::min(ymin, y), ymax = std::max(ymax, y);
-        const int label = labels.at<unsigned char>(y / kScale, x / kScale);
+        const int label = labels.at<unsigned char>(y / s.scale, x / s.scale);
         const bool object = code == 0 ? photo.at<cv::Vec3b>(y, x)[0] == kObject[0] : (label == LABEL_FG || label == LABEL_PR_FG);
         expected.at<unsigned char>(y, x) = object ? 255 : 0;
       }
