@@ -290,10 +290,11 @@ int VELDSEHybrid::constructGraphTrimapVELD(IplImage* img, IplImage* /*extraTex*/
           break;
         default: {
           float pair[2];
-          const float* c = costs.data() + 2L * node;
+          const float* c = pair;
           if (costs.empty()) {
             band.cost(x, y, pair);
-            c = pair;
+          } else {
+            c = costs.data() + 2L * node;
           }
           graph->addtWeights(node, c[0], c[1]);
           break;
