@@ -1,6 +1,7 @@
 // The segmentation driver: the fall-back to the first cut, and the abandoned
 // request (cancel flag and ten-second budget).
 #include <atomic>
+#include <cmath>
 #include <ctime>
 
 #include "engine/veldse_hybrid.h"
@@ -75,30 +76,41 @@ TEST_F(SegmentDriver, ExitFlagOrTimeOutAbandonsAfterFirstCut) {
   }
 }
 
+// The fall-back's rule on exact boundary scores. A cut is a 200-pixel object
+// segment on one row (its whole length is its boundary); the row above it is
+// bright up to a chosen column, so exactly the segment pixels up to that
+// column sit on an edge (Sobel magnitude > 70) and the rest on flat ground
+// (magnitude 0): score = (on - off) / 200.
 TEST_F(SegmentDriver, ChooseIterKeepsFirstCutOnlyWhenItFollowsEdgesBetter) {
-  // A 60 x 60 box: a bright square (20..39) on a dark flat background.
-  auto square = [](int inset, unsigned char code) {
-    IplImage* l = testsupport::newImage(60, 60, 1, LABEL_PR_BG);
-    testsupport::M(l)(cv::Rect(20 - inset, 20 - inset, 20 + 2 * inset, 20 + 2 * inset)).setTo(code);
+  const int kLength = 200, kStart = 2;
+  auto segment = [](int row, unsigned char code) {
+    IplImage* l = testsupport::newImage(kLength + 10, 13, 1, LABEL_PR_BG);
+    testsupport::M(l)(cv::Rect(kStart, row, kLength, 1)).setTo(code);
     return l;
   };
-  const struct { const char* name; int firstInset, lastInset; bool firstWins; } cases[] = {
-      {"first on the edge, last off it", 0, 4, true},
-      {"last also on the edge (score 1 > 0.98)", 0, 0, false},
-      {"first off the edge", 4, 0, false},
-      {"first only half on the edge", -3, 4, false},
+  const struct { double first, last; bool firstWins; } cases[] = {
+      {0.75, 0.75, true},   // first just good enough, last no better
+      {0.74, 0.74, false},  // first just short of 0.75
+      {0.80, 0.98, true},   // last at the limit is not "clearly better"
+      {0.80, 0.99, false},  // last above 0.98
+      {0.76, 0.97, false},  // last more than 0.2 better
+      {0.90, 0.60, true},   // last worse
+      {1.00, 1.00, false},  // both on the edge: last kept
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(testing::Message() << "first " << c.first << ", last " << c.last);
     VELDSEHybrid hybrid;
-    hybrid.m_cropSrc = testsupport::newImage(60, 60, 3, 30);
-    testsupport::M(hybrid.m_cropSrc)(cv::Rect(20, 20, 20, 20)).setTo(cv::Scalar::all(220));
-    hybrid.m_iterLabel[0] = square(std::max(c.firstInset, 0), LABEL_FG);
-    // Negative inset: half of the first cut's boundary lies on the edge, half off.
-    if (c.firstInset < 0) testsupport::M(hybrid.m_iterLabel[0])(cv::Rect(40, 20, 4, 20)).setTo(LABEL_FG);
-    hybrid.m_cropLabel = square(c.lastInset, LABEL_PR_FG);
+    hybrid.m_cropSrc = testsupport::newImage(kLength + 10, 13, 3, 0);
+    // Segment pixels on the edge: (score + 1) / 2 of them, from the start.
+    for (const auto& [row, score] : {std::pair<int, double>{3, c.first}, {9, c.last}}) {
+      const int on = static_cast<int>(std::lround((score + 1.0) * kLength / 2));
+      testsupport::M(hybrid.m_cropSrc)(cv::Rect(0, row - 1, kStart + on - 1, 1)).setTo(cv::Scalar::all(250));
+    }
+    hybrid.m_iterLabel[0] = segment(3, LABEL_FG);
+    hybrid.m_cropLabel = segment(9, LABEL_PR_FG);
     hybrid.chooseIter();
-    EXPECT_EQ(testsupport::at(hybrid.m_cropLabel, 30, 30), c.firstWins ? LABEL_FG : LABEL_PR_FG);
+    EXPECT_EQ(testsupport::at(hybrid.m_cropLabel, kStart, 3), c.firstWins ? LABEL_FG : LABEL_PR_BG);
+    EXPECT_EQ(testsupport::at(hybrid.m_cropLabel, kStart, 9), c.firstWins ? LABEL_PR_BG : LABEL_PR_FG);
     hybrid.clearMemory();
   }
 }
