@@ -20,7 +20,8 @@ void fillRect(IplImage* image, int x0, int y0, int x1, int y1, unsigned char v) 
 // Trial shapes: kRing, a two-pixel-thick square ring from (2, 2) to (37, 37)
 // that spans the box (272 pixels); n > 0 a blob of exactly n pixels in rows of 20 from (10, 10),
 // inside the ring and away from it (no span); kRing; kRingAndBlob, the ring
-// plus a 200-pixel blob (above 70 % of it, so both count: 472 pixels); kTopRow,
+// plus a 200-pixel blob (above 70 % of it, so both count: 472 pixels), and
+// 1000 + n the ring plus an n-pixel blob; kTopRow,
 // row 0 (40 pixels), and kFrame, the outermost pixels (156, spanning): the
 // contrast test visits no pixel of these two, so their verdict is 2;
 // kDiagonal, the line (2, 2)-(37, 37) plus (3, 2): 4-connected, its largest
@@ -28,7 +29,7 @@ void fillRect(IplImage* image, int x0, int y0, int x1, int y1, unsigned char v) 
 // does not span (8-connected it would be one spanning blob of 37 pixels).
 enum Shape { kRing = -1, kRingAndBlob = -2, kTopRow = -3, kFrame = -4, kDiagonal = -5 };
 void draw(IplImage* label, int shape) {
-  if (shape == kRing || shape == kRingAndBlob) {
+  if (shape == kRing || shape == kRingAndBlob || shape >= 1000) {
     fillRect(label, 2, 2, 37, 37, LABEL_PR_FG);
     fillRect(label, 4, 4, 35, 35, LABEL_PR_BG);
   }
@@ -40,7 +41,7 @@ void draw(IplImage* label, int shape) {
   }
   for (int i = 0; i < 36 && shape == kDiagonal; ++i) at(label, 2 + i, 2 + i) = LABEL_PR_FG;
   if (shape == kDiagonal) at(label, 3, 2) = LABEL_FG;
-  const int n = shape == kRingAndBlob ? 200 : shape;
+  const int n = shape == kRingAndBlob ? 200 : shape >= 1000 ? shape - 1000 : shape;
   for (int i = 0; i < n; ++i) at(label, 10 + i % 20, 10 + i / 20) = LABEL_PR_FG;
 }
 
@@ -89,6 +90,9 @@ TEST_F(LambdaSelection, TrialsThenChoiceOrFallBack) {
       {"a spanning trial with verdict 2 does not count; equal areas keep the lower index",
        {kFrame, kRing, kRing}, 1},
       {"the smallest spanning area wins", {kRingAndBlob, kRing, 150}, 1},
+      // Blobs above (int)(0.7 * 272) = 190 pixels count beside the 272-pixel ring.
+      {"a 190-pixel blob is dropped: equal areas", {1190, kRing, kRing}, 0},
+      {"a 191-pixel blob counts", {1191, kRing, kRing}, 1},
       {"blobs are 4-connected", {kRing, kDiagonal, 0}, 0},
       {"largest area 99: fall-back", {99, 50, kTopRow}, -1},
       {"largest area 100: areas 1 and 0.5, spread 0.125, second-to-last", {100, 50, kTopRow}, 0},
