@@ -110,6 +110,13 @@ TEST_F(PreProcess, FlatBandsAreTrimmedAndGrownBackTexturedOnesAndFlatBottomsKept
       {"ramp then flat", [](int x, int) { return x < 20 ? 100 : x < 40 ? 100 + x - 19 : kTexture; }, {14, 0, 86, 60}},
       {"ramp to the border", [](int x, int) { return x < 40 ? 60 + x : kTexture; }, {0, 0, 100, 60}},
       {"flat top", [](int, int y) { return y < 20 ? 128 : kTexture; }, {0, 14, 100, 46}},
+      // Faint lines in the top band: a line of level d above 100 puts 4d on
+      // both of its neighbour columns in the Sobel magnitude, so a row's mean
+      // neighbour difference is 4 lines x 16d / 100. At most 5 is flat.
+      {"faint lines, row mean 4.48: flat", [](int x, int y) { return y >= 20 ? kTexture : x < 80 && x % 20 == 15 ? 107 : 100; },
+       {0, 14, 100, 46}},
+      {"faint lines, row mean 5.12: not flat", [](int x, int y) { return y >= 20 ? kTexture : x < 80 && x % 20 == 15 ? 108 : 100; },
+       {0, 0, 100, 60}},
       // Black frame on textured content: what the black trim left is kept.
       {"black frame", [](int x, int y) { return x < 3 || y < 3 || x >= 97 || y >= 57 ? 0 : kTexture; }, {3, 3, 94, 54}},
   };
