@@ -14,18 +14,23 @@
 
 // The library reads the wall clock through gettimeofday. This definition in the
 // test program takes its place, so the ten-second budget can run out without
-// waiting: once armed, every reading is eleven seconds later than the last.
+// waiting: once g_clockJumps is armed, every reading is eleven seconds later
+// than the last; once g_clockLeap is armed, the first reading is on time and
+// every later one 9.2 s late.
 namespace {
 std::atomic<bool> g_clockJumps{false};
-std::atomic<long> g_clockSkew{0};
+std::atomic<bool> g_clockLeap{false};
+std::atomic<long> g_clockSkewMicros{0};
 }  // namespace
 
 extern "C" int gettimeofday(struct timeval* __restrict tv, void* __restrict) __THROW {
   timespec now;
   clock_gettime(CLOCK_REALTIME, &now);
-  const long skew = g_clockJumps.load() ? (g_clockSkew += 11) : g_clockSkew.load();
-  tv->tv_sec = now.tv_sec + skew;
-  tv->tv_usec = now.tv_nsec / 1000;
+  long skew = g_clockJumps.load() ? (g_clockSkewMicros += 11000000) : g_clockSkewMicros.load();
+  if (g_clockLeap.exchange(false)) g_clockSkewMicros += 9200000;
+  const long micros = now.tv_nsec / 1000 + skew;
+  tv->tv_sec = now.tv_sec + micros / 1000000;
+  tv->tv_usec = micros % 1000000;
   return 0;
 }
 
@@ -33,7 +38,9 @@ namespace {
 
 class SegmentDriver : public ::testing::Test {
  protected:
-  void TearDown() override { g_clockJumps = false, deinitSegmentation(), VELDSEMarker::m_exitApp = false; }
+  void TearDown() override {
+    g_clockJumps = g_clockLeap = false, deinitSegmentation(), VELDSEMarker::m_exitApp = false;
+  }
 
   // A context on the scene, and a rectangle request's marks (probable object
   // inside, the border loop as the stroke), at working size 1:1.
@@ -74,6 +81,20 @@ TEST_F(SegmentDriver, ExitFlagOrTimeOutAbandonsAfterFirstCut) {
     EXPECT_EQ(VELDSEManageUndoRedo::m_current, 0) << "no result recorded";
     deinitSegmentation();
   }
+}
+
+// 9.2 s into the budget when the first cut ends (the request's timer starts on
+// time, then the clock leaps), the request still finishes.
+TEST_F(SegmentDriver, NineSecondsIntoTheBudgetTheRequestFinishes) {
+  startRectangle(160, 120, 40, 20, 120, 100);
+  g_clockLeap = true;
+  IplImage* mask = nullptr;
+  const testsupport::Lines log = testsupport::logged([&] { mask = pHybrid->segment(); });
+  ASSERT_NE(mask, nullptr);
+  EXPECT_GT(cv::countNonZero(testsupport::M(mask)), 0);
+  EXPECT_FALSE(VELDSEMarker::m_exitApp.load());
+  EXPECT_EQ(std::count(log.begin(), log.end(), "E/Error: Segmentation canceled due to timeout"), 0);
+  cvReleaseImage(&mask);
 }
 
 // The fall-back's rule on exact boundary scores. A cut is a 200-pixel object
