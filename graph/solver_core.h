@@ -510,11 +510,13 @@ void adoptOrphan(VELDSEGraph* g, int i, const Topology& topo) {
   int bestDist = INT_MAX;
   for (int k = 0; k < 8; ++k) {
     if ((mask & (1u << k)) == 0) continue;
+    // The neighbour's own state first (dense arrays), its pair's capacity
+    // (perhaps in the neighbour's floats) only for a possible parent.
+    const int j = topo.neighbour(i, k);
+    if (topo.tree(base, j) != tree || topo.parent(base, j) == VELDSEGraph::NONE) continue;
     const int e = topo.slot(i, k);
     if (caps[e] == VELDSEGraph::ABSENT_EDGE) continue;
     if ((sinkSide ? caps[e] : caps[e ^ 1]) == 0.0f) continue;
-    const int j = topo.neighbour(i, k);
-    if (topo.parent(base, j) == VELDSEGraph::NONE || topo.tree(base, j) != tree) continue;
     // Walk the whole chain to the terminal; a chain through an orphan fails.
     // A walk already as long as the best cannot win (ties go to the earlier
     // slot), so it may stop there.
@@ -541,8 +543,6 @@ void adoptOrphan(VELDSEGraph* g, int i, const Topology& topo) {
   topo.setTree(base, i, VELDSEGraph::FREE_TREE);
   for (int k = 0; k < 8; ++k) {
     if ((mask & (1u << k)) == 0) continue;
-    const int e = topo.slot(i, k);
-    if (caps[e] == VELDSEGraph::ABSENT_EDGE) continue;
     // Neighbours of the same tree, including ones that are themselves orphans
     // still waiting in the queue: such a neighbour may be re-adopted later,
     // and unless it is queued now nobody would grow back into o. Skipping
@@ -550,6 +550,8 @@ void adoptOrphan(VELDSEGraph* g, int i, const Topology& topo) {
     // the cut is not minimal (and an augmenting path can be missed).
     const int j = topo.neighbour(i, k);
     if (topo.tree(base, j) != tree) continue;
+    const int e = topo.slot(i, k);
+    if (caps[e] == VELDSEGraph::ABSENT_EDGE) continue;
     if ((sinkSide ? caps[e] : caps[e ^ 1]) != 0.0f) topo.pushActive(g, j);
     if (topo.up(base, j) == i) topo.orphan(g, j);
   }
@@ -570,13 +572,17 @@ float serialLoop(VELDSEGraph* g, const Topology& topo) {
       topo.releaseActive(g, i);
       int middle = -1;
       const int tree = topo.tree(base, i);
+      // A neighbour of the node's own tree is passed over whatever its
+      // capacity, so its tree is looked at first: the capacity of a pair
+      // towards a later neighbour lies in that neighbour's floats.
       if (tree == VELDSEGraph::SOURCE_TREE) {
         for (int k = 0; k < 8; ++k) {
           if ((mask & (1u << k)) == 0) continue;
-          const int e = topo.slot(i, k);
-          if (!residual(caps[e])) continue;
           const int j = topo.neighbour(i, k);
           const int jTree = topo.tree(base, j);
+          if (jTree == VELDSEGraph::SOURCE_TREE) continue;
+          const int e = topo.slot(i, k);
+          if (!residual(caps[e])) continue;
           if (jTree == VELDSEGraph::FREE_TREE) {
             topo.setTree(base, j, VELDSEGraph::SOURCE_TREE);
             topo.setParent(base, j, e ^ 1, i);
@@ -589,10 +595,11 @@ float serialLoop(VELDSEGraph* g, const Topology& topo) {
       } else if (tree == VELDSEGraph::SINK_TREE) {
         for (int k = 0; k < 8; ++k) {
           if ((mask & (1u << k)) == 0) continue;
-          const int e = topo.slot(i, k) ^ 1;
-          if (!residual(caps[e])) continue;
           const int j = topo.neighbour(i, k);
           const int jTree = topo.tree(base, j);
+          if (jTree == VELDSEGraph::SINK_TREE) continue;
+          const int e = topo.slot(i, k) ^ 1;
+          if (!residual(caps[e])) continue;
           if (jTree == VELDSEGraph::FREE_TREE) {
             topo.setTree(base, j, VELDSEGraph::SINK_TREE);
             topo.setParent(base, j, e, i);
