@@ -240,6 +240,12 @@ inline nodes* popOrphan(VELDSEGraph* g) {
 
 // Every pixel of a width x height box is a node; all is implicit.
 struct GridTopology {
+  // The block-parallel solver runs block views of one grid side by side: a
+  // neighbour across a block's edge belongs to another thread, and only the
+  // pair's capacity (absent there) keeps a view from reading it. So the
+  // capacity is looked at before the neighbour.
+  static constexpr bool kTreeFirst = false;
+
   GridWalk walk;
   int offsets[8];
 
@@ -320,6 +326,10 @@ struct BandQueues {
 };
 
 struct BandTopology {
+  // A band piece's neighbours are all in the piece (pieces are connected
+  // components), so a neighbour's state may be read before the pair's
+  // capacity.
+  static constexpr bool kTreeFirst = true;
   const BandLinks* links;
   const unsigned char* present;
   int* ups;          // parent node, or TERMINAL / NONE
@@ -510,13 +520,16 @@ void adoptOrphan(VELDSEGraph* g, int i, const Topology& topo) {
   int bestDist = INT_MAX;
   for (int k = 0; k < 8; ++k) {
     if ((mask & (1u << k)) == 0) continue;
-    // The neighbour's own state first (dense arrays), its pair's capacity
-    // (perhaps in the neighbour's floats) only for a possible parent.
+    // Where the topology allows, the neighbour's own state first (dense
+    // arrays), its pair's capacity (perhaps in the neighbour's floats) only
+    // for a possible parent.
     const int j = topo.neighbour(i, k);
-    if (topo.tree(base, j) != tree || topo.parent(base, j) == VELDSEGraph::NONE) continue;
+    const auto candidate = [&] { return topo.tree(base, j) == tree && topo.parent(base, j) != VELDSEGraph::NONE; };
+    if (Topology::kTreeFirst && !candidate()) continue;
     const int e = topo.slot(i, k);
     if (caps[e] == VELDSEGraph::ABSENT_EDGE) continue;
     if ((sinkSide ? caps[e] : caps[e ^ 1]) == 0.0f) continue;
+    if (!Topology::kTreeFirst && !candidate()) continue;
     // Walk the whole chain to the terminal; a chain through an orphan fails.
     // A walk already as long as the best cannot win (ties go to the earlier
     // slot), so it may stop there.
@@ -549,9 +562,10 @@ void adoptOrphan(VELDSEGraph* g, int i, const Topology& topo) {
     // them leaves free nodes with residual edges into a tree at the end, so
     // the cut is not minimal (and an augmenting path can be missed).
     const int j = topo.neighbour(i, k);
-    if (topo.tree(base, j) != tree) continue;
+    if (Topology::kTreeFirst && topo.tree(base, j) != tree) continue;
     const int e = topo.slot(i, k);
     if (caps[e] == VELDSEGraph::ABSENT_EDGE) continue;
+    if (!Topology::kTreeFirst && topo.tree(base, j) != tree) continue;
     if ((sinkSide ? caps[e] : caps[e ^ 1]) != 0.0f) topo.pushActive(g, j);
     if (topo.up(base, j) == i) topo.orphan(g, j);
   }
@@ -573,16 +587,17 @@ float serialLoop(VELDSEGraph* g, const Topology& topo) {
       int middle = -1;
       const int tree = topo.tree(base, i);
       // A neighbour of the node's own tree is passed over whatever its
-      // capacity, so its tree is looked at first: the capacity of a pair
-      // towards a later neighbour lies in that neighbour's floats.
+      // capacity; where the topology allows (kTreeFirst), its tree is looked
+      // at first, since the capacity of a pair towards a later neighbour
+      // lies in that neighbour's floats.
       if (tree == VELDSEGraph::SOURCE_TREE) {
         for (int k = 0; k < 8; ++k) {
           if ((mask & (1u << k)) == 0) continue;
           const int j = topo.neighbour(i, k);
-          const int jTree = topo.tree(base, j);
-          if (jTree == VELDSEGraph::SOURCE_TREE) continue;
+          if (Topology::kTreeFirst && topo.tree(base, j) == VELDSEGraph::SOURCE_TREE) continue;
           const int e = topo.slot(i, k);
           if (!residual(caps[e])) continue;
+          const int jTree = topo.tree(base, j);
           if (jTree == VELDSEGraph::FREE_TREE) {
             topo.setTree(base, j, VELDSEGraph::SOURCE_TREE);
             topo.setParent(base, j, e ^ 1, i);
@@ -596,10 +611,10 @@ float serialLoop(VELDSEGraph* g, const Topology& topo) {
         for (int k = 0; k < 8; ++k) {
           if ((mask & (1u << k)) == 0) continue;
           const int j = topo.neighbour(i, k);
-          const int jTree = topo.tree(base, j);
-          if (jTree == VELDSEGraph::SINK_TREE) continue;
+          if (Topology::kTreeFirst && topo.tree(base, j) == VELDSEGraph::SINK_TREE) continue;
           const int e = topo.slot(i, k) ^ 1;
           if (!residual(caps[e])) continue;
+          const int jTree = topo.tree(base, j);
           if (jTree == VELDSEGraph::FREE_TREE) {
             topo.setTree(base, j, VELDSEGraph::SINK_TREE);
             topo.setParent(base, j, e, i);
