@@ -280,16 +280,10 @@ void BM_PeerGrabCut(benchmark::State& state) {
     state.SkipWithError("photo not found");
     return;
   }
-  cv::Mat bgr(p.height, p.width, CV_8UC3);
-  for (int y = 0; y < p.height; ++y) {
-    unsigned char* row = bgr.ptr<unsigned char>(y);
-    const unsigned int* in = &p.argb[static_cast<size_t>(y) * p.width];
-    for (int x = 0; x < p.width; ++x) {
-      row[3 * x] = static_cast<unsigned char>(in[x]);
-      row[3 * x + 1] = static_cast<unsigned char>(in[x] >> 8);
-      row[3 * x + 2] = static_cast<unsigned char>(in[x] >> 16);
-    }
-  }
+  // The ARGB words are B, G, R, A bytes in memory.
+  cv::Mat bgr;
+  cv::cvtColor(cv::Mat(p.height, p.width, CV_8UC4, const_cast<unsigned int*>(p.argb.data())), bgr,
+               cv::COLOR_BGRA2BGR);
   const cv::Rect rect(p.x1, p.y1, p.x2 - p.x1 + 1, p.y2 - p.y1 + 1);
   double peak = 0.0;
   std::vector<unsigned char> mask(p.argb.size());

@@ -220,6 +220,19 @@ inline void pushOrphan(VELDSEGraph* g, nodes* n) {
   g->m_orphanTail = n;
 }
 
+// The head of the active queue; its link is left as it is (the solver holds
+// and releases the node itself).
+inline nodes* popActive(VELDSEGraph* g) {
+  nodes* n = g->m_activeHead;
+  if (n == nullptr) return nullptr;
+  if (n == g->m_activeTail) {
+    g->m_activeHead = g->m_activeTail = nullptr;
+  } else {
+    g->m_activeHead = n->nextActive;
+  }
+  return n;
+}
+
 inline nodes* popOrphan(VELDSEGraph* g) {
   nodes* n = g->m_orphanHead;
   if (n == nullptr) return nullptr;
@@ -256,8 +269,6 @@ struct GridTopology {
   int slot(int i, int k) const { return 8 * i + walk.slotOffset[k]; }
   int neighbour(int i, int k) const { return i + walk.nodeOffset[k]; }
   int head(int s) const { return offsets[(s + 1) & 7] + ((s + 1) >> 3); }
-  // The node that parent slot s of node x leads to.
-  int parentOf(int /*x*/, int s) const { return head(s); }
   // Node state as the solver reads and writes it.
   int parent(const nodes* base, int x) const { return base[x].parent; }
   // The parent node, or the parent's TERMINAL / NONE code.
@@ -273,14 +284,8 @@ struct GridTopology {
   // queued (held) so that its own augmentation cannot queue it again.
   void pushActive(VELDSEGraph* g, int x) const { graphcore::pushActive(g, g->m_nodes + x); }
   int popActive(VELDSEGraph* g) const {
-    nodes* const n = g->m_activeHead;
-    if (n == nullptr) return -1;
-    if (n == g->m_activeTail) {
-      g->m_activeHead = g->m_activeTail = nullptr;
-    } else {
-      g->m_activeHead = n->nextActive;
-    }
-    return static_cast<int>(n - g->m_nodes);
+    nodes* const n = graphcore::popActive(g);
+    return n != nullptr ? static_cast<int>(n - g->m_nodes) : -1;
   }
   void holdActive(VELDSEGraph* g, int x) const { g->m_nodes[x].nextActive = g->m_nodes + x; }
   void releaseActive(VELDSEGraph* g, int x) const { g->m_nodes[x].nextActive = nullptr; }
@@ -318,11 +323,40 @@ struct BandNext {
   int orphan;  // as nodes::nextOrphan
 };
 
+// A FIFO of node indices threaded through one field of BandNext.
+struct IndexFifo {
+  int head = -1;
+  int tail = -1;
+
+  // Appends x unless it is queued already (its link set).
+  template <int BandNext::*link>
+  void push(BandNext* next, int x) {
+    if (next[x].*link >= 0) return;
+    next[x].*link = x;
+    if (tail >= 0) {
+      next[tail].*link = x;
+    } else {
+      head = x;
+    }
+    tail = x;
+  }
+  // The head, or -1; its link is left as it is.
+  template <int BandNext::*link>
+  int pop(const BandNext* next) {
+    const int x = head;
+    if (x < 0) return -1;
+    if (x == tail) {
+      head = tail = -1;
+    } else {
+      head = next[x].*link;
+    }
+    return x;
+  }
+};
+
 struct BandQueues {
-  int activeHead = -1;
-  int activeTail = -1;
-  int orphanHead = -1;
-  int orphanTail = -1;
+  IndexFifo active;
+  IndexFifo orphans;
 };
 
 struct BandTopology {
@@ -355,7 +389,6 @@ struct BandTopology {
   }
   int slot(int i, int k) const { return k < 4 ? 8 * i + 2 * k : 8 * neighbour(i, k) + 2 * (k - 4) + 1; }
   int head(int s) const { return (s & 1) ? (s >> 3) : neighbour(s >> 3, (s & 7) >> 1); }
-  int parentOf(int x, int /*s*/) const { return ups[x]; }
   int parent(const nodes* /*base*/, int x) const { return slots[x]; }
   int up(const nodes* /*base*/, int x) const { return ups[x]; }
   int tree(const nodes* /*base*/, int x) const { return trees[x]; }
@@ -365,49 +398,18 @@ struct BandTopology {
   }
   void setTree(nodes* /*base*/, int x, int t) const { trees[x] = static_cast<unsigned char>(t); }
   float& terminal(nodes* /*base*/, int x) const { return terminals[x]; }
-  void pushActive(VELDSEGraph* /*g*/, int x) const {
-    if (next[x].active >= 0) return;
-    next[x].active = x;
-    if (queues->activeTail >= 0) {
-      next[queues->activeTail].active = x;
-    } else {
-      queues->activeHead = x;
-    }
-    queues->activeTail = x;
-  }
-  int popActive(VELDSEGraph* /*g*/) const {
-    const int x = queues->activeHead;
-    if (x < 0) return -1;
-    if (x == queues->activeTail) {
-      queues->activeHead = queues->activeTail = -1;
-    } else {
-      queues->activeHead = next[x].active;
-    }
-    return x;
-  }
+  void pushActive(VELDSEGraph* /*g*/, int x) const { queues->active.push<&BandNext::active>(next, x); }
+  int popActive(VELDSEGraph* /*g*/) const { return queues->active.pop<&BandNext::active>(next); }
   void holdActive(VELDSEGraph* /*g*/, int x) const { next[x].active = x; }
   void releaseActive(VELDSEGraph* /*g*/, int x) const { next[x].active = -1; }
   void orphan(VELDSEGraph* /*g*/, int x) const {
     slots[x] = VELDSEGraph::NONE;
     ups[x] = VELDSEGraph::NONE;
-    if (next[x].orphan >= 0) return;
-    next[x].orphan = x;
-    if (queues->orphanTail >= 0) {
-      next[queues->orphanTail].orphan = x;
-    } else {
-      queues->orphanHead = x;
-    }
-    queues->orphanTail = x;
+    queues->orphans.push<&BandNext::orphan>(next, x);
   }
   int popOrphan(VELDSEGraph* /*g*/) const {
-    const int x = queues->orphanHead;
-    if (x < 0) return -1;
-    if (x == queues->orphanTail) {
-      queues->orphanHead = queues->orphanTail = -1;
-    } else {
-      queues->orphanHead = next[x].orphan;
-    }
-    next[x].orphan = -1;
+    const int x = queues->orphans.pop<&BandNext::orphan>(next);
+    if (x >= 0) next[x].orphan = -1;
     return x;
   }
 };
@@ -472,7 +474,7 @@ void augmentPath(VELDSEGraph* g, const Topology& topo, int middle) {
     for (int p = topo.parent(base, x); p != VELDSEGraph::TERMINAL; p = topo.parent(base, x)) {
       caps[p] -= f;
       caps[p ^ 1] += f;
-      const int next = topo.parentOf(x, p);
+      const int next = topo.up(base, x);
       if (caps[p] == 0.0f) topo.orphan(g, x);
       x = next;
     }
@@ -493,7 +495,7 @@ void augmentPath(VELDSEGraph* g, const Topology& topo, int middle) {
     for (int p = topo.parent(base, x); p != VELDSEGraph::TERMINAL; p = topo.parent(base, x)) {
       caps[p ^ 1] -= f;
       caps[p] += f;
-      const int next = topo.parentOf(x, p);
+      const int next = topo.up(base, x);
       if (caps[p ^ 1] == 0.0f) topo.orphan(g, x);
       x = next;
     }

@@ -161,16 +161,7 @@ int VELDSEGraph::getTreeofNode(int i) { return m_nodes[i].tree == SINK_TREE ? 1 
 
 void VELDSEGraph::AddToActiveQueue(nodes* n) { pushActive(this, n); }
 
-nodes* VELDSEGraph::GetTopActiveQueueNode() {
-  nodes* n = m_activeHead;
-  if (n == nullptr) return nullptr;
-  if (n == m_activeTail) {
-    m_activeHead = m_activeTail = nullptr;
-  } else {
-    m_activeHead = n->nextActive;
-  }
-  return n;
-}
+nodes* VELDSEGraph::GetTopActiveQueueNode() { return popActive(this); }
 
 void VELDSEGraph::AddToOrphanQueue(nodes* n) { pushOrphan(this, n); }
 
