@@ -426,36 +426,48 @@ void augmentPath(VELDSEGraph* g, const Topology& topo, int middle) {
   // ... with the node each slot leaves from (its tail).
   int sinkTails[kRecorded], sourceTails[kRecorded];
 
-  // Bottleneck over the sink half, the middle edge and the source half.
+  // Bottleneck over the sink half, the middle edge and the source half. The
+  // two halves are independent chains, walked in step so that their loads
+  // overlap; the minimum does not depend on the order it is taken in.
   float f = caps[middle];
-  int x = topo.head(middle);
   int sinkLen = 0;
-  for (int u = topo.up(base, x); u != VELDSEGraph::TERMINAL; u = topo.up(base, x)) {
-    const int p = topo.parent(base, x);
+  int sourceLen = 0;
+  int xs = topo.head(middle);
+  int xr = topo.head(middle ^ 1);
+  int us = topo.up(base, xs);
+  int ur = topo.up(base, xr);
+  const auto sinkStep = [&] {
+    const int p = topo.parent(base, xs);
     if (caps[p] < f) f = caps[p];
     if (sinkLen < kRecorded) {
       sinkSlots[sinkLen] = p;
-      sinkTails[sinkLen] = x;
+      sinkTails[sinkLen] = xs;
     }
     ++sinkLen;
-    x = u;
-  }
-  const int sinkRoot = x;
-  if (-topo.terminal(base, x) < f) f = -topo.terminal(base, x);
-  x = topo.head(middle ^ 1);
-  int sourceLen = 0;
-  for (int u = topo.up(base, x); u != VELDSEGraph::TERMINAL; u = topo.up(base, x)) {
-    const int p = topo.parent(base, x);
+    xs = us;
+    us = topo.up(base, xs);
+  };
+  const auto sourceStep = [&] {
+    const int p = topo.parent(base, xr);
     if (caps[p ^ 1] < f) f = caps[p ^ 1];
     if (sourceLen < kRecorded) {
       sourceSlots[sourceLen] = p;
-      sourceTails[sourceLen] = x;
+      sourceTails[sourceLen] = xr;
     }
     ++sourceLen;
-    x = u;
+    xr = ur;
+    ur = topo.up(base, xr);
+  };
+  while (us != VELDSEGraph::TERMINAL && ur != VELDSEGraph::TERMINAL) {
+    sinkStep();
+    sourceStep();
   }
-  const int sourceRoot = x;
-  if (topo.terminal(base, x) < f) f = topo.terminal(base, x);
+  while (us != VELDSEGraph::TERMINAL) sinkStep();
+  while (ur != VELDSEGraph::TERMINAL) sourceStep();
+  const int sinkRoot = xs;
+  const int sourceRoot = xr;
+  if (-topo.terminal(base, sinkRoot) < f) f = -topo.terminal(base, sinkRoot);
+  if (topo.terminal(base, sourceRoot) < f) f = topo.terminal(base, sourceRoot);
 
   caps[middle] -= f;
   caps[middle ^ 1] += f;
@@ -465,12 +477,13 @@ void augmentPath(VELDSEGraph* g, const Topology& topo, int middle) {
   if (sinkLen <= kRecorded) {
     for (int k = 0; k < sinkLen; ++k) {
       const int p = sinkSlots[k];
-      caps[p] -= f;
+      const float left = caps[p] - f;
+      caps[p] = left;
       caps[p ^ 1] += f;
-      if (caps[p] == 0.0f) topo.orphan(g, sinkTails[k]);
+      if (left == 0.0f) topo.orphan(g, sinkTails[k]);
     }
   } else {
-    x = topo.head(middle);
+    int x = topo.head(middle);
     for (int p = topo.parent(base, x); p != VELDSEGraph::TERMINAL; p = topo.parent(base, x)) {
       caps[p] -= f;
       caps[p ^ 1] += f;
@@ -486,12 +499,13 @@ void augmentPath(VELDSEGraph* g, const Topology& topo, int middle) {
   if (sourceLen <= kRecorded) {
     for (int k = 0; k < sourceLen; ++k) {
       const int p = sourceSlots[k];
-      caps[p ^ 1] -= f;
+      const float left = caps[p ^ 1] - f;
+      caps[p ^ 1] = left;
       caps[p] += f;
-      if (caps[p ^ 1] == 0.0f) topo.orphan(g, sourceTails[k]);
+      if (left == 0.0f) topo.orphan(g, sourceTails[k]);
     }
   } else {
-    x = topo.head(middle ^ 1);
+    int x = topo.head(middle ^ 1);
     for (int p = topo.parent(base, x); p != VELDSEGraph::TERMINAL; p = topo.parent(base, x)) {
       caps[p ^ 1] -= f;
       caps[p] += f;
@@ -517,9 +531,13 @@ void adoptOrphan(VELDSEGraph* g, int i, const Topology& topo) {
   float* const caps = g->m_caps;
   const unsigned mask = topo.mask(i);
 
-  int bestSlot = VELDSEGraph::NONE;
-  int bestNode = -1;
-  int bestDist = INT_MAX;
+  // The parent is the candidate nearest the terminal, ties to the earlier
+  // slot. The candidates' chains are walked side by side, one step each per
+  // round, so the first chain to reach the terminal (the earliest of a round)
+  // is the nearest, no chain is walked beyond that distance, and the loads of
+  // up to eight independent chains overlap. A chain through an orphan fails.
+  int candNode[8], candSlot[8], candUp[8];
+  int n = 0;
   for (int k = 0; k < 8; ++k) {
     if ((mask & (1u << k)) == 0) continue;
     // Where the topology allows, the neighbour's own state first (dense
@@ -532,26 +550,33 @@ void adoptOrphan(VELDSEGraph* g, int i, const Topology& topo) {
     if (caps[e] == VELDSEGraph::ABSENT_EDGE) continue;
     if ((sinkSide ? caps[e] : caps[e ^ 1]) == 0.0f) continue;
     if (!Topology::kTreeFirst && !candidate()) continue;
-    // Walk the whole chain to the terminal; a chain through an orphan fails.
-    // A walk already as long as the best cannot win (ties go to the earlier
-    // slot), so it may stop there.
-    int d = 2;
-    int u = topo.up(base, j);
-    while (u != VELDSEGraph::TERMINAL && d < bestDist) {
-      u = topo.up(base, u);
-      ++d;
-      if (u == VELDSEGraph::NONE) break;
+    const int u = topo.up(base, j);
+    if (u == VELDSEGraph::TERMINAL) {
+      // Two steps from the terminal: nothing later can be strictly nearer,
+      // and every earlier candidate is further.
+      topo.setParent(base, i, e, j);
+      return;
     }
-    if (u == VELDSEGraph::TERMINAL && d < bestDist) {
-      bestDist = d;
-      bestSlot = e;
-      bestNode = j;
-      if (d == 2) break;  // nothing later can be strictly nearer
-    }
+    candNode[n] = j;
+    candSlot[n] = e;
+    candUp[n] = u;
+    ++n;
   }
-  if (bestSlot != VELDSEGraph::NONE) {
-    topo.setParent(base, i, bestSlot, bestNode);
-    return;
+  while (n > 0) {
+    int alive = 0;
+    for (int c = 0; c < n; ++c) {
+      const int u = topo.up(base, candUp[c]);
+      if (u == VELDSEGraph::TERMINAL) {
+        topo.setParent(base, i, candSlot[c], candNode[c]);
+        return;
+      }
+      if (u == VELDSEGraph::NONE) continue;
+      candNode[alive] = candNode[c];
+      candSlot[alive] = candSlot[c];
+      candUp[alive] = u;
+      ++alive;
+    }
+    n = alive;
   }
 
   topo.setParent(base, i, VELDSEGraph::NONE, -1);
