@@ -2,7 +2,10 @@
 
 #include <android/log.h>
 
+#include <pthread.h>
+
 #include <algorithm>
+#include <atomic>
 
 #include "interface/veldse_marker.h"
 
@@ -14,7 +17,67 @@ int VELDSEManageUndoRedo::m_bottom = 0;
 int VELDSEManageUndoRedo::width = 0;
 int VELDSEManageUndoRedo::height = 0;
 
+namespace {
+
+// The first mask recorded after allocate() would otherwise take the first
+// touch of every page of the planes, 4 bytes per photo pixel: on a large photo
+// the kernel's page clearing is a good part of the request. So fresh planes
+// are touched on a thread of their own while the photo is set up and
+// segmented. Their words are undefined until a slot is written, so writing
+// zeros there changes nothing; every access to the planes first stops and
+// joins the toucher, and it only ever runs on planes no slot has been written
+// to.
+class PlaneToucher {
+ public:
+  // Starts on the planes just allocated, for photos large enough to matter.
+  void start(unsigned int** columns, int w, int h) {
+    if (columns == nullptr || w < 1 || h < 1 || static_cast<long>(w) * h < kMinPixels) return;
+    columns_ = columns;
+    width_ = w;
+    height_ = h;
+    stop_.store(false, std::memory_order_relaxed);
+    running_ = pthread_create(&thread_, nullptr, &PlaneToucher::run, this) == 0;
+  }
+  // Returns once the toucher has stopped (at once if none runs).
+  void finish() {
+    if (!running_) return;
+    stop_.store(true, std::memory_order_relaxed);
+    pthread_join(thread_, nullptr);
+    running_ = false;
+  }
+
+ private:
+  static constexpr long kMinPixels = 1L << 20;
+  static constexpr int kWordsPerPage = 4096 / sizeof(unsigned int);
+
+  static void* run(void* self) {
+    static_cast<PlaneToucher*>(self)->touch();
+    return nullptr;
+  }
+  void touch() {
+    for (int x = 0; x < width_; ++x) {
+      if (stop_.load(std::memory_order_relaxed)) return;
+      // One word a page, and the last word for the page the column ends in.
+      unsigned int* column = columns_[x];
+      for (int y = 0; y < height_; y += kWordsPerPage) column[y] = 0;
+      column[height_ - 1] = 0;
+    }
+  }
+
+  pthread_t thread_{};
+  bool running_ = false;
+  std::atomic<bool> stop_{false};
+  unsigned int** columns_ = nullptr;
+  int width_ = 0;
+  int height_ = 0;
+};
+
+PlaneToucher g_toucher;
+
+}  // namespace
+
 void VELDSEManageUndoRedo::allocate() {
+  g_toucher.finish();
   width = VELDSEMarker::m_originalWidth;
   height = VELDSEMarker::m_originalHeight;
   // Words are left uninitialised: only bits of written slots are ever read.
@@ -22,9 +85,11 @@ void VELDSEManageUndoRedo::allocate() {
   for (int x = 0; x < width; ++x) m_bitPlane[x] = new unsigned int[height > 0 ? height : 0];
   m_top = m_bottom = m_current = 0;
   m_maxSize = 32;
+  g_toucher.start(m_bitPlane, width, height);
 }
 
 void VELDSEManageUndoRedo::deallocate() {
+  g_toucher.finish();
   if (m_bitPlane != nullptr) {
     for (int x = 0; x < width; ++x) delete[] m_bitPlane[x];
     delete[] m_bitPlane;
@@ -50,6 +115,7 @@ unsigned char* maskRow(const IplImage* mask, int y) {
 }
 
 void readSlot(int k, int w, int h, IplImage* mask) {
+  g_toucher.finish();
   unsigned char* rows[kBandRows];
   for (int y0 = 0; y0 < h; y0 += kBandRows) {
     const int n = std::min(kBandRows, h - y0);
@@ -62,6 +128,7 @@ void readSlot(int k, int w, int h, IplImage* mask) {
 }
 
 void writeSlot(int k, const IplImage* mask) {
+  g_toucher.finish();
   const unsigned int bit = 1u << k;
   const int w = VELDSEManageUndoRedo::width;
   const int h = VELDSEManageUndoRedo::height;

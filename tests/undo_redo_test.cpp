@@ -85,4 +85,30 @@ TEST_F(UndoRedo, RingDropsTheOldestAfter32And33Recordings) {
   EXPECT_EQ(H::m_current, H::m_bottom);
 }
 
+// Fresh planes of a photo over a megapixel are touched on a thread of their
+// own. A mask recorded at once must come back whole (the toucher's zeros may
+// not land on it), and planes released at once must not be touched after.
+TEST(UndoRedoLargePhoto, MaskRecordedWhileFreshPlanesAreTouchedComesBackWhole) {
+  constexpr int w = 1280, h = 1024;
+  VELDSEMarker::m_originalWidth = w, VELDSEMarker::m_originalHeight = h;
+  H::allocate();
+  H::deallocate();  // released while the toucher is under way
+  IplImage* all = testsupport::newImage(w, h);
+  cvSet(all, cvScalarAll(1));
+  VELDSEMarker::m_originalWidth = w, VELDSEMarker::m_originalHeight = h;
+  H::allocate();
+  H::updateBitPlane(all);
+  cvReleaseImage(&all);
+  long missing = 0;
+  for (int x = 0; x < w; ++x)
+    for (int y = 0; y < h; ++y) missing += (H::m_bitPlane[x][y] & 1u) == 0;
+  EXPECT_EQ(missing, 0);
+  IplImage* back = H::prevMask();
+  ASSERT_NE(back, nullptr);
+  EXPECT_EQ(cvCountNonZero(back), w * h);
+  cvReleaseImage(&back);
+  H::deallocate();
+  VELDSEMarker::m_originalWidth = VELDSEMarker::m_originalHeight = 0;
+}
+
 }  // namespace
