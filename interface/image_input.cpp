@@ -2,6 +2,11 @@
 #include <android/log.h>
 #include <opencv2/core/core_c.h>
 
+#include <algorithm>
+#include <system_error>
+#include <thread>
+#include <vector>
+
 #include "interface/segmentation_core.h"
 #include "interface/image_io.h"
 #include "interface/undo_redo.h"
@@ -11,23 +16,50 @@ namespace {
 void logSizeError(const char* function, int line) {
   __android_log_print(ANDROID_LOG_ERROR, "Error", "MEMORY_CRASH : %s %d", function, line);
 }
+
+// Photos of at least this many pixels are converted on several threads (at
+// most four): the copy is the first touch of its pages, and the kernel's page
+// clearing then runs on every core instead of one.
+const long kParallelPixels = 1L << 20;
+
+void convertRows(const unsigned int* pixels, int width, IplImage* image, int y0, int y1) {
+  for (int y = y0; y < y1; ++y) {
+    unsigned char* row = reinterpret_cast<unsigned char*>(image->imageData + static_cast<size_t>(y) * image->widthStep);
+    const unsigned int* in = pixels + static_cast<size_t>(y) * width;
+    for (int x = 0; x < width; ++x) {
+      const unsigned int v = in[x];
+      row[3 * x] = static_cast<unsigned char>(v & 0xFF);
+      row[3 * x + 1] = static_cast<unsigned char>((v >> 8) & 0xFF);
+      row[3 * x + 2] = static_cast<unsigned char>((v >> 16) & 0xFF);
+    }
+  }
+}
+
+void convertPhoto(const unsigned int* pixels, int width, int height, IplImage* image) {
+  int slices = 1;
+  if (static_cast<long>(width) * height >= kParallelPixels) {
+    slices = std::max(1, std::min({4, height, static_cast<int>(std::thread::hardware_concurrency())}));
+  }
+  std::vector<std::thread> workers;
+  int started = 1;  // slice 0 runs here, after the others have started
+  for (; started < slices; ++started) {
+    try {
+      workers.emplace_back(convertRows, pixels, width, image, static_cast<int>(static_cast<long>(height) * started / slices),
+                           static_cast<int>(static_cast<long>(height) * (started + 1) / slices));
+    } catch (const std::system_error&) {
+      break;  // no more threads: the rest runs here
+    }
+  }
+  convertRows(pixels, width, image, 0, static_cast<int>(static_cast<long>(height) / slices));
+  convertRows(pixels, width, image, static_cast<int>(static_cast<long>(height) * started / slices), height);
+  for (std::thread& w : workers) w.join();
+}
 }  // namespace
 
 int setSourceImage(int width, int height, unsigned int* pixels) {
   if (width < 1 || height < 1) logSizeError("setSourceImage", 115);
   IplImage* image = cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 3);
-  if (width >= 1 && height >= 1) {
-    for (int y = 0; y < height; ++y) {
-      unsigned char* row = reinterpret_cast<unsigned char*>(image->imageData + y * image->widthStep);
-      const unsigned int* in = pixels + static_cast<size_t>(y) * width;
-      for (int x = 0; x < width; ++x) {
-        const unsigned int v = in[x];
-        row[3 * x] = static_cast<unsigned char>(v & 0xFF);
-        row[3 * x + 1] = static_cast<unsigned char>((v >> 8) & 0xFF);
-        row[3 * x + 2] = static_cast<unsigned char>((v >> 16) & 0xFF);
-      }
-    }
-  }
+  if (width >= 1 && height >= 1) convertPhoto(pixels, width, height, image);
   VELDSEMarker::m_originalWidth = image->width;
   VELDSEMarker::m_originalHeight = image->height;
   VELDSEMarker::m_originalImage = image;

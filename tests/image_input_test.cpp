@@ -31,6 +31,20 @@ TEST_F(ImageInput, PhotoIsStoredAsBgrAndReturnedOpaque) {
   EXPECT_EQ(out, (std::vector<unsigned int>{0xFF345678, 0xFF000000, 0xFFFFFFFF, 0xFFABCDEF, 0xFF020304, 0xFF000001}));
 }
 
+// Photos over a megapixel are converted in row slices on several threads;
+// every row must arrive whole, also with a height the slices do not divide.
+TEST_F(ImageInput, LargePhotoRoundTripsThroughItsRowSlices) {
+  const int w = 1031, h = 1021;
+  std::vector<unsigned int> pixels(static_cast<size_t>(w) * h);
+  for (size_t i = 0; i < pixels.size(); ++i) pixels[i] = static_cast<unsigned int>(i * 2654435761u);
+  ASSERT_EQ(setSourceImage(w, h, pixels.data()), 0);
+  std::vector<unsigned int> out(pixels.size(), 0);
+  copySourceImage(out.data());
+  long wrong = 0;
+  for (size_t i = 0; i < pixels.size(); ++i) wrong += out[i] != (0xFF000000u | (pixels[i] & 0xFFFFFFu));
+  EXPECT_EQ(wrong, 0);
+}
+
 TEST_F(ImageInput, MarkersAreRoundedAndSaturated) {
   std::vector<int> markers = {-5, 0, 1, 2, 3, 4, 255, 300};
   ASSERT_EQ(setMarkerImage(4, 2, markers.data(), 3), 0);
