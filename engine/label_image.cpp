@@ -52,6 +52,48 @@ Extremes labelExtremes(const IplImage* labels, int width, int height,
   return e;
 }
 
+// The labels of the marks `marks` (any size): a copy of the marks in which
+// unmarked pixels become background on a first cut, or keep the previous
+// decision (`previous`, 0 or 255, of the same size) as a hard constraint on a
+// later one, where pixels a stroke crosses also keep the side they had.
+void applyLabelRule(const IplImage* marks, const IplImage* previous, int strokeType, IplImage* labels) {
+  const int width = marks->width;
+  const int height = marks->height;
+  for (int y = 0; y < height; ++y) {
+    std::memcpy(imageRow(labels, y), imageRow(marks, y), static_cast<size_t>(width));
+  }
+  if (previous == nullptr) {
+    for (int y = 0; y < height; ++y) {
+      const unsigned char* in = imageRow(marks, y);
+      unsigned char* out = imageRow(labels, y);
+      for (int x = 0; x < width; ++x) {
+        if (in[x] == 0) out[x] = LABEL_BG;
+      }
+    }
+    return;
+  }
+  const bool objectMarks = strokeType == 0 || strokeType == 2;
+  const bool backgroundMarks = strokeType == 1 || strokeType == 3;
+  for (int y = 0; y < height; ++y) {
+    const unsigned char* in = imageRow(marks, y);
+    const unsigned char* prev = imageRow(previous, y);
+    unsigned char* out = imageRow(labels, y);
+    for (int x = 0; x < width; ++x) {
+      if (in[x] == 0) {
+        if (prev[x] == 0) {
+          out[x] = LABEL_BG;
+        } else if (prev[x] == 255) {
+          out[x] = LABEL_FG;
+        }
+      } else if (objectMarks && prev[x] == 255) {
+        out[x] = LABEL_FG;
+      } else if (backgroundMarks && prev[x] == 0) {
+        out[x] = LABEL_BG;
+      }
+    }
+  }
+}
+
 }  // namespace
 
 void VELDSEHybrid::setLabelImage(IplImage* marker) {
@@ -81,62 +123,33 @@ void VELDSEHybrid::setLabelImage(IplImage* marker) {
     releaseImage(stroke);
   }
 
-  IplImage* labels = cvCloneImage(marker);
   VELDSEMarker::m_prevResult = VELDSEManageUndoRedo::prevMask();
   const IplImage* previous = VELDSEMarker::m_prevResult;
 
-  if (previous == nullptr) {
-    // First cut: everything the user did not mark is background.
-    for (int y = 0; y < height; ++y) {
-      const unsigned char* in = imageRow(marker, y);
-      unsigned char* out = imageRow(labels, y);
-      for (int x = 0; x < width; ++x) {
-        if (in[x] == 0) out[x] = LABEL_BG;
-      }
-    }
-  } else {
-    // Later cuts: unmarked pixels keep the previous decision as a hard
-    // constraint, and pixels a stroke crosses keep the side they already had.
-    const bool objectMarks = strokeType == 0 || strokeType == 2;
-    const bool backgroundMarks = strokeType == 1 || strokeType == 3;
-    for (int y = 0; y < height; ++y) {
-      const unsigned char* in = imageRow(marker, y);
-      const unsigned char* prev = imageRow(previous, y);
-      unsigned char* out = imageRow(labels, y);
-      for (int x = 0; x < width; ++x) {
-        if (in[x] != 0) continue;
-        if (prev[x] == 0) {
-          out[x] = LABEL_BG;
-        } else if (prev[x] == 255) {
-          out[x] = LABEL_FG;
-        }
-      }
-    }
-    for (int y = 0; y < height; ++y) {
-      const unsigned char* in = imageRow(marker, y);
-      const unsigned char* prev = imageRow(previous, y);
-      unsigned char* out = imageRow(labels, y);
-      for (int x = 0; x < width; ++x) {
-        if (in[x] == 0) continue;
-        if (objectMarks && prev[x] == 255) {
-          out[x] = LABEL_FG;
-        } else if (backgroundMarks && prev[x] == 0) {
-          out[x] = LABEL_BG;
-        }
-      }
-    }
-  }
-
   if (g_imageResizeFactor != 1.0f) {
+    // Each label follows from its own pixel's mark and previous decision
+    // alone, and the nearest-neighbour reduction picks the same pixels of
+    // every image of a size. So the marks (and the previous mask) are reduced
+    // first and the labels worked out on the working grid: the same labels
+    // without a photo-sized image of them.
     const CvSize size = cvGetSize(VELDSEMarker::m_srcImage);
     if (size.width < 1 || size.height < 1) logMemoryCrash("setLabelImage", 223);
     VELDSEMarker::m_labelImage = cvCreateImage(size, IPL_DEPTH_8U, 1);
-    cvResize(labels, VELDSEMarker::m_labelImage, CV_INTER_NN);
+    IplImage* marks = cvCreateImage(size, IPL_DEPTH_8U, 1);
+    cvResize(marker, marks, CV_INTER_NN);
+    IplImage* before = nullptr;
+    if (previous != nullptr) {
+      before = cvCreateImage(size, IPL_DEPTH_8U, 1);
+      cvResize(previous, before, CV_INTER_NN);
+    }
+    applyLabelRule(marks, before, strokeType, VELDSEMarker::m_labelImage);
+    releaseImage(before);
+    releaseImage(marks);
   } else {
-    VELDSEMarker::m_labelImage = cvCloneImage(labels);
+    VELDSEMarker::m_labelImage = cvCreateImage(cvGetSize(marker), IPL_DEPTH_8U, 1);
+    applyLabelRule(marker, previous, strokeType, VELDSEMarker::m_labelImage);
   }
   addUnknownRegion();
-  releaseImage(labels);
 }
 
 void VELDSEHybrid::addUnknownRegion() {

@@ -17,10 +17,33 @@ void logSizeError(const char* function, int line) {
   __android_log_print(ANDROID_LOG_ERROR, "Error", "MEMORY_CRASH : %s %d", function, line);
 }
 
-// Photos of at least this many pixels are converted on several threads (at
-// most four): the copy is the first touch of its pages, and the kernel's page
-// clearing then runs on every core instead of one.
+// Images of at least this many pixels are converted in row slices on several
+// threads (at most four): the conversion is the first touch of the output's
+// pages, and the kernel's page clearing then runs on every core, not one.
 const long kParallelPixels = 1L << 20;
+
+// Runs convert(y0, y1) over row slices, none empty, that cover rows
+// 0 .. height-1 (height >= 1).
+template <class Convert>
+void forRowSlices(int width, int height, const Convert& convert) {
+  int slices = 1;
+  if (static_cast<long>(width) * height >= kParallelPixels) {
+    slices = std::max(1, std::min({4, height, static_cast<int>(std::thread::hardware_concurrency())}));
+  }
+  const auto bound = [&](int k) { return static_cast<int>(static_cast<long>(height) * k / slices); };
+  std::vector<std::thread> workers;
+  int started = 1;  // slice 0 runs here, after the others have started
+  for (; started < slices; ++started) {
+    try {
+      workers.emplace_back(convert, bound(started), bound(started + 1));
+    } catch (const std::system_error&) {
+      break;  // no more threads: the rest runs here
+    }
+  }
+  convert(0, bound(1));
+  if (bound(started) < height) convert(bound(started), height);
+  for (std::thread& w : workers) w.join();
+}
 
 void convertRows(const unsigned int* pixels, int width, IplImage* image, int y0, int y1) {
   for (int y = y0; y < y1; ++y) {
@@ -34,32 +57,14 @@ void convertRows(const unsigned int* pixels, int width, IplImage* image, int y0,
     }
   }
 }
-
-void convertPhoto(const unsigned int* pixels, int width, int height, IplImage* image) {
-  int slices = 1;
-  if (static_cast<long>(width) * height >= kParallelPixels) {
-    slices = std::max(1, std::min({4, height, static_cast<int>(std::thread::hardware_concurrency())}));
-  }
-  std::vector<std::thread> workers;
-  int started = 1;  // slice 0 runs here, after the others have started
-  for (; started < slices; ++started) {
-    try {
-      workers.emplace_back(convertRows, pixels, width, image, static_cast<int>(static_cast<long>(height) * started / slices),
-                           static_cast<int>(static_cast<long>(height) * (started + 1) / slices));
-    } catch (const std::system_error&) {
-      break;  // no more threads: the rest runs here
-    }
-  }
-  convertRows(pixels, width, image, 0, static_cast<int>(static_cast<long>(height) / slices));
-  convertRows(pixels, width, image, static_cast<int>(static_cast<long>(height) * started / slices), height);
-  for (std::thread& w : workers) w.join();
-}
 }  // namespace
 
 int setSourceImage(int width, int height, unsigned int* pixels) {
   if (width < 1 || height < 1) logSizeError("setSourceImage", 115);
   IplImage* image = cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 3);
-  if (width >= 1 && height >= 1) convertPhoto(pixels, width, height, image);
+  if (width >= 1 && height >= 1) {
+    forRowSlices(width, height, [&](int y0, int y1) { convertRows(pixels, width, image, y0, y1); });
+  }
   VELDSEMarker::m_originalWidth = image->width;
   VELDSEMarker::m_originalHeight = image->height;
   VELDSEMarker::m_originalImage = image;
@@ -94,7 +99,17 @@ int setMarkerImage(int width, int height, int* markers, int strokeType) {
   cvSetData(header, markers, width * static_cast<int>(sizeof(int)));
   if (width < 1 || height < 1) logSizeError("setMarkerImage", 173);
   g_markerImage = cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 1);
-  cvConvertScale(header, g_markerImage, 1.0, 0.0);
+  if (width >= 1 && height >= 1) {
+    // Each slice converts through its own row range of both images.
+    forRowSlices(width, height, [&](int y0, int y1) {
+      CvMat in, out;
+      cvGetRows(header, &in, y0, y1);
+      cvGetRows(g_markerImage, &out, y0, y1);
+      cvConvertScale(&in, &out, 1.0, 0.0);
+    });
+  } else {
+    cvConvertScale(header, g_markerImage, 1.0, 0.0);
+  }
   cvReleaseImageHeader(&header);
   VELDSEMarker::currentStroke.strokeType = strokeType;
   return 0;

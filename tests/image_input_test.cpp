@@ -31,9 +31,10 @@ TEST_F(ImageInput, PhotoIsStoredAsBgrAndReturnedOpaque) {
   EXPECT_EQ(out, (std::vector<unsigned int>{0xFF345678, 0xFF000000, 0xFFFFFFFF, 0xFFABCDEF, 0xFF020304, 0xFF000001}));
 }
 
-// Photos over a megapixel are converted in row slices on several threads;
-// every row must arrive whole, also with a height the slices do not divide.
-TEST_F(ImageInput, LargePhotoRoundTripsThroughItsRowSlices) {
+// Photos and marker grids over a megapixel are converted in row slices on
+// several threads; every row must arrive whole, also with a height the slices
+// do not divide.
+TEST_F(ImageInput, LargePhotoAndMarkersConvertThroughTheirRowSlices) {
   const int w = 1031, h = 1021;
   std::vector<unsigned int> pixels(static_cast<size_t>(w) * h);
   for (size_t i = 0; i < pixels.size(); ++i) pixels[i] = static_cast<unsigned int>(i * 2654435761u);
@@ -43,6 +44,17 @@ TEST_F(ImageInput, LargePhotoRoundTripsThroughItsRowSlices) {
   long wrong = 0;
   for (size_t i = 0; i < pixels.size(); ++i) wrong += out[i] != (0xFF000000u | (pixels[i] & 0xFFFFFFu));
   EXPECT_EQ(wrong, 0);
+
+  std::vector<int> markers(pixels.size());
+  for (size_t i = 0; i < markers.size(); ++i) markers[i] = static_cast<int>(i % 311) - 5;
+  ASSERT_EQ(setMarkerImage(w, h, markers.data(), 0), 0);
+  long wrongMarks = 0;
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x) {
+      const int m = markers[static_cast<size_t>(y) * w + x];
+      wrongMarks += at(g_markerImage, x, y) != (m < 0 ? 0 : m > 255 ? 255 : m);
+    }
+  EXPECT_EQ(wrongMarks, 0);
 }
 
 TEST_F(ImageInput, MarkersAreRoundedAndSaturated) {

@@ -117,6 +117,44 @@ TEST_F(LabelImage, ReducedPhotoGetsANearestNeighbourLabelImage) {
   cvReleaseImage(&marker);
 }
 
+// On a reduced photo the labels are those of the full-size marks and previous
+// mask, reduced by nearest neighbour (here by an uneven factor).
+TEST_F(LabelImage, ReducedPhotoWithAPreviousMaskGetsTheReducedFullSizeLabels) {
+  const int w = 41, h = 31;
+  std::vector<unsigned int> argb(w * h, 0xFF808080u);
+  setSourceImage(w, h, argb.data());
+  IplImage* previous = newImage(w, h);
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x) at(previous, x, y) = (x * 5 + y * 3) % 7 < 3 ? 255 : 0;
+  VELDSEManageUndoRedo::updateBitPlane(previous);
+  g_imageResizeFactor = 2.0f;
+  VELDSEMarker::m_srcImage = newImage(20, 15, 3);
+  for (int t = 0; t < 2; ++t) {
+    SCOPED_TRACE(t);
+    IplImage* marker = newImage(w, h);
+    cv::Mat expected(h, w, CV_8UC1);
+    for (int y = 0; y < h; ++y)
+      for (int x = 0; x < w; ++x) {
+        const unsigned char mark = static_cast<unsigned char>((x * 3 + y * 7) % 5);
+        const bool object = at(previous, x, y) == 255;
+        at(marker, x, y) = mark;
+        unsigned char label = mark;
+        if (mark == 0) label = object ? LABEL_FG : LABEL_BG;
+        else if (t == 0 && object) label = LABEL_FG;
+        else if (t == 1 && !object) label = LABEL_BG;
+        expected.at<unsigned char>(y, x) = label;
+      }
+    cv::resize(expected, expected, cv::Size(20, 15), 0, 0, cv::INTER_NEAREST);
+    VELDSEMarker::currentStroke.strokeType = t;
+    engine.setLabelImage(marker);
+    ASSERT_EQ(M(VELDSEMarker::m_labelImage).size(), cv::Size(20, 15));
+    EXPECT_EQ(cv::norm(M(VELDSEMarker::m_labelImage), expected, cv::NORM_INF), 0.0);
+    cvReleaseImage(&marker);
+  }
+  cvReleaseImage(&VELDSEMarker::m_srcImage);
+  cvReleaseImage(&previous);
+}
+
 TEST_F(LabelImage, StrokeBandFollowsTheStrokeAndIsClosed) {
   // Points at full resolution with factor 2; the reference draws the same
   // thickness-3 lines between the working points written out by hand.
