@@ -2,47 +2,15 @@
 #include <android/log.h>
 #include <opencv2/core/core_c.h>
 
-#include <algorithm>
-#include <system_error>
-#include <thread>
-#include <vector>
-
 #include "interface/segmentation_core.h"
 #include "interface/image_io.h"
 #include "interface/undo_redo.h"
 #include "interface/veldse_marker.h"
+#include "support/slices.h"
 
 namespace {
 void logSizeError(const char* function, int line) {
   __android_log_print(ANDROID_LOG_ERROR, "Error", "MEMORY_CRASH : %s %d", function, line);
-}
-
-// Images of at least this many pixels are converted in row slices on several
-// threads (at most four): the conversion is the first touch of the output's
-// pages, and the kernel's page clearing then runs on every core, not one.
-const long kParallelPixels = 1L << 20;
-
-// Runs convert(y0, y1) over row slices, none empty, that cover rows
-// 0 .. height-1 (height >= 1).
-template <class Convert>
-void forRowSlices(int width, int height, const Convert& convert) {
-  int slices = 1;
-  if (static_cast<long>(width) * height >= kParallelPixels) {
-    slices = std::max(1, std::min({4, height, static_cast<int>(std::thread::hardware_concurrency())}));
-  }
-  const auto bound = [&](int k) { return static_cast<int>(static_cast<long>(height) * k / slices); };
-  std::vector<std::thread> workers;
-  int started = 1;  // slice 0 runs here, after the others have started
-  for (; started < slices; ++started) {
-    try {
-      workers.emplace_back(convert, bound(started), bound(started + 1));
-    } catch (const std::system_error&) {
-      break;  // no more threads: the rest runs here
-    }
-  }
-  convert(0, bound(1));
-  if (bound(started) < height) convert(bound(started), height);
-  for (std::thread& w : workers) w.join();
 }
 
 void convertRows(const unsigned int* pixels, int width, IplImage* image, int y0, int y1) {
@@ -63,7 +31,9 @@ int setSourceImage(int width, int height, unsigned int* pixels) {
   if (width < 1 || height < 1) logSizeError("setSourceImage", 115);
   IplImage* image = cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 3);
   if (width >= 1 && height >= 1) {
-    forRowSlices(width, height, [&](int y0, int y1) { convertRows(pixels, width, image, y0, y1); });
+    // Row slices side by side: the copy is the first touch of its pages.
+    slices::forSlices(height, static_cast<long>(width) * height,
+                      [&](int y0, int y1) { convertRows(pixels, width, image, y0, y1); });
   }
   VELDSEMarker::m_originalWidth = image->width;
   VELDSEMarker::m_originalHeight = image->height;
@@ -100,8 +70,8 @@ int setMarkerImage(int width, int height, int* markers, int strokeType) {
   if (width < 1 || height < 1) logSizeError("setMarkerImage", 173);
   g_markerImage = cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 1);
   if (width >= 1 && height >= 1) {
-    // Each slice converts through its own row range of both images.
-    forRowSlices(width, height, [&](int y0, int y1) {
+    // Row slices side by side, each through its own rows of both images.
+    slices::forSlices(height, static_cast<long>(width) * height, [&](int y0, int y1) {
       CvMat in, out;
       cvGetRows(header, &in, y0, y1);
       cvGetRows(g_markerImage, &out, y0, y1);

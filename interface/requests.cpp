@@ -17,6 +17,7 @@
 #include "interface/segmentation_core.h"
 #include "interface/undo_redo.h"
 #include "interface/veldse_marker.h"
+#include "support/slices.h"
 
 namespace {
 
@@ -184,15 +185,14 @@ int cutOutImage(int, int, int, unsigned int* blended, unsigned char* mask) {
 void loadMaskImageInfo(unsigned char* mask) {
   const int width = g_resultMask->width;
   const int height = g_resultMask->height;
-  // Four column bands, as the device build splits the work.
-  const int bands[5] = {0, width / 4, width / 2, 3 * (width / 4), width};
-  for (int b = 0; b < 4; ++b) {
-    for (int y = 0; y < height; ++y) {
+  // Each pixel on its own, so row slices may run side by side.
+  slices::forSlices(height, static_cast<long>(width) * height, [&](int y0, int y1) {
+    for (int y = y0; y < y1; ++y) {
       const unsigned char* in = row8(g_resultMask, y);
       unsigned char* out = mask + static_cast<size_t>(y) * width;
-      for (int x = bands[b]; x < bands[b + 1]; ++x) out[x] = in[x] == 255 ? 0 : 255;
+      for (int x = 0; x < width; ++x) out[x] = in[x] == 255 ? 0 : 255;
     }
-  }
+  });
 }
 
 void loadBlendedImageInfo(unsigned int* blended) {
@@ -218,13 +218,15 @@ void loadBlendedImageInfo(unsigned int* blended) {
 
   // Only the solid core of the anti-aliased line is painted; its fringe would
   // blend yellow into the photo.
-  for (int y = 0; y < height; ++y) {
-    const unsigned char* o = row8(outline, y);
-    unsigned int* out = blended + static_cast<size_t>(y) * width;
-    for (int x = 0; x < width; ++x) {
-      if (o[x] == 255) out[x] = 0xFFFFFF00u;
+  slices::forSlices(height, static_cast<long>(width) * height, [&](int y0, int y1) {
+    for (int y = y0; y < y1; ++y) {
+      const unsigned char* o = row8(outline, y);
+      unsigned int* out = blended + static_cast<size_t>(y) * width;
+      for (int x = 0; x < width; ++x) {
+        if (o[x] == 255) out[x] = 0xFFFFFF00u;
+      }
     }
-  }
+  });
   cvReleaseImage(&outline);
 }
 

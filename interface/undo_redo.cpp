@@ -8,6 +8,7 @@
 #include <atomic>
 
 #include "interface/veldse_marker.h"
+#include "support/slices.h"
 
 unsigned int** VELDSEManageUndoRedo::m_bitPlane = nullptr;
 int VELDSEManageUndoRedo::m_maxSize = 0;
@@ -114,35 +115,47 @@ unsigned char* maskRow(const IplImage* mask, int y) {
   return reinterpret_cast<unsigned char*>(mask->imageData + static_cast<long>(y) * mask->widthStep);
 }
 
-void readSlot(int k, int w, int h, IplImage* mask) {
-  g_toucher.finish();
+// Columns xa .. xb-1 of slot k into the mask's rows.
+void readColumns(int k, int xa, int xb, int h, IplImage* mask) {
   unsigned char* rows[kBandRows];
   for (int y0 = 0; y0 < h; y0 += kBandRows) {
     const int n = std::min(kBandRows, h - y0);
     for (int r = 0; r < n; ++r) rows[r] = maskRow(mask, y0 + r);
-    for (int x = 0; x < w; ++x) {
+    for (int x = xa; x < xb; ++x) {
       const unsigned int* column = VELDSEManageUndoRedo::m_bitPlane[x] + y0;
       for (int r = 0; r < n; ++r) rows[r][x] = ((column[r] >> k) & 1u) ? 255 : 0;
     }
   }
 }
 
-void writeSlot(int k, const IplImage* mask) {
-  g_toucher.finish();
+// Slot k of columns xa .. xb-1 from the mask's rows.
+void writeColumns(int k, int xa, int xb, int h, const IplImage* mask) {
   const unsigned int bit = 1u << k;
-  const int w = VELDSEManageUndoRedo::width;
-  const int h = VELDSEManageUndoRedo::height;
   const unsigned char* rows[kBandRows];
   for (int y0 = 0; y0 < h; y0 += kBandRows) {
     const int n = std::min(kBandRows, h - y0);
     for (int r = 0; r < n; ++r) rows[r] = maskRow(mask, y0 + r);
-    for (int x = 0; x < w; ++x) {
+    for (int x = xa; x < xb; ++x) {
       unsigned int* column = VELDSEManageUndoRedo::m_bitPlane[x] + y0;
       for (int r = 0; r < n; ++r) {
         if (rows[r][x] != 0) column[r] |= bit; else column[r] &= ~bit;
       }
     }
   }
+}
+
+// Both run in column slices side by side on a large photo: every column is
+// its own words, and the mask's bytes of a column range are the range's own.
+void readSlot(int k, int w, int h, IplImage* mask) {
+  g_toucher.finish();
+  slices::forSlices(w, static_cast<long>(w) * h, [&](int xa, int xb) { readColumns(k, xa, xb, h, mask); });
+}
+
+void writeSlot(int k, const IplImage* mask) {
+  g_toucher.finish();
+  const int w = VELDSEManageUndoRedo::width;
+  const int h = VELDSEManageUndoRedo::height;
+  slices::forSlices(w, static_cast<long>(w) * h, [&](int xa, int xb) { writeColumns(k, xa, xb, h, mask); });
 }
 
 }  // namespace

@@ -20,11 +20,11 @@ JOBS=${JOBS:-2}
 
 # Tests that start threads: parallel max-flow and terminal links, the band
 # graph's pieces solved side by side, the re-cut's band likelihoods, the k-means
-# workers of the colour model, the photo's conversion and the history's page
-# toucher, the cancel protocol of requests and lifecycle, and the cancellation
-# stress test.
+# workers of the colour model, the slices of the full-size passes and the
+# history's page toucher, the cancel protocol of requests and lifecycle, and the
+# cancellation stress test.
 TSAN_TARGETS="parallel_gc_test band_graph_test intelligent_upscaling_test colormodel_test image_input_test undo_redo_test requests_test lifecycle_test cancel_stress_test"
-TSAN_TESTS='^(ParallelGC[A-Za-z]*|BandGraph|IntelligentUpscaling|ColorModelTest|ImageInput|UndoRedoLargePhoto|ExitProtocol|Lifecycle|CancelStress)\.'
+TSAN_TESTS='^(ParallelGC[A-Za-z]*|BandGraph|IntelligentUpscaling|ColorModelTest|ImageInput|UndoRedoLargePhoto|RequestsLargePhoto|ExitProtocol|Lifecycle|CancelStress)\.'
 
 sh scripts/setup.sh
 

@@ -161,6 +161,48 @@ TEST_F(Edits, OutlineArrayLayoutAndOneTimeDelivery) {
   EXPECT_EQ(fetch(), std::vector<int>{0});
 }
 
+// Over a megapixel the history, the mask and the preview are written in
+// slices side by side: an edit must still deliver every pixel, and an undo
+// the recorded mask.
+using RequestsLargePhoto = Requests;
+TEST_F(RequestsLargePhoto, EditDeliversEveryPixelAndUndoTheRecordedMask) {
+  const int w = 1100, h = 1000;
+  Pixels photo(static_cast<size_t>(w) * h);
+  for (size_t i = 0; i < photo.size(); ++i) photo[i] = 0xFF000000u | (i * 2654435761u & 0xFFFFFFu);
+  setSourceImage(w, h, photo.data());
+  cv::Mat before = cv::Mat::zeros(h, w, CV_8U);
+  cv::circle(before, cv::Point(400, 500), 300, cv::Scalar(255), cv::FILLED);
+  IplImage header = cvIplImage(before);
+  VELDSEManageUndoRedo::updateBitPlane(&header);
+  // Code 1 (background) on a right-hand strip, code 2 (object) across the top
+  // (clear of the photo's edge, as the outline's reference needs).
+  cv::Mat codes = cv::Mat::zeros(h, w, CV_32S);
+  codes(cv::Rect(900, 100, 150, 800)).setTo(1);
+  codes(cv::Rect(50, 50, 1000, 250)).setTo(2);
+  setMarkerImage(w, h, codes.ptr<int>(), 2);
+  Pixels blended = photo;
+  Bytes mask(photo.size(), 77);
+  ASSERT_EQ(cutOutImage(0, 0, 0, blended.data(), mask.data()), 0);
+  cv::Mat after = before.clone();
+  after.setTo(0, codes == 1);
+  after.setTo(255, codes == 2);
+  long wrongMask = 0, wrongPreview = 0;
+  cv::Mat outline = cv::Mat::zeros(h, w, CV_8U);
+  std::vector<std::vector<cv::Point>> contours;
+  cv::findContours(after.clone(), contours, cv::RETR_LIST, cv::CHAIN_APPROX_SIMPLE);
+  cv::drawContours(outline, contours, -1, cv::Scalar(255), 2, cv::LINE_AA);
+  for (size_t i = 0; i < photo.size(); ++i) {
+    wrongMask += (mask[i] == 0) != (after.data[i] == 255);
+    wrongPreview += blended[i] != (outline.data[i] == 255 ? 0xFFFFFF00u : photo[i]);
+  }
+  EXPECT_EQ(wrongMask, 0);
+  EXPECT_EQ(wrongPreview, 0);
+  ASSERT_EQ(undo(blended.data(), mask.data()), 0);
+  long wrongUndo = 0;
+  for (size_t i = 0; i < photo.size(); ++i) wrongUndo += (mask[i] == 0) != (before.data[i] == 255);
+  EXPECT_EQ(wrongUndo, 0);
+}
+
 // An edit of A into B (codes 1 and 2 apply, 3 and 4 are ignored), the history
 // steps, then, after a cancel and an exit, an undo, a redo and an edit: each
 // delivers its mask, then tears the context down, clears the exit status and
