@@ -39,6 +39,7 @@
 #include "engine/veldse_hybrid.h"
 #include "graph/band_graph.h"
 #include "interface/veldse_marker.h"
+#include "support/slices.h"
 #include "support/veld_memory.h"
 
 namespace {
@@ -484,22 +485,45 @@ IplImage* VELDSEHybrid::intelligentUpscaling(IplImage* mask) {
 
   IplImage* result = nullptr;
   if (!failed) {
-    bandMaxFlow(m_trimapGraph);
     // The enlarged working labels (object: codes 2 and 4), then the band
-    // takes the new cut; the rings and the fixed pixels keep the labels.
+    // takes the new cut; the rings and the fixed pixels keep the labels. The
+    // labels do not depend on the cut, so on a large photo a thread of its own
+    // writes them while the band is solved (much of that on one core).
     result = createChecked(fullW, fullH, 2085);
-    for (int y = 0; y < fullH; ++y) {
-      const unsigned char* e = labels.row(y);
-      unsigned char* r = imageRow(result, y);
-      // Consecutive rows enlarged from the same working row are equal.
-      if (y > 0 && e == labels.row(y - 1)) {
-        std::memcpy(r, imageRow(result, y - 1), static_cast<size_t>(fullW));
-        continue;
+    const auto writeLabels = [&] {
+      for (int y = 0; y < fullH; ++y) {
+        const unsigned char* e = labels.row(y);
+        unsigned char* r = imageRow(result, y);
+        // Consecutive rows enlarged from the same working row are equal.
+        if (y > 0 && e == labels.row(y - 1)) {
+          std::memcpy(r, imageRow(result, y - 1), static_cast<size_t>(fullW));
+          continue;
+        }
+        for (int x = 0; x < fullW; ++x) {
+          const unsigned char code = e[labels.column(x)];
+          r[x] = (code == LABEL_FG || code == LABEL_PR_FG) ? 255 : 0;
+        }
       }
-      for (int x = 0; x < fullW; ++x) {
-        const unsigned char code = e[labels.column(x)];
-        r[x] = (code == LABEL_FG || code == LABEL_PR_FG) ? 255 : 0;
+    };
+    std::thread writer;
+    if (static_cast<long>(fullW) * fullH >= slices::kParallelPixels) {
+      try {
+        writer = std::thread(writeLabels);
+      } catch (const std::system_error&) {
+        // written below instead
       }
+    }
+    {
+      // Joined however the solve ends.
+      struct Join {
+        std::thread& t;
+        ~Join() {
+          if (t.joinable()) t.join();
+        }
+      } join{writer};
+      const bool written = writer.joinable();
+      bandMaxFlow(m_trimapGraph);
+      if (!written) writeLabels();
     }
     int node = 0;
     for (int y = 0; y < m_boundHeightTrimap; ++y) {
