@@ -23,8 +23,8 @@ JOBS=${JOBS:-2}
 # workers of the colour model, the slices of the full-size passes and the
 # history's page toucher, the cancel protocol of requests and lifecycle, and the
 # cancellation stress test.
-TSAN_TARGETS="parallel_gc_test band_graph_test intelligent_upscaling_test colormodel_test image_input_test undo_redo_test requests_test lifecycle_test cancel_stress_test"
-TSAN_TESTS='^(ParallelGC[A-Za-z]*|BandGraph|IntelligentUpscaling|ColorModelTest|ImageInput|UndoRedoLargePhoto|RequestsLargePhoto|ExitProtocol|Lifecycle|CancelStress)\.'
+TSAN_TARGETS="parallel_gc_test band_graph_test intelligent_upscaling_test colormodel_test slices_test image_input_test undo_redo_test requests_test lifecycle_test cancel_stress_test"
+TSAN_TESTS='^(ParallelGC[A-Za-z]*|BandGraph|IntelligentUpscaling|ColorModelTest|Slices|ImageInput|UndoRedoLargePhoto|RequestsLargePhoto|ExitProtocol|Lifecycle|CancelStress)\.'
 
 sh scripts/setup.sh
 

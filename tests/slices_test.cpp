@@ -1,0 +1,59 @@
+// Full-size passes in slices: every index exactly once, on one thread below
+// the size limit.
+#include "support/slices.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+namespace {
+
+TEST(Slices, EveryIndexOnceInNonEmptySlices) {
+  const struct {
+    int count;
+    long pixels;
+  } cases[] = {{1, 1}, {3, 100}, {1, slices::kParallelPixels}, {2, slices::kParallelPixels},
+               {3, slices::kParallelPixels}, {7, slices::kParallelPixels}, {1021, slices::kParallelPixels * 4},
+               {1021, 1}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(::testing::Message() << c.count << " items, " << c.pixels << " pixels");
+    std::vector<std::atomic<int>> seen(c.count);
+    std::atomic<int> emptySlices{0};
+    slices::forSlices(c.count, c.pixels, [&](int begin, int end) {
+      if (begin >= end) ++emptySlices;
+      for (int i = begin; i < end; ++i) ++seen[i];
+    });
+    EXPECT_EQ(emptySlices.load(), 0);
+    for (int i = 0; i < c.count; ++i) ASSERT_EQ(seen[i].load(), 1) << "item " << i;
+  }
+}
+
+TEST(Slices, SmallWorkStaysOnTheCallingThreadLargeWorkSpreads) {
+  const std::thread::id caller = std::this_thread::get_id();
+  std::atomic<int> smallCalls{0}, smallElsewhere{0}, largeCalls{0}, largeElsewhere{0};
+  slices::forSlices(1000, slices::kParallelPixels - 1, [&](int, int) {
+    ++smallCalls;
+    if (std::this_thread::get_id() != caller) ++smallElsewhere;
+  });
+  EXPECT_EQ(smallCalls.load(), 1);
+  EXPECT_EQ(smallElsewhere.load(), 0);
+  slices::forSlices(1000, slices::kParallelPixels, [&](int, int) {
+    ++largeCalls;
+    if (std::this_thread::get_id() != caller) ++largeElsewhere;
+  });
+  const unsigned cores = std::thread::hardware_concurrency();
+  const int parts = static_cast<int>(std::min(4u, cores < 1 ? 1u : cores));
+  EXPECT_EQ(largeCalls.load(), parts);
+  EXPECT_EQ(largeElsewhere.load(), parts - 1);
+}
+
+TEST(Slices, NothingToDoCallsNothing) {
+  int calls = 0;
+  slices::forSlices(0, slices::kParallelPixels, [&](int, int) { ++calls; });
+  slices::forSlices(-3, 1, [&](int, int) { ++calls; });
+  EXPECT_EQ(calls, 0);
+}
+
+}  // namespace
