@@ -9,6 +9,8 @@
 #include <opencv2/core/core_c.h>
 #include <opencv2/imgproc/imgproc_c.h>
 
+#include <algorithm>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 
@@ -27,6 +29,29 @@ inline unsigned char* row8(IplImage* image, int y) {
 
 void releaseImage(IplImage*& image) {
   if (image != nullptr) cvReleaseImage(&image);
+}
+
+// The box round every point of the outline, grown by a margin that holds the
+// drawn line (2 pixels wide, anti-aliased) and clipped to the image; empty
+// without an outline.
+CvRect outlineBox(CvSeq* first, int width, int height) {
+  constexpr int kMargin = 4;
+  int x0 = INT_MAX, y0 = INT_MAX, x1 = INT_MIN, y1 = INT_MIN;
+  for (CvSeq* c = first; c != nullptr; c = c->h_next) {
+    for (int k = 0; k < c->total; ++k) {
+      const CvPoint* p = reinterpret_cast<const CvPoint*>(cvGetSeqElem(c, k));
+      x0 = std::min(x0, p->x);
+      y0 = std::min(y0, p->y);
+      x1 = std::max(x1, p->x);
+      y1 = std::max(y1, p->y);
+    }
+  }
+  if (x0 > x1) return cvRect(0, 0, 0, 0);
+  x0 = std::max(0, x0 - kMargin);
+  y0 = std::max(0, y0 - kMargin);
+  x1 = std::min(width - 1, x1 + kMargin);
+  y1 = std::min(height - 1, y1 + kMargin);
+  return cvRect(x0, y0, x1 - x0 + 1, y1 - y0 + 1);
 }
 
 // A request needs a context: the photo and its mask history, and for a cut
@@ -211,18 +236,26 @@ void loadBlendedImageInfo(unsigned int* blended) {
   IplImage* outline = cvCloneImage(g_resultMask);
   cvFindContours(outline, storage, &contours, sizeof(CvContour), CV_RETR_LIST, CV_CHAIN_APPROX_SIMPLE,
                  cvPoint(0, 0));
-  cvSetZero(outline);
+  // Every object pixel lies within the box round the outline's points, so the
+  // searched copy is zero outside it already, and the drawn line stays within
+  // the margin: only the box needs clearing and painting.
+  const CvRect box = outlineBox(contours, width, height);
+  if (box.width > 0) {
+    cvSetImageROI(outline, box);
+    cvSetZero(outline);
+    cvResetImageROI(outline);
+  }
   cvDrawContours(outline, contours, cvScalarAll(255), cvScalarAll(255), 255, 2, CV_AA,
                  cvPoint(0, 0));
   if (contours != nullptr) g_contoursReady = 1;
 
   // Only the solid core of the anti-aliased line is painted; its fringe would
   // blend yellow into the photo.
-  slices::forSlices(height, static_cast<long>(width) * height, [&](int y0, int y1) {
-    for (int y = y0; y < y1; ++y) {
+  slices::forSlices(box.height, static_cast<long>(box.width) * box.height, [&](int r0, int r1) {
+    for (int y = box.y + r0; y < box.y + r1; ++y) {
       const unsigned char* o = row8(outline, y);
       unsigned int* out = blended + static_cast<size_t>(y) * width;
-      for (int x = 0; x < width; ++x) {
+      for (int x = box.x; x < box.x + box.width; ++x) {
         if (o[x] == 255) out[x] = 0xFFFFFF00u;
       }
     }
