@@ -173,12 +173,6 @@ namespace {
 // threads (at most four).
 const int kParallelLikelihoodNodes = 100000;
 
-int likelihoodSlices(int nodes) {
-  if (nodes < kParallelLikelihoodNodes) return 1;
-  const int cores = static_cast<int>(std::thread::hardware_concurrency());
-  return std::max(1, std::min(4, cores));
-}
-
 // What a band pixel's terminal weights are read from: the box of the photo
 // (or, in a grey photo, of its grey values and two textures) and the models.
 // The models are only read.
@@ -245,8 +239,8 @@ int VELDSEHybrid::constructGraphTrimapVELD(IplImage* img, IplImage* /*extraTex*/
   // after another as before (addtWeights sums the flow in node order).
   const BandColours band{img, texHor, texVer, &m_bgModel, &m_fgModel, VELDSEMarker::m_isGreyScale};
   std::vector<float> costs;
-  const int slices = likelihoodSlices(n);
-  if (slices > 1) {
+  const int parts = slices::partsFor(height, n >= kParallelLikelihoodNodes);
+  if (parts > 1) {
     try {
       costs.resize(2 * static_cast<size_t>(n));
     } catch (const std::bad_alloc&) {
@@ -254,29 +248,17 @@ int VELDSEHybrid::constructGraphTrimapVELD(IplImage* img, IplImage* /*extraTex*/
     }
   }
   if (!costs.empty()) {
-    auto slice = [&](int y0, int y1) {
-      for (int y = y0; y < y1; ++y) band.rowCosts(trimap, y, costs.data() + 2L * rowStart[y]);
-    };
     // Row slices of about equal node counts.
-    std::vector<int> bounds(slices + 1, height);
+    std::vector<int> bounds(parts + 1, height);
     bounds[0] = 0;
-    for (int k = 1, y = 0; k < slices; ++k) {
-      const long target = static_cast<long>(n) * k / slices;
+    for (int k = 1, y = 0; k < parts; ++k) {
+      const long target = static_cast<long>(n) * k / parts;
       while (y < height && rowStart[y] < target) ++y;
       bounds[k] = y;
     }
-    std::vector<std::thread> workers;
-    int done = 1;  // slice 0 runs here, after the others have started
-    for (; done < slices; ++done) {
-      try {
-        workers.emplace_back(slice, bounds[done], bounds[done + 1]);
-      } catch (const std::system_error&) {
-        break;  // no more threads: the rest runs here
-      }
-    }
-    slice(bounds[0], bounds[1]);
-    slice(bounds[done], height);
-    for (std::thread& w : workers) w.join();
+    slices::runSlices(bounds, [&](int y0, int y1) {
+      for (int y = y0; y < y1; ++y) band.rowCosts(trimap, y, costs.data() + 2L * rowStart[y]);
+    });
   }
   int node = 0;
   for (int y = 0; y < height; ++y) {

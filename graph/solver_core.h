@@ -197,51 +197,53 @@ class LimitWatch {
 
 // The FIFO queues of VELDSEGraph (same rules as its members, which call
 // these), here so that the solver loops inline them.
-inline void pushActive(VELDSEGraph* g, nodes* n) {
-  if (n->nextActive != nullptr) return;
-  n->nextActive = n;
-  if (g->m_activeTail != nullptr) {
-    g->m_activeTail->nextActive = n;
+// A record queue is threaded through one successor field (`link`): null
+// means not queued, the last node points at itself.
+
+// Appends n unless it is queued already.
+template <nodes* nodes::*link>
+inline void pushTail(nodes* n, nodes*& head, nodes*& tail) {
+  if (n->*link != nullptr) return;
+  n->*link = n;
+  if (tail != nullptr) {
+    tail->*link = n;
   } else {
-    g->m_activeHead = n;
+    head = n;
   }
-  g->m_activeTail = n;
+  tail = n;
 }
 
-inline void pushOrphan(VELDSEGraph* g, nodes* n) {
-  n->parent = VELDSEGraph::NONE;
-  if (n->nextOrphan != nullptr) return;
-  n->nextOrphan = n;
-  if (g->m_orphanTail != nullptr) {
-    g->m_orphanTail->nextOrphan = n;
-  } else {
-    g->m_orphanHead = n;
-  }
-  g->m_orphanTail = n;
-}
-
-// The head of the active queue; its link is left as it is (the solver holds
-// and releases the node itself).
-inline nodes* popActive(VELDSEGraph* g) {
-  nodes* n = g->m_activeHead;
+// Unlinks the head and returns it, or null; the head's own link is left as
+// it is.
+template <nodes* nodes::*link>
+inline nodes* popHead(nodes*& head, nodes*& tail) {
+  nodes* n = head;
   if (n == nullptr) return nullptr;
-  if (n == g->m_activeTail) {
-    g->m_activeHead = g->m_activeTail = nullptr;
+  if (n == tail) {
+    head = tail = nullptr;
   } else {
-    g->m_activeHead = n->nextActive;
+    head = n->*link;
   }
   return n;
 }
 
+inline void pushActive(VELDSEGraph* g, nodes* n) {
+  pushTail<&nodes::nextActive>(n, g->m_activeHead, g->m_activeTail);
+}
+
+// An orphan loses its parent slot even when it is queued already.
+inline void pushOrphan(VELDSEGraph* g, nodes* n) {
+  n->parent = VELDSEGraph::NONE;
+  pushTail<&nodes::nextOrphan>(n, g->m_orphanHead, g->m_orphanTail);
+}
+
+// The head of the active queue; its link is left as it is (the solver holds
+// and releases the node itself).
+inline nodes* popActive(VELDSEGraph* g) { return popHead<&nodes::nextActive>(g->m_activeHead, g->m_activeTail); }
+
 inline nodes* popOrphan(VELDSEGraph* g) {
-  nodes* n = g->m_orphanHead;
-  if (n == nullptr) return nullptr;
-  if (n == g->m_orphanTail) {
-    g->m_orphanHead = g->m_orphanTail = nullptr;
-  } else {
-    g->m_orphanHead = n->nextOrphan;
-  }
-  n->nextOrphan = nullptr;
+  nodes* n = popHead<&nodes::nextOrphan>(g->m_orphanHead, g->m_orphanTail);
+  if (n != nullptr) n->nextOrphan = nullptr;
   return n;
 }
 

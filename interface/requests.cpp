@@ -38,12 +38,15 @@ CvRect outlineBox(CvSeq* first, int width, int height) {
   constexpr int kMargin = 4;
   int x0 = INT_MAX, y0 = INT_MAX, x1 = INT_MIN, y1 = INT_MIN;
   for (CvSeq* c = first; c != nullptr; c = c->h_next) {
+    CvSeqReader reader;
+    cvStartReadSeq(c, &reader, 0);
     for (int k = 0; k < c->total; ++k) {
-      const CvPoint* p = reinterpret_cast<const CvPoint*>(cvGetSeqElem(c, k));
-      x0 = std::min(x0, p->x);
-      y0 = std::min(y0, p->y);
-      x1 = std::max(x1, p->x);
-      y1 = std::max(y1, p->y);
+      CvPoint p;
+      CV_READ_SEQ_ELEM(p, reader);
+      x0 = std::min(x0, p.x);
+      y0 = std::min(y0, p.y);
+      x1 = std::max(x1, p.x);
+      y1 = std::max(y1, p.y);
     }
   }
   if (x0 > x1) return cvRect(0, 0, 0, 0);

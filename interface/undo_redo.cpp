@@ -27,7 +27,8 @@ namespace {
 // segmented. Their words are undefined until a slot is written, so writing
 // zeros there changes nothing; every access to the planes first stops and
 // joins the toucher, and it only ever runs on planes no slot has been written
-// to.
+// to. A plain pthread: the toucher lives in a static, and a std::thread still
+// joinable there at process exit would terminate the process.
 class PlaneToucher {
  public:
   // Starts on the planes just allocated, for photos large enough to matter.

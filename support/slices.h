@@ -2,10 +2,10 @@
 // side by side.
 //
 // Used for full-size passes whose items are independent: converting the photo
-// and the marker grid, writing and reading the history. On a large photo such
-// a pass is mostly the first touch of fresh pages or plain memory traffic, and
-// several cores get through it faster than one. Small images run on the
-// calling thread alone.
+// and the marker grid, writing and reading the history, the band's
+// likelihoods. On a large photo such a pass is mostly the first touch of fresh
+// pages or plain arithmetic per pixel, and several cores get through it
+// faster than one. Small images run on the calling thread alone.
 #ifndef SEGCORE_SUPPORT_SLICES_H
 #define SEGCORE_SUPPORT_SLICES_H
 
@@ -19,31 +19,46 @@ namespace slices {
 // Below this many pixels a pass is not worth a thread.
 constexpr long kParallelPixels = 1L << 20;
 
-// Calls run(begin, end) on non-empty slices that together cover 0 .. count-1
-// exactly once, on up to four threads (the calling thread among them) when
-// `pixels` reaches kParallelPixels, else once on the calling thread. Returns
-// when every slice is done. When no thread can be had, the rest runs on the
-// calling thread.
+// How many slices `count` items are cut into: one per core (at most four and
+// at most `count`) when `parallel`, else one.
+inline int partsFor(int count, bool parallel) {
+  if (!parallel) return 1;
+  return std::max(1, std::min({4, count, static_cast<int>(std::thread::hardware_concurrency())}));
+}
+
+// Calls run(bounds[k], bounds[k + 1]) for every non-empty slice k, slice 0 on
+// the calling thread and the others on threads of their own, and returns when
+// all are done. When no thread can be had, the slices left run on the calling
+// thread (as one range).
 template <class Run>
-void forSlices(int count, long pixels, const Run& run) {
-  if (count < 1) return;
-  int parts = 1;
-  if (pixels >= kParallelPixels) {
-    parts = std::max(1, std::min({4, count, static_cast<int>(std::thread::hardware_concurrency())}));
-  }
-  const auto bound = [&](int k) { return static_cast<int>(static_cast<long>(count) * k / parts); };
+void runSlices(const std::vector<int>& bounds, const Run& run) {
+  const int parts = static_cast<int>(bounds.size()) - 1;
+  if (parts < 1) return;
   std::vector<std::thread> workers;
-  int started = 1;  // slice 0 runs here, after the others have started
+  int started = 1;
   for (; started < parts; ++started) {
+    if (bounds[started] >= bounds[started + 1]) continue;
     try {
-      workers.emplace_back(run, bound(started), bound(started + 1));
+      workers.emplace_back(run, bounds[started], bounds[started + 1]);
     } catch (const std::system_error&) {
       break;
     }
   }
-  run(0, bound(1));
-  if (bound(started) < count) run(bound(started), count);
+  if (bounds[0] < bounds[1]) run(bounds[0], bounds[1]);
+  if (started < parts && bounds[started] < bounds[parts]) run(bounds[started], bounds[parts]);
   for (std::thread& w : workers) w.join();
+}
+
+// Calls run(begin, end) on non-empty slices of equal size that together cover
+// 0 .. count-1 exactly once: side by side (runSlices) when `pixels` reaches
+// kParallelPixels, else once on the calling thread.
+template <class Run>
+void forSlices(int count, long pixels, const Run& run) {
+  if (count < 1) return;
+  const int parts = partsFor(count, pixels >= kParallelPixels);
+  std::vector<int> bounds(parts + 1);
+  for (int k = 0; k <= parts; ++k) bounds[k] = static_cast<int>(static_cast<long>(count) * k / parts);
+  runSlices(bounds, run);
 }
 
 }  // namespace slices
