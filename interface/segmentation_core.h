@@ -22,8 +22,54 @@
 // masks come back inverted (0 = object, 255 = background). The library never
 // keeps a pointer to a caller's buffer; it trusts the caller for their sizes.
 // Every function returns 0 on success unless stated otherwise.
+//
+// Failures. No call throws, and no argument value crashes one. A call that
+// cannot be carried out logs exactly one line under tag "Error" at error
+// priority, "<call>: <problem>" (for memory: "<call>: memory ran out"), and
+// returns SEGCORE_FAILED (void calls just return). Size problems that the
+// library has always logged as "MEMORY_CRASH : <function> <line>" are still
+// logged that way first. What a failed or refused call leaves:
+//   - the photo, the engine, the mask history (canUndo, canRedo, undo, redo)
+//     and an outline not yet fetched are as they were before the call;
+//   - a request that failed keeps its marks, so calling it again repeats it;
+//   - nothing it allocated is kept.
+// doSegmentationBB tears the old context down before it builds the new one:
+// if it fails after that point it leaves no context (as after
+// deinitSegmentation), never a half-built one.
+//
+// Refused, per call (memory running out can make any call that allocates
+// fail, with the rules above):
+//   setSourceImage     width or height below 1 (after the MEMORY_CRASH line),
+//                      a photo of more than 2^31 bytes at 3 bytes per pixel,
+//                      null pixels
+//   copySourceImage    null out (nothing is written when no photo is held)
+//   setMarkerImage     width or height below 1 (after the MEMORY_CRASH
+//                      lines), a grid of more than 2^31 bytes at 4 bytes per
+//                      entry, null markers, a marking mode outside 0-3.
+//                      Marker codes outside 0-4 are saturated to 0..255 and
+//                      act as unknown.
+//   setCurrentMarkerVector  null coords with count > 0, an odd count
+//                      (count < 1 empties the stroke, as always)
+//   initSegmentationEngine  no photo
+//   processSegment     no context (the marks are then dropped), null blended
+//                      or mask, a marker grid of another size than the photo
+//   doSegmentationBB   width or height below 1, too large a photo, null
+//                      pixels or mask
+//   cutOutImage        no context (marks dropped), no marker grid, a marker
+//                      grid of another size than the photo
+//   loadMaskImageInfo, loadBlendedImageInfo   null buffer, no result held
+//   fetch_path_array   null array or count
+//   undo, redo         no context, null blended or mask
+// What a bridge should do with SEGCORE_FAILED: show the logged message, keep
+// showing the previous result (the history is unchanged), and retry later or
+// offer a smaller photo.
 #ifndef SEGCORE_INTERFACE_SEGMENTATION_CORE_H
 #define SEGCORE_INTERFACE_SEGMENTATION_CORE_H
+
+// Status of a call that was refused (unusable arguments, or no context for
+// it) or that failed (memory ran out). Distinct from 0 (done) and from -1
+// (processSegment: a cancel-and-exit tore the context down).
+#define SEGCORE_FAILED (-2)
 
 // Photo and marker input.
 int setSourceImage(int width, int height, unsigned int* pixels);
