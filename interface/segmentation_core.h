@@ -31,7 +31,8 @@
 // logged that way first. What a failed or refused call leaves:
 //   - the photo, the engine, the mask history (canUndo, canRedo, undo, redo)
 //     and an outline not yet fetched are as they were before the call;
-//   - a request that failed keeps its marks, so calling it again repeats it;
+//   - a request consumes its marks whether it succeeds or fails (a cut works
+//     on the marker grid in place): to repeat it, send the marks again;
 //   - nothing it allocated is kept.
 // doSegmentationBB tears the old context down before it builds the new one:
 // if it fails after that point it leaves no context (as after
