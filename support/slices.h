@@ -10,6 +10,8 @@
 #define SEGCORE_SUPPORT_SLICES_H
 
 #include <algorithm>
+#include <exception>
+#include <new>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -28,25 +30,56 @@ inline int partsFor(int count, bool parallel) {
 
 // Calls run(bounds[k], bounds[k + 1]) for every non-empty slice k, slice 0 on
 // the calling thread and the others on threads of their own, and returns when
-// all are done. When no thread can be had, the slices left run on the calling
-// thread (as one range).
+// all are done. When no thread can be had (none can be started, or memory for
+// one runs out), the slices left run on the calling thread (as one range):
+// the result is the same either way. When run throws on any thread, every
+// thread is still joined first and then the first exception is rethrown on
+// the calling thread, so a failure never leaves a thread running or
+// terminates the process.
 template <class Run>
 void runSlices(const std::vector<int>& bounds, const Run& run) {
   const int parts = static_cast<int>(bounds.size()) - 1;
   if (parts < 1) return;
+  // One slot per worker, reserved up front: starting a worker then needs no
+  // memory beyond the thread's own.
+  std::vector<std::exception_ptr> errors;
   std::vector<std::thread> workers;
+  try {
+    errors.resize(static_cast<size_t>(parts));
+    workers.reserve(static_cast<size_t>(parts));
+  } catch (const std::bad_alloc&) {
+    if (bounds[0] < bounds[parts]) run(bounds[0], bounds[parts]);
+    return;
+  }
   int started = 1;
   for (; started < parts; ++started) {
     if (bounds[started] >= bounds[started + 1]) continue;
     try {
-      workers.emplace_back(run, bounds[started], bounds[started + 1]);
+      std::exception_ptr* error = &errors[static_cast<size_t>(started)];
+      const int b0 = bounds[started], b1 = bounds[started + 1];
+      workers.emplace_back([&run, error, b0, b1] {
+        try {
+          run(b0, b1);
+        } catch (...) {
+          *error = std::current_exception();
+        }
+      });
     } catch (const std::system_error&) {
+      break;
+    } catch (const std::bad_alloc&) {
       break;
     }
   }
-  if (bounds[0] < bounds[1]) run(bounds[0], bounds[1]);
-  if (started < parts && bounds[started] < bounds[parts]) run(bounds[started], bounds[parts]);
+  try {
+    if (bounds[0] < bounds[1]) run(bounds[0], bounds[1]);
+    if (started < parts && bounds[started] < bounds[parts]) run(bounds[started], bounds[parts]);
+  } catch (...) {
+    errors[0] = std::current_exception();
+  }
   for (std::thread& w : workers) w.join();
+  for (const std::exception_ptr& e : errors) {
+    if (e) std::rethrow_exception(e);
+  }
 }
 
 // Calls run(begin, end) on non-empty slices of equal size that together cover
@@ -56,7 +89,13 @@ template <class Run>
 void forSlices(int count, long pixels, const Run& run) {
   if (count < 1) return;
   const int parts = partsFor(count, pixels >= kParallelPixels);
-  std::vector<int> bounds(parts + 1);
+  std::vector<int> bounds;
+  try {
+    bounds.resize(static_cast<size_t>(parts) + 1);
+  } catch (const std::bad_alloc&) {
+    run(0, count);  // no memory to share the pass out: the same pass, serially
+    return;
+  }
   for (int k = 0; k <= parts; ++k) bounds[k] = static_cast<int>(static_cast<long>(count) * k / parts);
   runSlices(bounds, run);
 }

@@ -5,6 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <new>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -54,6 +57,38 @@ TEST(Slices, NothingToDoCallsNothing) {
   slices::forSlices(0, slices::kParallelPixels, [&](int, int) { ++calls; });
   slices::forSlices(-3, 1, [&](int, int) { ++calls; });
   EXPECT_EQ(calls, 0);
+}
+
+// A slice that throws, on a worker or on the calling thread, reaches the
+// caller only once every slice has finished: nothing runs on afterwards, and
+// no thread is left joinable (which would end the process).
+TEST(Slices, ExceptionInAnySliceIsRethrownAfterEverySliceFinished) {
+  const unsigned cores = std::thread::hardware_concurrency();
+  const int parts = static_cast<int>(std::min(4u, cores < 1 ? 1u : cores));
+  for (int thrower = 0; thrower < parts; ++thrower) {
+    SCOPED_TRACE(::testing::Message() << "slice " << thrower << " of " << parts << " throws");
+    std::atomic<int> finished{0};
+    int firstOfThrower = -1;
+    bool caught = false;
+    try {
+      slices::forSlices(parts * 10, slices::kParallelPixels, [&](int begin, int end) {
+        if (begin == thrower * 10) {
+          firstOfThrower = begin;
+          ++finished;
+          throw std::bad_alloc();
+        }
+        // The others take a while, so a premature rethrow would be seen.
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        (void)end;
+        ++finished;
+      });
+    } catch (const std::bad_alloc&) {
+      caught = true;
+    }
+    EXPECT_TRUE(caught);
+    EXPECT_EQ(firstOfThrower, thrower * 10);
+    EXPECT_EQ(finished.load(), parts);
+  }
 }
 
 }  // namespace
