@@ -7,6 +7,10 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
+#include <new>
+
+#include "support/owned.h"
 
 namespace {
 
@@ -36,7 +40,9 @@ unsigned int seedFromTotal(double total) {
 // cost of a 20000-sample initialisation on a loaded two-core machine; they are
 // joined and destroyed when k_means returns, so no thread outlives the call.
 // A worker that could not be started has its share done on the caller's
-// thread, which gives the same result.
+// thread, which gives the same result. Whatever a worker's share throws is
+// kept and thrown again on the caller once every share of the pass is done:
+// an exception must not leave a thread's body.
 class KMeansWorkers {
  public:
   KMeansWorkers() {
@@ -65,11 +71,24 @@ class KMeansWorkers {
   // Runs findMinDistance on the four records and returns when all are done.
   void run(KMeansThreadArg* args) {
     args_ = args;
+    std::exception_ptr here;
     for (int t = 0; t < kThreads; ++t) {
-      if (running_[t]) sem_post(&start_[t]); else findMinDistance(&args[t]);
+      if (running_[t]) {
+        sem_post(&start_[t]);
+      } else if (!here) {
+        try {
+          findMinDistance(&args[t]);
+        } catch (...) {
+          here = std::current_exception();
+        }
+      }
     }
     for (int t = 0; t < kThreads; ++t) {
       if (running_[t]) waitFor(&done_[t]);
+    }
+    if (here) std::rethrow_exception(here);
+    for (int t = 0; t < kThreads; ++t) {
+      if (failure_[t]) std::rethrow_exception(failure_[t]);
     }
   }
 
@@ -91,7 +110,11 @@ class KMeansWorkers {
     for (;;) {
       waitFor(&self->start_[slot->index]);
       if (self->quit_) return nullptr;
-      findMinDistance(&self->args_[slot->index]);
+      try {
+        findMinDistance(&self->args_[slot->index]);
+      } catch (...) {
+        self->failure_[slot->index] = std::current_exception();
+      }
       sem_post(&self->done_[slot->index]);
     }
   }
@@ -103,6 +126,7 @@ class KMeansWorkers {
   Slot slot_[kThreads];
   KMeansThreadArg* args_ = nullptr;  // handed over through start_
   bool quit_ = false;                // handed over through start_
+  std::exception_ptr failure_[kThreads];  // handed back through done_
 };
 
 }  // namespace
@@ -153,14 +177,18 @@ void initModelWithKmeansVELD(const std::vector<pixelVal>& samples, VELDSEColorMo
   const int n = static_cast<int>(samples.size());
   if (n <= 4) return;
 
-  double* rowBlock = static_cast<double*>(std::malloc(sizeof(double) * 3 * n));
-  double** rows = static_cast<double**>(std::malloc(sizeof(double*) * n));
+  // Nothing to cluster without these: the call fails instead.
+  owned::Malloced<double> rowOwner(needMemory(static_cast<double*>(std::malloc(sizeof(double) * 3 * n))));
+  owned::Malloced<double*> rowsOwner(needMemory(static_cast<double**>(std::malloc(sizeof(double*) * n))));
+  double* const rowBlock = rowOwner.get();
+  double** const rows = rowsOwner.get();
   for (int i = 0; i < n; ++i) {
     rows[i] = rowBlock + 3 * i;
     for (int c = 0; c < 3; ++c) rows[i][c] = samples[i].val[c];
   }
   // Zeroed so a row that no centre can claim keeps a valid label.
-  int* labelArray = static_cast<int*>(std::calloc(n, sizeof(int)));
+  owned::Malloced<int> labelOwner(needMemory(static_cast<int*>(std::calloc(n, sizeof(int)))));
+  int* const labelArray = labelOwner.get();
   double centreBlock[kClusters * 3];
   double* centres[kClusters];
   for (int k = 0; k < kClusters; ++k) centres[k] = centreBlock + 3 * k;
@@ -168,9 +196,9 @@ void initModelWithKmeansVELD(const std::vector<pixelVal>& samples, VELDSEColorMo
   k_means(rows, labelArray, n, 0.0, 10, centres);
 
   std::vector<int> labels(labelArray, labelArray + n);
-  std::free(labelArray);
-  std::free(rows);
-  std::free(rowBlock);
+  labelOwner.reset();
+  rowsOwner.reset();
+  rowOwner.reset();
 
   const ClusterInfo info(labels, samples);
   // Clusters that ended empty leave their component as it was.
@@ -179,7 +207,9 @@ void initModelWithKmeansVELD(const std::vector<pixelVal>& samples, VELDSEColorMo
 }
 
 void chooseCentersKMeanspp(double** data, int n, int k, int* seeds) {
-  double* dist = static_cast<double*>(std::malloc(sizeof(double) * (n > 0 ? n : 1)));
+  const owned::Malloced<double> distOwner(
+      needMemory(static_cast<double*>(std::malloc(sizeof(double) * (n > 0 ? n : 1)))));
+  double* const dist = distOwner.get();
   // Seeding from n and from the running totals makes the whole clustering a
   // function of its input.
   std::srand(static_cast<unsigned int>(n));
@@ -219,7 +249,6 @@ void chooseCentersKMeanspp(double** data, int n, int k, int* seeds) {
       total = next;
     }
   }
-  std::free(dist);
 }
 
 void* findMinDistance(void* arg) {
@@ -291,7 +320,8 @@ void k_means(double** data, int* labels, int n, double tolerance, int maxIterati
   double* centre[kClusters];
   for (int k = 0; k < kClusters; ++k) centre[k] = centreBlock + 3 * k;
 
-  int* seeds = static_cast<int*>(std::malloc(sizeof(int) * kClusters));
+  const owned::Malloced<int> seedOwner(needMemory(static_cast<int*>(std::malloc(sizeof(int) * kClusters))));
+  int* const seeds = seedOwner.get();
   chooseCentersKMeanspp(data, n, kClusters, seeds);
   for (int k = 0; k < kClusters; ++k) {
     for (int c = 0; c < 3; ++c) centre[k][c] = data[seeds[k]][c];
@@ -330,7 +360,6 @@ void k_means(double** data, int* labels, int n, double tolerance, int maxIterati
     if (iteration >= maxIterations || std::fabs(error - previousError) <= tolerance) break;
     previousError = error;
   }
-  std::free(seeds);
 }
 
 double distSq(pixelVal a, pixelVal b) {

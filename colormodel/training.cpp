@@ -4,6 +4,7 @@
 
 #include "colormodel/kmeans_init.h"
 #include "interface/veldse_marker.h"
+#include "support/owned.h"
 #include "support/veld_memory.h"
 
 namespace {
@@ -72,11 +73,15 @@ void extractTrainingData(const IplImage* colour, const IplImage* label,
 
 void updateModel(const std::vector<pixelVal>& samples, VELDSEColorModel& model) {
   const int n = static_cast<int>(samples.size());
-  int* labelBlock = static_cast<int*>(
-      VELD_Malloc_Msg(static_cast<unsigned int>(n * sizeof(int)), "updateModel", 725));
+  owned::Tracked<int> labelOwner(static_cast<int*>(
+      VELD_Malloc_Msg(static_cast<unsigned int>(n * sizeof(int)), "updateModel", 725)));
+  // No labels, no update: the request fails rather than the model being
+  // refitted from nothing.
+  if (n > 0) needMemory(labelOwner.get());
+  int* const labelBlock = labelOwner.get();
   for (int i = 0; i < n; ++i) labelBlock[i] = model.assignCluster(samples[i]);
   std::vector<int> labels(labelBlock, labelBlock + n);
-  VELD_Free_Msg(labelBlock, "updateModel", 741);
+  VELD_Free_Msg(labelOwner.release(), "updateModel", 741);
 
   const ClusterInfo info(labels, samples);
   // A component that attracted no sample keeps its previous parameters.

@@ -8,15 +8,31 @@
 #include "engine/engine_util.h"
 #include "engine/veldse_hybrid.h"
 #include "interface/veldse_marker.h"
+#include "support/owned.h"
 
 namespace {
 
 // 1/76800 as a float: the working image targets about 320 x 240 pixels.
 const float kInverseWorkingArea = 1.30208336e-05f;
 
-void releaseImage(IplImage*& image) {
-  if (image != nullptr) cvReleaseImage(&image);
-}
+// Releases the images intializer publishes when it fails part-way: the
+// handles are left null rather than holding a half-made working image.
+class PhotoImagesOnFailure {
+ public:
+  PhotoImagesOnFailure() = default;
+  ~PhotoImagesOnFailure() {
+    if (done_) return;
+    releaseImage(VELDSEMarker::m_srcImage);
+    releaseImage(VELDSEMarker::m_texHor);
+    releaseImage(VELDSEMarker::m_texVer);
+  }
+  PhotoImagesOnFailure(const PhotoImagesOnFailure&) = delete;
+  PhotoImagesOnFailure& operator=(const PhotoImagesOnFailure&) = delete;
+  void done() { done_ = true; }
+
+ private:
+  bool done_ = false;
+};
 
 }  // namespace
 
@@ -38,6 +54,7 @@ void VELDSEHybrid::intializer() {
   releaseImage(VELDSEMarker::m_srcImage);
   releaseImage(VELDSEMarker::m_texHor);
   releaseImage(VELDSEMarker::m_texVer);
+  PhotoImagesOnFailure onFailure;
 
   if (s == 1.0f) {
     VELDSEMarker::m_height = originalHeight;
@@ -65,6 +82,7 @@ void VELDSEHybrid::intializer() {
   m_imgWidth = VELDSEMarker::m_srcImage->width;
   m_imgHeight = VELDSEMarker::m_srcImage->height;
   computeNlinks();
+  onFailure.done();
   for (IplImage*& label : m_iterLabel) label = nullptr;
 }
 

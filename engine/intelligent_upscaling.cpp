@@ -26,6 +26,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <new>
 #include <system_error>
 #include <thread>
@@ -39,6 +40,7 @@
 #include "engine/veldse_hybrid.h"
 #include "graph/band_graph.h"
 #include "interface/veldse_marker.h"
+#include "support/owned.h"
 #include "support/slices.h"
 #include "support/veld_memory.h"
 
@@ -49,10 +51,6 @@ const unsigned char kOuterRing = 1;
 const unsigned char kBand = 0;
 const unsigned char kInnerRing = 2;
 const float kHardConstraint = 1000.0f;
-
-void releaseImage(IplImage*& image) {
-  if (image != nullptr) cvReleaseImage(&image);
-}
 
 IplImage* createChecked(int width, int height, int line) {
   checkImageSize(width, height, "intelligentUpscaling", line);
@@ -66,15 +64,13 @@ IplImage* createChecked(int width, int height, int line) {
 std::vector<int> nearestMap(int from, int to) {
   std::vector<int> map(to > 0 ? to : 0);
   if (from < 1 || to < 1) return map;
-  IplImage* src = cvCreateImage(cvSize(from, 1), IPL_DEPTH_32S, 1);
-  IplImage* dst = cvCreateImage(cvSize(to, 1), IPL_DEPTH_32S, 1);
-  int* s = imageRow<int>(src, 0);
+  const owned::Image src = owned::Image::create(cvSize(from, 1), IPL_DEPTH_32S, 1);
+  const owned::Image dst = owned::Image::create(cvSize(to, 1), IPL_DEPTH_32S, 1);
+  int* s = imageRow<int>(src.get(), 0);
   for (int i = 0; i < from; ++i) s[i] = i;
-  cvResize(src, dst, CV_INTER_NN);
-  const int* d = imageRow<int>(dst, 0);
+  cvResize(src.get(), dst.get(), CV_INTER_NN);
+  const int* d = imageRow<int>(dst.get(), 0);
   for (int i = 0; i < to; ++i) map[i] = d[i];
-  cvReleaseImage(&src);
-  cvReleaseImage(&dst);
   return map;
 }
 
@@ -102,8 +98,9 @@ struct Enlarged {
 };
 
 // The box [x0, x0 + w) x [y0, y0 + h) of an enlarged image, as a new image.
-IplImage* cropEnlarged(const Enlarged& e, int x0, int y0, int w, int h) {
-  IplImage* crop = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, 1);
+owned::Image cropEnlarged(const Enlarged& e, int x0, int y0, int w, int h) {
+  owned::Image cropOwner = owned::Image::create(cvSize(w, h), IPL_DEPTH_8U, 1);
+  IplImage* crop = cropOwner.get();
   for (int y = 0; y < h; ++y) {
     const unsigned char* in = e.row(y0 + y);
     unsigned char* out = imageRow(crop, y);
@@ -114,8 +111,42 @@ IplImage* cropEnlarged(const Enlarged& e, int x0, int y0, int w, int h) {
     }
     for (int x = 0; x < w; ++x) out[x] = in[e.column(x0 + x)];
   }
-  return crop;
+  return cropOwner;
 }
+
+// An image header without data of its own (cvCreateImageHeader), released
+// with cvReleaseImageHeader.
+class ImageHeader {
+ public:
+  ImageHeader() = default;
+  ~ImageHeader() {
+    if (header_ != nullptr) cvReleaseImageHeader(&header_);
+  }
+  ImageHeader(const ImageHeader&) = delete;
+  ImageHeader& operator=(const ImageHeader&) = delete;
+  void create(CvSize size, int depth, int channels) { header_ = cvCreateImageHeader(size, depth, channels); }
+  IplImage* get() const { return header_; }
+
+ private:
+  IplImage* header_ = nullptr;
+};
+
+// The full-resolution graph lives in m_trimapGraph while it is built and
+// solved; when a failure leaves intelligentUpscaling early it is deleted and
+// the handle left null, as the normal end does.
+class TrimapGraphGuard {
+ public:
+  explicit TrimapGraphGuard(VELDSEGraph*& graph) : graph_(graph) {}
+  ~TrimapGraphGuard() {
+    delete graph_;
+    graph_ = nullptr;
+  }
+  TrimapGraphGuard(const TrimapGraphGuard&) = delete;
+  TrimapGraphGuard& operator=(const TrimapGraphGuard&) = delete;
+
+ private:
+  VELDSEGraph*& graph_;
+};
 
 // Ring pixels that touch no band pixel (of their 8 neighbours) become fixed.
 //
@@ -157,6 +188,7 @@ IplImage* VELDSEHybrid::cropImageTrimap(IplImage* src, int w, int h, int y0, int
   if (w < 1 || h < 1) logMemoryCrash("cropImageTrimap", 1762);
   IplImage* crop = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, src->nChannels);
   const int channels = src->nChannels;
+  // Nothing below can fail: the crop is handed over as it is.
   if (channels < 1) return crop;
   const int bytes = m_boundWidthTrimap * channels;
   for (int r = 0; r < m_boundHeightTrimap; ++r) {
@@ -288,7 +320,11 @@ int VELDSEHybrid::constructGraphTrimapVELD(IplImage* img, IplImage* /*extraTex*/
   }
 
   // Contrast table: t[d] = exp(-beta d^2), one entry per byte difference.
-  float* table = static_cast<float*>(VELD_Malloc_Msg(256 * sizeof(float), "constructGraphTrimapVELD", 2385));
+  // The graph is built and kept (the caller deletes it); only the table would
+  // be lost if a failure ended the build here.
+  owned::Tracked<float> tableOwner(
+      needMemory(static_cast<float*>(VELD_Malloc_Msg(256 * sizeof(float), "constructGraphTrimapVELD", 2385))));
+  float* const table = tableOwner.get();
   for (int d = 0; d < 256; ++d) {
     table[d] = expf(-static_cast<float>(static_cast<double>(d) * static_cast<double>(d) * m_beta));
   }
@@ -345,20 +381,23 @@ int VELDSEHybrid::constructGraphTrimapVELD(IplImage* img, IplImage* /*extraTex*/
     rowUp = row;
   }
 
-  VELD_Free_Msg(table, "constructGraphTrimapVELD", 2631);
+  VELD_Free_Msg(tableOwner.release(), "constructGraphTrimapVELD", 2631);
   return 0;
 }
 
 IplImage* VELDSEHybrid::intelligentUpscaling(IplImage* mask) {
   m_trimapGraph = nullptr;
+  const TrimapGraphGuard trimapGraphGuard(m_trimapGraph);
   const int fullW = VELDSEMarker::m_originalWidth;
   const int fullH = VELDSEMarker::m_originalHeight;
   // The full-size trimap and the fallback mask: the first is only ever read
   // through the enlargement maps, the second is made on the fallback path.
   checkImageSize(fullW, fullH, "intelligentUpscaling", 1810);
   checkImageSize(fullW, fullH, "intelligentUpscaling", 1811);
-  IplImage* sum = createChecked(mask->width, mask->height, 1812);
-  IplImage* scratch = createChecked(mask->width, mask->height, 1813);
+  const owned::Image sumOwner(createChecked(mask->width, mask->height, 1812));
+  const owned::Image scratchOwner(createChecked(mask->width, mask->height, 1813));
+  IplImage* const sum = sumOwner.get();
+  IplImage* const scratch = scratchOwner.get();
 
   // How many of dilate x3, dilate x1, erode x1, erode x3 call each pixel
   // object (the mask holds 1 for object, so the saturating sum counts).
@@ -422,6 +461,10 @@ IplImage* VELDSEHybrid::intelligentUpscaling(IplImage* mask) {
   m_boundWidthTrimap = xmax - xmin + 1;
   m_boundHeightTrimap = ymax - ymin + 1;
 
+  owned::Image trimapCropOwner;
+  ImageHeader photoBoxHeader;
+  owned::Image horCropOwner;
+  owned::Image verCropOwner;
   IplImage* trimapCrop = nullptr;
   IplImage* photoBox = nullptr;
   IplImage* horCrop = nullptr;
@@ -439,12 +482,14 @@ IplImage* VELDSEHybrid::intelligentUpscaling(IplImage* mask) {
     __android_log_print(ANDROID_LOG_INFO, "Info", "m_boundWidthTrimap:%d, m_boundHeightTrimap:%d",
                         m_boundWidthTrimap, m_boundHeightTrimap);
 
-    trimapCrop = cropEnlarged(trimap, xmin, ymin, m_boundWidthTrimap, m_boundHeightTrimap);
+    trimapCropOwner = cropEnlarged(trimap, xmin, ymin, m_boundWidthTrimap, m_boundHeightTrimap);
+    trimapCrop = trimapCropOwner.get();
     fixInertRingPixels(trimapCrop, m_lambda);
     // The builder only reads the photo, so a header on the box serves as its
     // crop.
     const IplImage* photo = VELDSEMarker::m_originalImage;
-    photoBox = cvCreateImageHeader(cvSize(m_boundWidthTrimap, m_boundHeightTrimap), IPL_DEPTH_8U, 3);
+    photoBoxHeader.create(cvSize(m_boundWidthTrimap, m_boundHeightTrimap), IPL_DEPTH_8U, 3);
+    photoBox = photoBoxHeader.get();
     cvSetData(photoBox, photo->imageData + static_cast<long>(ymin) * photo->widthStep + 3 * xmin,
               photo->widthStep);
     if (VELDSEMarker::m_isGreyScale) {
@@ -454,8 +499,10 @@ IplImage* VELDSEHybrid::intelligentUpscaling(IplImage* mask) {
       const IplImage* ver = VELDSEMarker::m_texVer;
       const std::vector<int> texXs = nearestMap(hor->width, fullW);
       const std::vector<int> texYs = nearestMap(hor->height, fullH);
-      horCrop = cropEnlarged(Enlarged{hor, &texXs, &texYs}, xmin, ymin, m_boundWidthTrimap, m_boundHeightTrimap);
-      verCrop = cropEnlarged(Enlarged{ver, &texXs, &texYs}, xmin, ymin, m_boundWidthTrimap, m_boundHeightTrimap);
+      horCropOwner = cropEnlarged(Enlarged{hor, &texXs, &texYs}, xmin, ymin, m_boundWidthTrimap, m_boundHeightTrimap);
+      verCropOwner = cropEnlarged(Enlarged{ver, &texXs, &texYs}, xmin, ymin, m_boundWidthTrimap, m_boundHeightTrimap);
+      horCrop = horCropOwner.get();
+      verCrop = verCropOwner.get();
     }
 
     const int status = constructGraphTrimapVELD(photoBox, horCrop, trimapCrop, horCrop, verCrop);
@@ -465,13 +512,15 @@ IplImage* VELDSEHybrid::intelligentUpscaling(IplImage* mask) {
     }
   }
 
+  owned::Image resultOwner;
   IplImage* result = nullptr;
   if (!failed) {
     // The enlarged working labels (object: codes 2 and 4), then the band
     // takes the new cut; the rings and the fixed pixels keep the labels. The
     // labels do not depend on the cut, so on a large photo a thread of its own
     // writes them while the band is solved (much of that on one core).
-    result = createChecked(fullW, fullH, 2085);
+    resultOwner.reset(createChecked(fullW, fullH, 2085));
+    result = resultOwner.get();
     const auto writeLabels = [&] {
       for (int y = 0; y < fullH; ++y) {
         const unsigned char* e = labels.row(y);
@@ -488,11 +537,21 @@ IplImage* VELDSEHybrid::intelligentUpscaling(IplImage* mask) {
       }
     };
     std::thread writer;
+    // What ended the writer thread's work early, handed to this thread once
+    // it has joined (an exception must not leave a thread's body).
+    std::exception_ptr writerFailure;
     if (static_cast<long>(fullW) * fullH >= slices::kParallelPixels) {
       try {
-        writer = std::thread(writeLabels);
-      } catch (const std::system_error&) {
-        // written below instead
+        writer = std::thread([&writeLabels, &writerFailure] {
+          try {
+            writeLabels();
+          } catch (...) {
+            writerFailure = std::current_exception();
+          }
+        });
+      } catch (const std::exception&) {
+        // No thread to be had (std::system_error, or no memory for its
+        // state): written below instead, with the same result.
       }
     }
     {
@@ -507,6 +566,7 @@ IplImage* VELDSEHybrid::intelligentUpscaling(IplImage* mask) {
       bandMaxFlow(m_trimapGraph);
       if (!written) writeLabels();
     }
+    if (writerFailure) std::rethrow_exception(writerFailure);
     int node = 0;
     for (int y = 0; y < m_boundHeightTrimap; ++y) {
       const unsigned char* t = imageRow(trimapCrop, y);
@@ -526,17 +586,14 @@ IplImage* VELDSEHybrid::intelligentUpscaling(IplImage* mask) {
         if (m[x] == 1) m[x] = 255;
       }
     }
-    result = cvCreateImage(cvSize(fullW, fullH), IPL_DEPTH_8U, 1);
+    resultOwner = owned::Image::create(cvSize(fullW, fullH), IPL_DEPTH_8U, 1);
+    result = resultOwner.get();
     cvResize(mask, result, CV_INTER_NN);
   }
 
   delete m_trimapGraph;
   m_trimapGraph = nullptr;
-  releaseImage(sum);
-  releaseImage(scratch);
-  releaseImage(trimapCrop);
-  if (photoBox != nullptr) cvReleaseImageHeader(&photoBox);
-  releaseImage(horCrop);
-  releaseImage(verCrop);
-  return result;
+  // The crops, the header, the working images and the graph guard go with
+  // this scope; the mask is the caller's.
+  return resultOwner.release();
 }

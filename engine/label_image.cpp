@@ -12,15 +12,12 @@
 #include "engine/veldse_hybrid.h"
 #include "interface/undo_redo.h"
 #include "interface/veldse_marker.h"
+#include "support/owned.h"
 
 namespace {
 
 // Working pixels of margin round the marks on every side of the box.
 const int kBoxMargin = 10;
-
-void releaseImage(IplImage*& image) {
-  if (image != nullptr) cvReleaseImage(&image);
-}
 
 struct Extremes {
   int xMin = INT_MAX, xMax = INT_MIN, yMin = INT_MAX, yMax = INT_MIN;
@@ -107,7 +104,8 @@ void VELDSEHybrid::setLabelImage(IplImage* marker) {
   if (strokeType == 2 || strokeType == 3) {
     // A finger stroke grows a ring of "probable" pixels round itself: object
     // for an object stroke, background for a background stroke.
-    IplImage* stroke = cvCloneImage(marker);
+    const owned::Image strokeOwner = owned::Image::clone(marker);
+    IplImage* const stroke = strokeOwner.get();
     const int iterations =
         static_cast<int>(std::sqrt(static_cast<double>(width) * static_cast<double>(height)) * 0.05);
     cvDilate(stroke, marker, nullptr, iterations);
@@ -120,7 +118,6 @@ void VELDSEHybrid::setLabelImage(IplImage* marker) {
         if (out[x] == hard && before[x] == 0) out[x] = probable;
       }
     }
-    releaseImage(stroke);
   }
 
   VELDSEMarker::m_prevResult = VELDSEManageUndoRedo::prevMask();
@@ -134,17 +131,18 @@ void VELDSEHybrid::setLabelImage(IplImage* marker) {
     // without a photo-sized image of them.
     const CvSize size = cvGetSize(VELDSEMarker::m_srcImage);
     if (size.width < 1 || size.height < 1) logMemoryCrash("setLabelImage", 223);
-    VELDSEMarker::m_labelImage = cvCreateImage(size, IPL_DEPTH_8U, 1);
-    IplImage* marks = cvCreateImage(size, IPL_DEPTH_8U, 1);
-    cvResize(marker, marks, CV_INTER_NN);
-    IplImage* before = nullptr;
+    // The label image is only published once it is complete: a failure on
+    // the way leaves the handle null (released above), not half-written.
+    owned::Image labels = owned::Image::create(size, IPL_DEPTH_8U, 1);
+    const owned::Image marks = owned::Image::create(size, IPL_DEPTH_8U, 1);
+    cvResize(marker, marks.get(), CV_INTER_NN);
+    owned::Image before;
     if (previous != nullptr) {
-      before = cvCreateImage(size, IPL_DEPTH_8U, 1);
-      cvResize(previous, before, CV_INTER_NN);
+      before = owned::Image::create(size, IPL_DEPTH_8U, 1);
+      cvResize(previous, before.get(), CV_INTER_NN);
     }
-    applyLabelRule(marks, before, strokeType, VELDSEMarker::m_labelImage);
-    releaseImage(before);
-    releaseImage(marks);
+    applyLabelRule(marks.get(), before.get(), strokeType, labels.get());
+    VELDSEMarker::m_labelImage = labels.release();
   } else {
     VELDSEMarker::m_labelImage = cvCreateImage(cvGetSize(marker), IPL_DEPTH_8U, 1);
     applyLabelRule(marker, previous, strokeType, VELDSEMarker::m_labelImage);

@@ -15,6 +15,7 @@
 #include "engine/engine_util.h"
 #include "engine/veldse_hybrid.h"
 #include "interface/veldse_marker.h"
+#include "support/owned.h"
 #include "support/veld_memory.h"
 
 namespace {
@@ -62,7 +63,8 @@ int VELDSEHybrid::optimalLamda(IplImage** labels, float* /*unused*/) {
     const IplImage* label = labels[k];
     const int width = label->width;
     const int height = label->height;
-    IplImage* blobs = cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 1);
+    const owned::Image blobsOwner = owned::Image::create(cvSize(width, height), IPL_DEPTH_8U, 1);
+    IplImage* const blobs = blobsOwner.get();
     cvSetZero(blobs);
     for (int y = 0; y < height; ++y) {
       const unsigned char* in = imageRow(label, y);
@@ -84,8 +86,10 @@ int VELDSEHybrid::optimalLamda(IplImage** labels, float* /*unused*/) {
       }
     }
 
-    int* histogram = static_cast<int*>(
-        VELD_Calloc_Msg(static_cast<unsigned>(next), sizeof(int), "optimalLamda", 3136));
+    // One count per blob id: nothing to fall back on without it.
+    owned::Tracked<int> histogramOwner(needMemory(static_cast<int*>(
+        VELD_Calloc_Msg(static_cast<unsigned>(next), sizeof(int), "optimalLamda", 3136))));
+    int* const histogram = histogramOwner.get();
     for (int y = 0; y < height; ++y) {
       const unsigned char* in = imageRow(blobs, y);
       for (int x = 0; x < width; ++x) ++histogram[in[x]];
@@ -120,8 +124,7 @@ int VELDSEHybrid::optimalLamda(IplImage** labels, float* /*unused*/) {
     area[k] = kept;
     spans[k] = boundaryTest(blobs, 0.15f);
     contrast[k] = intensityTest(blobs);
-    VELD_Free_Msg(histogram, "optimalLamda", 3165);
-    cvReleaseImage(&blobs);
+    VELD_Free_Msg(histogramOwner.release(), "optimalLamda", 3165);
   }
 
   int valid[3];

@@ -1,12 +1,16 @@
 // From the final box labels to the mask handed back to the caller.
+#include <utility>
+
 #include "engine/engine_util.h"
 #include "engine/veldse_hybrid.h"
 #include "interface/undo_redo.h"
 #include "interface/veldse_marker.h"
+#include "support/owned.h"
 
 IplImage* VELDSEHybrid::getObjMask() {
   checkImageSize(m_imgWidth, m_imgHeight, "getObjMask", 1410);
-  IplImage* working = cvCreateImage(cvSize(m_imgWidth, m_imgHeight), IPL_DEPTH_8U, 1);
+  owned::Image workingOwner = owned::Image::create(cvSize(m_imgWidth, m_imgHeight), IPL_DEPTH_8U, 1);
+  IplImage* const working = workingOwner.get();
   cvSetZero(working);
 
   // A reduced photo is re-cut at full resolution, which wants the working
@@ -25,12 +29,16 @@ IplImage* VELDSEHybrid::getObjMask() {
     }
   }
 
-  IplImage* result = working;
+  // The mask stays owned here until it is handed back, so that a failure in
+  // the re-cut, the post-processing or the history leaves nothing behind.
+  owned::Image result;
   if (reduced) {
-    result = intelligentUpscaling(working);
-    cvReleaseImage(&working);
+    result.reset(intelligentUpscaling(working));
+    workingOwner.reset();
+  } else {
+    result = std::move(workingOwner);
   }
-  postProcess(result);
-  VELDSEManageUndoRedo::updateBitPlane(result);
-  return result;
+  postProcess(result.get());
+  VELDSEManageUndoRedo::updateBitPlane(result.get());
+  return result.release();
 }

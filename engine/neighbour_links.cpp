@@ -7,6 +7,7 @@
 #include "engine/engine_util.h"
 #include "engine/veldse_hybrid.h"
 #include "interface/veldse_marker.h"
+#include "support/owned.h"
 #include "support/veld_memory.h"
 
 namespace {
@@ -68,10 +69,21 @@ void VELDSEHybrid::computeNlinks() {
                ? static_cast<double>(pairs) / (2.0 * static_cast<double>(sum))
                : 0.0;
 
-  m_nlinks = static_cast<float*>(VELD_Malloc_Msg(
-      static_cast<unsigned int>(width) * static_cast<unsigned int>(height) * 16u, "computeNlinks",
-      503));
-  float* table = static_cast<float*>(VELD_Malloc_Msg(1024, "computeNlinks", 509));
+  // Weights of an earlier photo go first (the engine keeps one set).
+  if (m_nlinks != nullptr) {
+    VELD_Free_Msg(m_nlinks, "computeNlinks", 503);
+    m_nlinks = nullptr;
+  }
+  // Every graph of the photo reads these weights, and nothing can stand in
+  // for them or for the table: without memory the call fails, and m_nlinks
+  // is left null.
+  const unsigned int bytes = static_cast<unsigned int>(width) * static_cast<unsigned int>(height) * 16u;
+  owned::Tracked<float> nlinks(static_cast<float*>(VELD_Malloc_Msg(bytes, "computeNlinks", 503)));
+  if (bytes != 0) needMemory(nlinks.get());
+  owned::Tracked<float> tableOwner(
+      needMemory(static_cast<float*>(VELD_Malloc_Msg(1024, "computeNlinks", 509))));
+  m_nlinks = nlinks.release();
+  float* const table = tableOwner.get();
   for (int d = 0; d < 256; ++d) table[d] = expf(-static_cast<float>(d * d * m_beta));
 
   if (width >= 1 && height >= 1 && m_nlinks != nullptr) {
@@ -130,5 +142,5 @@ void VELDSEHybrid::computeNlinks() {
     }
   }
 
-  VELD_Free_Msg(table, "computeNlinks", 651);
+  VELD_Free_Msg(tableOwner.release(), "computeNlinks", 651);
 }

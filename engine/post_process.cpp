@@ -13,6 +13,7 @@
 #include "engine/engine_util.h"
 #include "engine/veldse_hybrid.h"
 #include "interface/veldse_marker.h"
+#include "support/owned.h"
 
 namespace {
 
@@ -160,7 +161,8 @@ void VELDSEHybrid::postProcessForStroke(IplImage* mask) {
   if (prev == nullptr) return;
   if (mask->width < 1 || mask->height < 1) logMemoryCrash("postProcessForStroke", 1694);
 
-  IplImage* changed = cvCreateImage(cvGetSize(mask), IPL_DEPTH_8U, 1);
+  const owned::Image changedOwner = owned::Image::create(cvGetSize(mask), IPL_DEPTH_8U, 1);
+  IplImage* const changed = changedOwner.get();
   cvSetZero(changed);
   const int type = VELDSEMarker::currentStroke.strokeType;
   const unsigned char v = type == 3 ? kBackground : kObject;
@@ -194,5 +196,4 @@ void VELDSEHybrid::postProcessForStroke(IplImage* mask) {
     const unsigned char* c = imageRow(changed, y);
     for (int x = 0; x < mask->width; ++x) m[x] = c[x] == kReached ? v : p[x];
   }
-  cvReleaseImage(&changed);
 }

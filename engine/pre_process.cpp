@@ -12,6 +12,7 @@
 #include "engine/engine_util.h"
 #include "engine/veldse_hybrid.h"
 #include "interface/veldse_marker.h"
+#include "support/owned.h"
 
 namespace {
 
@@ -176,8 +177,8 @@ void growBack(const cv::Mat& grey, cv::Rect& rect) {
 }  // namespace
 
 void VELDSEHybrid::removeBlackRegion() {
-  IplImage* crop = cropImage(VELDSEMarker::m_srcImage);
-  const cv::Mat box = cv::cvarrToMat(crop);
+  const owned::Image crop(cropImage(VELDSEMarker::m_srcImage));
+  const cv::Mat box = cv::cvarrToMat(crop.get());
   const int width = box.cols;
   const int height = box.rows;
 
@@ -205,24 +206,22 @@ void VELDSEHybrid::removeBlackRegion() {
     m_boundHeight = bottom - top + 1;
     m_boundWidth = right - left + 1;
   }
-  cvReleaseImage(&crop);
 }
 
 void VELDSEHybrid::preProcess() {
   removeBlackRegion();
 
-  IplImage* crop = cropImage(VELDSEMarker::m_srcImage);
+  owned::Image crop(cropImage(VELDSEMarker::m_srcImage));
   if (crop->width < 1 || crop->height < 1) {
     logMemoryCrash("preProcess", 2871);
     // Nothing to measure: an empty rectangle is invalid, so the box stays.
-    cvReleaseImage(&crop);
     return;
   }
-  IplImage* greyImage = cvCreateImage(cvGetSize(crop), IPL_DEPTH_8U, 1);
-  cvCvtColor(crop, greyImage, CV_BGR2GRAY);
-  const cv::Mat grey = cv::cvarrToMat(greyImage).clone();
-  cvReleaseImage(&crop);
-  cvReleaseImage(&greyImage);
+  owned::Image greyImage = owned::Image::create(cvGetSize(crop.get()), IPL_DEPTH_8U, 1);
+  cvCvtColor(crop.get(), greyImage.get(), CV_BGR2GRAY);
+  const cv::Mat grey = cv::cvarrToMat(greyImage.get()).clone();
+  crop.reset();
+  greyImage.reset();
 
   cv::Mat gx, gy, magnitude;
   cv::Sobel(grey, gx, CV_32F, 1, 0, 3, 1.0, 0.0, cv::BORDER_DEFAULT);

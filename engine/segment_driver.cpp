@@ -19,6 +19,7 @@
 #include "engine/veldse_hybrid.h"
 #include "interface/veldse_marker.h"
 #include "support/cpu_timer.h"
+#include "support/owned.h"
 
 namespace {
 
@@ -30,7 +31,8 @@ const double kTimeoutMs = 10000.0;
 double boundaryScore(const IplImage* label, const cv::Mat& magnitude) {
   const int width = label->width;
   const int height = label->height;
-  IplImage* boundary = cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 1);
+  const owned::Image boundaryImage = owned::Image::create(cvSize(width, height), IPL_DEPTH_8U, 1);
+  IplImage* boundary = boundaryImage.get();
   for (int y = 0; y < height; ++y) {
     const unsigned char* in = imageRow(label, y);
     unsigned char* out = imageRow(boundary, y);
@@ -39,10 +41,9 @@ double boundaryScore(const IplImage* label, const cv::Mat& magnitude) {
     }
   }
   if (width >= 3 && height >= 3) {
-    IplImage* eroded = cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 1);
-    cvErode(boundary, eroded, nullptr, 1);
-    cvSub(boundary, eroded, boundary);
-    cvReleaseImage(&eroded);
+    const owned::Image eroded = owned::Image::create(cvSize(width, height), IPL_DEPTH_8U, 1);
+    cvErode(boundary, eroded.get(), nullptr, 1);
+    cvSub(boundary, eroded.get(), boundary);
   }
   int n = 0, strong = 0, weak = 0;
   for (int y = 0; y < height; ++y) {
@@ -55,14 +56,44 @@ double boundaryScore(const IplImage* label, const cv::Mat& magnitude) {
       if (m[x] < 30.0f) ++weak;
     }
   }
-  cvReleaseImage(&boundary);
   return n == 0 ? 0.0 : static_cast<double>(strong - weak) / n;
 }
+
+// Runs clearMemory() when segment() is left by an exception (the normal
+// paths call now() themselves, at the point where they always did), and
+// drops a full-resolution graph a failed getObjMask() may have left.
+class RequestCleanup {
+ public:
+  explicit RequestCleanup(VELDSEHybrid* engine) : engine_(engine) {}
+  ~RequestCleanup() {
+    if (engine_ == nullptr) return;
+    delete engine_->m_trimapGraph;
+    engine_->m_trimapGraph = nullptr;
+    engine_->clearMemory();
+  }
+  RequestCleanup(const RequestCleanup&) = delete;
+  RequestCleanup& operator=(const RequestCleanup&) = delete;
+
+  void now() {
+    VELDSEHybrid* engine = engine_;
+    engine_ = nullptr;
+    engine->clearMemory();
+  }
+
+ private:
+  VELDSEHybrid* engine_;
+};
 
 }  // namespace
 
 IplImage* VELDSEHybrid::segment() {
-  g_cancelTimer = create_timer();
+  // Whatever the request holds is released again, and its handles left null,
+  // when a failure (memory running out) ends it early, as clearMemory() does
+  // when it ends normally.
+  RequestCleanup cleanup(this);
+
+  // Without its timer a request could not be abandoned after ten seconds.
+  g_cancelTimer = needMemory(create_timer());
   start_cpu_timer(g_cancelTimer);
 
   computeBoundingBox();
@@ -70,6 +101,9 @@ IplImage* VELDSEHybrid::segment() {
 
   const int nodeCount = m_boundHeight * m_boundWidth;
   m_graph = new VELDSEGraph(nodeCount, 8 * nodeCount, m_boundWidth, m_boundHeight, 0);
+  // The working box has no smaller graph to fall back to: every cut writes
+  // through both arrays.
+  if (m_graph->m_nodes == nullptr || m_graph->m_caps == nullptr) throw std::bad_alloc();
 
   m_cropSrc = cropImage(VELDSEMarker::m_srcImage);
   m_cropLabel = cropImage(VELDSEMarker::m_labelImage);
@@ -113,7 +147,7 @@ IplImage* VELDSEHybrid::segment() {
 
   if (cancelled) {
     __android_log_print(ANDROID_LOG_ERROR, "Error", "Segmentation canceled due to timeout");
-    clearMemory();
+    cleanup.now();
     return nullptr;
   }
 
@@ -121,7 +155,7 @@ IplImage* VELDSEHybrid::segment() {
   delete m_graph;
   m_graph = nullptr;
   IplImage* mask = getObjMask();
-  clearMemory();
+  cleanup.now();
   return mask;
 }
 
@@ -149,9 +183,9 @@ int VELDSEHybrid::updateLabelImage() {
 }
 
 void VELDSEHybrid::chooseIter() {
-  IplImage* grey = cvCreateImage(cvGetSize(m_cropSrc), IPL_DEPTH_8U, 1);
-  cvCvtColor(m_cropSrc, grey, CV_BGR2GRAY);
-  const cv::Mat g = cv::cvarrToMat(grey);
+  const owned::Image grey = owned::Image::create(cvGetSize(m_cropSrc), IPL_DEPTH_8U, 1);
+  cvCvtColor(m_cropSrc, grey.get(), CV_BGR2GRAY);
+  const cv::Mat g = cv::cvarrToMat(grey.get());
   cv::Mat gx, gy, magnitude;
   cv::Sobel(g, gx, CV_32F, 1, 0, 3, 1.0, 0.0, cv::BORDER_DEFAULT);
   cv::Sobel(g, gy, CV_32F, 0, 1, 3, 1.0, 0.0, cv::BORDER_DEFAULT);
@@ -165,7 +199,6 @@ void VELDSEHybrid::chooseIter() {
   if (first >= 0.75f && !(last > 0.98f) && last - first <= 0.2f) {
     cvCopy(m_iterLabel[0], m_cropLabel);
   }
-  cvReleaseImage(&grey);
 }
 
 bool VELDSEHybrid::cancelSegmentation() {

@@ -3,13 +3,8 @@
 
 #include "interface/veldse_marker.h"
 #include "support/cpu_timer.h"
+#include "support/owned.h"
 #include "support/veld_memory.h"
-
-namespace {
-void releaseImage(IplImage*& image) {
-  if (image != nullptr) cvReleaseImage(&image);
-}
-}  // namespace
 
 VELDSEHybrid::VELDSEHybrid()
     : m_imgWidth(0),
