@@ -4,6 +4,8 @@
 #include <atomic>
 #include <cstdint>
 #include <cstring>
+#include <exception>
+#include <mutex>
 #include <new>
 #include <thread>
 #include <vector>
@@ -225,23 +227,45 @@ float bandMaxFlow(VELDSEGraph* g) {
     auto size = [&p](int q) { return p.start[q + 1] - p.start[q]; };
     std::stable_sort(bySize.begin(), bySize.end(), [&](int a, int b) { return size(a) > size(b); });
     if (100L * (g->m_nodeCount - size(bySize[0])) >= kParallelShare * static_cast<long>(g->m_nodeCount)) {
-      // Largest pieces first; each worker takes the next piece left.
+      // Largest pieces first; each worker takes the next piece left. A
+      // failure in one piece stops every worker from taking more; the first
+      // one is thrown again here once all have been joined (nothing may
+      // leave a thread's body).
       std::atomic<int> next(0);
-      auto work = [&]() {
-        for (int k = next.fetch_add(1); k < pieces; k = next.fetch_add(1)) {
-          const int q = bySize[k];
-          flows[q] = solvePiece(g, t, p.order.data() + p.start[q], size(q), 0.0f);
+      std::mutex failureLock;
+      std::exception_ptr failure;
+      auto work = [&]() noexcept {
+        try {
+          for (int k = next.fetch_add(1); k < pieces; k = next.fetch_add(1)) {
+            const int q = bySize[k];
+            flows[q] = solvePiece(g, t, p.order.data() + p.start[q], size(q), 0.0f);
+          }
+        } catch (...) {
+          next.store(pieces);
+          const std::lock_guard<std::mutex> lock(failureLock);
+          if (!failure) failure = std::current_exception();
         }
       };
       std::vector<std::thread> workers;
-      try {
-        workers.reserve(cores);
-        for (unsigned w = 1; w < std::min<unsigned>(cores, pieces); ++w) workers.emplace_back(work);
-      } catch (const std::exception&) {
-        // No thread to be had: the remaining pieces run here.
+      {
+        // Joined however this scope is left.
+        struct JoinAll {
+          std::vector<std::thread>& threads;
+          ~JoinAll() {
+            for (std::thread& w : threads) {
+              if (w.joinable()) w.join();
+            }
+          }
+        } joinAll{workers};
+        try {
+          workers.reserve(cores);
+          for (unsigned w = 1; w < std::min<unsigned>(cores, pieces); ++w) workers.emplace_back(work);
+        } catch (const std::exception&) {
+          // No thread to be had: the remaining pieces run here.
+        }
+        work();
       }
-      work();
-      for (std::thread& w : workers) w.join();
+      if (failure) std::rethrow_exception(failure);
       for (int q = 0; q < pieces; ++q) g->m_flow += flows[q];
       return g->m_flow;
     }

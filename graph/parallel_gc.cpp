@@ -4,7 +4,10 @@
 
 #include <algorithm>
 #include <cmath>
+#include <exception>
+#include <mutex>
 #include <new>
+#include <vector>
 
 namespace {
 
@@ -38,9 +41,85 @@ void leavingSlots(int i, int w, int h, Leaving* out) {
   add(down && left, 8 * (i + w - 1) + 7, i + w - 1);
 }
 
-void startThread(pthread_t* t, void* (*entry)(void*), void* arg) {
-  // Creation failures are not reported: a phase simply joins what it started.
-  pthread_create(t, nullptr, entry, arg);
+// The threads of one phase, one per block. A block whose thread cannot be
+// started has its work done right here instead: the blocks of a phase touch
+// disjoint nodes, so running one on the calling thread gives the same result.
+// Only threads that did start are joined - by join(), or when the phase is
+// left by an exception - so no handle pthread_create did not fill is used.
+class Phase {
+ public:
+  explicit Phase(int n) : handles_(n), started_(n, 0) {}
+  ~Phase() { join(); }
+  Phase(const Phase&) = delete;
+  Phase& operator=(const Phase&) = delete;
+
+  // entry: the thread entry point; work: the same work without the thread's
+  // exit, which never throws (failures are noted on the ParallelGC).
+  void start(int k, void* (*entry)(void*), void (*work)(void*), void* arg) {
+    if (pthread_create(&handles_[k], nullptr, entry, arg) == 0) {
+      started_[k] = 1;
+    } else {
+      work(arg);
+    }
+  }
+  void join() {
+    for (size_t k = 0; k < handles_.size(); ++k) {
+      if (started_[k] == 0) continue;
+      pthread_join(handles_[k], nullptr);
+      started_[k] = 0;
+    }
+  }
+
+ private:
+  std::vector<pthread_t> handles_;
+  std::vector<unsigned char> started_;
+};
+
+// The work of each thread entry point. Nothing may leave a thread's body (that
+// ends the process): a failure is kept on the ParallelGC and thrown again by
+// the phase's starter once all its threads are joined.
+template <class Arg, class Work>
+void guarded(void* arg, Work work) {
+  Arg* a = static_cast<Arg*>(arg);
+  try {
+    work(a);
+  } catch (...) {
+    a->gc->noteFailure(std::current_exception());
+  }
+}
+
+void assignWork(void* arg) {
+  guarded<ParallelGCThreadArg>(arg, [](ParallelGCThreadArg* a) { a->gc->AssignIDs(a->a, a->b); });
+}
+
+void partitionWork(void* arg) {
+  guarded<ParallelGCThreadArg>(arg, [](ParallelGCThreadArg* a) { a->gc->PartitionGraph(a->a, a->b); });
+}
+
+void maxFlowWork(void* arg) {
+  guarded<ParallelGCThreadArg>(arg, [](ParallelGCThreadArg* a) {
+    a->gc->m_blockGraphs[a->index]->maxFlowSerialCall();
+  });
+}
+
+void mergeWork(void* arg) {
+  guarded<ParallelGCThreadArg>(arg, [](ParallelGCThreadArg* a) {
+    const int lo = a->gc->MergeBlocks(a->a, a->b);
+    a->gc->m_blockGraphs[lo]->maxFlowSerialCall();
+  });
+}
+
+void gmmWork(void* arg) {
+  guarded<GMMThreadArg>(arg, [](GMMThreadArg* a) {
+    // The graph's flow field is shared by all threads: each thread adds its
+    // weights through a view of the graph (same node array, flow of its own)
+    // and hands its flow back in the record. The view is never destroyed.
+    alignas(VELDSEGraph) unsigned char storage[sizeof(VELDSEGraph)];
+    VELDSEGraph* view = new (storage) VELDSEGraph(a->g, a->by, a->bx, a->gc->m_blockWidth, a->gc->m_blockHeight);
+    view->m_flow = 0.0f;
+    a->gc->ComputeGMMProbs(a->by, a->bx, a->img, a->labels, a->K, a->sinkCode, a->sourceCode, a->m1, a->m2, view);
+    a->flow = view->m_flow;
+  });
 }
 
 }  // namespace
@@ -85,15 +164,22 @@ ParallelGC::ParallelGC(VELDSEGraph* g, int n)
   m_blockWidth = static_cast<int>(ceilf(static_cast<float>(m_width) / static_cast<float>(m_blockCols)));
   m_blockHeight = static_cast<int>(ceilf(static_cast<float>(m_height) / static_cast<float>(m_blockRows)));
 
-  m_blockTable = new blockEdges**[n];
-  for (int a = 0; a < n; ++a) m_blockTable[a] = new blockEdges*[n]();
-  m_busy = new uint8_t[n]();
-  m_blockGraphs = new VELDSEGraph*[n];
-  for (int by = 0; by < m_blockRows; ++by) {
-    for (int bx = 0; bx < m_blockCols; ++bx) {
-      void* raw = ::operator new(sizeof(VELDSEGraph));
-      m_blockGraphs[bx + m_blockCols * by] = new (raw) VELDSEGraph(g, by, bx, m_blockWidth, m_blockHeight);
+  // Null-filled first, so that a failure part-way releases exactly what was
+  // allocated (the destructor does not run for a constructor that throws).
+  try {
+    m_blockTable = new blockEdges**[n]();
+    for (int a = 0; a < n; ++a) m_blockTable[a] = new blockEdges*[n]();
+    m_busy = new uint8_t[n]();
+    m_blockGraphs = new VELDSEGraph*[n]();
+    for (int by = 0; by < m_blockRows; ++by) {
+      for (int bx = 0; bx < m_blockCols; ++bx) {
+        void* raw = ::operator new(sizeof(VELDSEGraph));
+        m_blockGraphs[bx + m_blockCols * by] = new (raw) VELDSEGraph(g, by, bx, m_blockWidth, m_blockHeight);
+      }
     }
+  } catch (...) {
+    releaseBlocks();
+    throw;
   }
   // Initialised here rather than at the start of maxFlow() so that every
   // ParallelGC, also one used only for terminal links or run twice, pairs
@@ -107,14 +193,40 @@ ParallelGC::~ParallelGC() {
   // merged or dropped all of them.
   for (blockEdges* p : m_pairs) freePair(p);
   m_pairs.clear();
-  for (int a = 0; a < m_threads; ++a) delete[] m_blockTable[a];
-  delete[] m_blockTable;
+  releaseBlocks();
+  std::vector<blockEdges*>().swap(m_pairs);
+}
+
+void ParallelGC::releaseBlocks() {
+  if (m_blockTable != nullptr) {
+    for (int a = 0; a < m_threads; ++a) delete[] m_blockTable[a];
+    delete[] m_blockTable;
+    m_blockTable = nullptr;
+  }
   // The views share the graph's arrays: their destructor must not run. Only
   // their own storage is released.
-  for (int k = 0; k < m_threads; ++k) ::operator delete(static_cast<void*>(m_blockGraphs[k]));
-  delete[] m_blockGraphs;
+  if (m_blockGraphs != nullptr) {
+    for (int k = 0; k < m_threads; ++k) ::operator delete(static_cast<void*>(m_blockGraphs[k]));
+    delete[] m_blockGraphs;
+    m_blockGraphs = nullptr;
+  }
   delete[] m_busy;
-  std::vector<blockEdges*>().swap(m_pairs);
+  m_busy = nullptr;
+}
+
+void ParallelGC::noteFailure(std::exception_ptr failure) {
+  const std::lock_guard<std::mutex> lock(m_failureLock);
+  if (!m_failure) m_failure = failure;
+}
+
+void ParallelGC::rethrowFailure() {
+  std::exception_ptr failure;
+  {
+    const std::lock_guard<std::mutex> lock(m_failureLock);
+    failure = m_failure;
+    m_failure = nullptr;
+  }
+  if (failure) std::rethrow_exception(failure);
 }
 
 void ParallelGC::freePair(blockEdges* p) {
@@ -132,8 +244,10 @@ void ParallelGC::freePair(blockEdges* p) {
 
 int ParallelGC::maxFlow() {
   const int n = m_threads;
-  ParallelGCThreadArg* args = new ParallelGCThreadArg[n];
-  pthread_t* handles = new pthread_t[n];
+  std::vector<ParallelGCThreadArg> args(n);
+  Phase phase(n);
+  std::vector<int> started;  // lo, hi of each merge of the round, start order
+  started.reserve(2 * static_cast<size_t>(n));
   m_pairs.clear();
 
   // Block ids into the border nodes.
@@ -141,10 +255,11 @@ int ParallelGC::maxFlow() {
     for (int bx = 0; bx < m_blockCols; ++bx) {
       const int k = bx + m_blockCols * by;
       args[k] = ParallelGCThreadArg{this, k, by, bx};
-      startThread(&handles[k], ThreadAssignBlockIDs, &args[k]);
+      phase.start(k, ThreadAssignBlockIDs, assignWork, &args[k]);
     }
   }
-  for (int k = 0; k < n; ++k) pthread_join(handles[k], nullptr);
+  phase.join();
+  rethrowFailure();
   for (int a = 0; a < n; ++a) std::fill(m_blockTable[a], m_blockTable[a] + n, nullptr);
 
   // Cross-block edges out.
@@ -152,10 +267,11 @@ int ParallelGC::maxFlow() {
     for (int bx = 0; bx < m_blockCols; ++bx) {
       const int k = bx + m_blockCols * by;
       args[k] = ParallelGCThreadArg{this, k, by, bx};
-      startThread(&handles[k], ThreadPartition, &args[k]);
+      phase.start(k, ThreadPartition, partitionWork, &args[k]);
     }
   }
-  for (int k = 0; k < n; ++k) pthread_join(handles[k], nullptr);
+  phase.join();
+  rethrowFailure();
 
   // Every block on its own. Initialising block k while blocks below k
   // already run is safe: a running block touches only its own nodes, all
@@ -163,14 +279,14 @@ int ParallelGC::maxFlow() {
   for (int k = 0; k < n; ++k) {
     m_blockGraphs[k]->InitBlock();
     args[k] = ParallelGCThreadArg{this, k, k, 0};
-    startThread(&handles[k], ThreadMaxFlow, &args[k]);
+    phase.start(k, ThreadMaxFlow, maxFlowWork, &args[k]);
   }
-  for (int k = 0; k < n; ++k) pthread_join(handles[k], nullptr);
+  phase.join();
+  rethrowFailure();
   for (int k = 0; k < n; ++k) m_graph->m_flow += m_blockGraphs[k]->m_flow;
 
   // Merge rounds of disjoint pairs.
   int remaining = n;
-  std::vector<int> started;  // lo, hi of each merge of the round, start order
   while (remaining >= 2) {
     started.clear();
     int m = 0;
@@ -178,7 +294,7 @@ int ParallelGC::maxFlow() {
       if (m_busy[p->first] || m_busy[p->second]) continue;
       m_busy[p->first] = m_busy[p->second] = 1;
       args[m] = ParallelGCThreadArg{this, m, p->first, p->second};
-      startThread(&handles[m], ThreadMerge, &args[m]);
+      phase.start(m, ThreadMerge, mergeWork, &args[m]);
       started.push_back(p->first);
       started.push_back(p->second);
       ++m;
@@ -188,7 +304,8 @@ int ParallelGC::maxFlow() {
     // no present edge and are each solved already. Waiting for a merge
     // that can never come would loop for ever.
     if (m == 0) break;
-    for (int k = 0; k < m; ++k) pthread_join(handles[k], nullptr);
+    phase.join();
+    rethrowFailure();
     for (int k = 0; k < m; ++k) {
       const int lo = std::min(started[2 * k], started[2 * k + 1]);
       m_graph->m_flow += m_blockGraphs[lo]->m_flow;
@@ -197,9 +314,6 @@ int ParallelGC::maxFlow() {
     remaining -= m;
     std::fill(m_busy, m_busy + n, 0);
   }
-
-  delete[] args;
-  delete[] handles;
   return 0;
 }
 
@@ -239,13 +353,27 @@ void ParallelGC::PartitionGraph(int by, int bx) {
   auto pairWith = [this, id](int other, const std::vector<long>& border) {
     blockEdges* pair = new blockEdges{id, other, nullptr};
     int removed = 0;
-    for (long i : border) removed += RemoveAndStoreEdges(m_nodes + i, pair);
+    try {
+      for (long i : border) removed += RemoveAndStoreEdges(m_nodes + i, pair);
+      if (removed > 0) {
+        // Listed before it enters the table: the destructor frees what the
+        // list holds, so a pair must never be in the table alone.
+        sem_wait(&m_pairSem);
+        try {
+          m_pairs.push_back(pair);
+        } catch (...) {
+          sem_post(&m_pairSem);
+          throw;
+        }
+        sem_post(&m_pairSem);
+      }
+    } catch (...) {
+      freePair(pair);
+      throw;
+    }
     if (removed > 0) {
       m_blockTable[id][other] = pair;
       m_blockTable[other][id] = pair;
-      sem_wait(&m_pairSem);
-      m_pairs.push_back(pair);
-      sem_post(&m_pairSem);
     } else {
       delete pair;
       m_blockTable[id][other] = nullptr;
@@ -364,21 +492,20 @@ void ParallelGC::MakeNeighbourChanges(int a, int b) {
 void ParallelGC::ComputeGMMProbsParallely(cv::Mat* img, cv::Mat* labels, double K, int sinkCode, int sourceCode,
                                           VELDSEColorModel* m1, VELDSEColorModel* m2, VELDSEGraph* g) {
   const int n = m_threads;
-  GMMThreadArg* args = new GMMThreadArg[n];
-  pthread_t* handles = new pthread_t[n];
+  std::vector<GMMThreadArg> args(n);
+  Phase phase(n);
   for (int by = 0; by < m_blockRows; ++by) {
     for (int bx = 0; bx < m_blockCols; ++bx) {
       const int k = bx + m_blockCols * by;
       args[k] = GMMThreadArg{this, k, by, bx, img, labels, K, sinkCode, sourceCode, m1, m2, g, 0.0f};
-      startThread(&handles[k], ThreadComputeGMMProbs, &args[k]);
+      phase.start(k, ThreadComputeGMMProbs, gmmWork, &args[k]);
     }
   }
-  for (int k = 0; k < n; ++k) pthread_join(handles[k], nullptr);
+  phase.join();
+  rethrowFailure();
   // The threads counted their terminal flow apart (the field is shared);
   // it reaches the graph here, in block order.
   for (int k = 0; k < n; ++k) g->m_flow += args[k].flow;
-  delete[] args;
-  delete[] handles;
 }
 
 void ParallelGC::ComputeGMMProbs(int by, int bx, cv::Mat* img, cv::Mat* labels, double K, int sinkCode,
@@ -433,41 +560,26 @@ void ParallelGC::ComputeGMMProbs(int by, int bx, cv::Mat* img, cv::Mat* labels, 
 // Thread entry points
 
 void* ThreadAssignBlockIDs(void* arg) {
-  ParallelGCThreadArg* a = static_cast<ParallelGCThreadArg*>(arg);
-  a->gc->AssignIDs(a->a, a->b);
+  assignWork(arg);
   pthread_exit(nullptr);
 }
 
 void* ThreadPartition(void* arg) {
-  ParallelGCThreadArg* a = static_cast<ParallelGCThreadArg*>(arg);
-  a->gc->PartitionGraph(a->a, a->b);
+  partitionWork(arg);
   pthread_exit(nullptr);
 }
 
 void* ThreadMaxFlow(void* arg) {
-  ParallelGCThreadArg* a = static_cast<ParallelGCThreadArg*>(arg);
-  a->gc->m_blockGraphs[a->index]->maxFlowSerialCall();
+  maxFlowWork(arg);
   pthread_exit(nullptr);
 }
 
 void* ThreadMerge(void* arg) {
-  ParallelGCThreadArg* a = static_cast<ParallelGCThreadArg*>(arg);
-  const int lo = a->gc->MergeBlocks(a->a, a->b);
-  a->gc->m_blockGraphs[lo]->maxFlowSerialCall();
+  mergeWork(arg);
   pthread_exit(nullptr);
 }
 
 void* ThreadComputeGMMProbs(void* arg) {
-  GMMThreadArg* a = static_cast<GMMThreadArg*>(arg);
-  {
-    // The graph's flow field is shared by all threads: each thread adds its
-    // weights through a view of the graph (same node array, flow of its own)
-    // and hands its flow back in the record. The view is never destroyed.
-    alignas(VELDSEGraph) unsigned char storage[sizeof(VELDSEGraph)];
-    VELDSEGraph* view = new (storage) VELDSEGraph(a->g, a->by, a->bx, a->gc->m_blockWidth, a->gc->m_blockHeight);
-    view->m_flow = 0.0f;
-    a->gc->ComputeGMMProbs(a->by, a->bx, a->img, a->labels, a->K, a->sinkCode, a->sourceCode, a->m1, a->m2, view);
-    a->flow = view->m_flow;
-  }
+  gmmWork(arg);
   pthread_exit(nullptr);
 }

@@ -42,7 +42,15 @@
 //     through operator delete without running ~VELDSEGraph.
 //
 // Threads: every phase starts its threads and joins them before the next; the
-// pair list, written by all partition threads, is guarded by a semaphore.
+// pair list, written by all partition threads, is guarded by a semaphore. A
+// block whose thread cannot be started is worked on the calling thread
+// instead (the blocks of a phase are independent, so the result is the same),
+// and only threads that did start are joined. Whatever a phase's work throws
+// (memory running out while edges are stored) is kept and thrown again from
+// maxFlow() or ComputeGMMProbsParallely() once every thread of the phase has
+// been joined; the destructor then frees whatever pairs are left.
+//
+// Failures: the constructor releases what it allocated before it throws.
 // Costs: O(n^2) pointers for the pair table; one heap record per removed edge.
 #ifndef SEGCORE_GRAPH_PARALLEL_GC_H
 #define SEGCORE_GRAPH_PARALLEL_GC_H
@@ -50,6 +58,8 @@
 #include <semaphore.h>
 
 #include <cstdint>
+#include <exception>
+#include <mutex>
 #include <vector>
 
 #include <opencv2/core.hpp>
@@ -157,8 +167,18 @@ class ParallelGC {
   sem_t m_pairSem;               // guards m_pairs during the partition
   std::vector<blockEdges*> m_pairs;  // live pairs, creation order
 
+  // Keeps the first exception of the running phase's work (called from the
+  // thread entry points, which must not let it leave the thread).
+  void noteFailure(std::exception_ptr failure);
+
  private:
   void freePair(blockEdges* p);
+  void releaseBlocks();
+  // Throws the phase's first failure, if any, and clears it.
+  void rethrowFailure();
+
+  std::mutex m_failureLock;
+  std::exception_ptr m_failure;
 };
 
 // Thread entry points. Each takes a ParallelGCThreadArg* (GMMThreadArg* for

@@ -141,7 +141,9 @@ inline bool stopAfterVisit() {
 // clock exactly as stopAfterVisit does, so a run still stops at the first
 // visit after the limit. Without a timer there is no limit to watch; when the
 // limit has passed already, or no thread can be had, the clock is read on
-// every visit from the start.
+// every visit from the start. The watcher's own failures (a wait that cannot
+// be had) end the same way: reading the clock on every visit stops a run at
+// the same visit, only a little more slowly.
 class LimitWatch {
  public:
   LimitWatch() {
@@ -158,13 +160,19 @@ class LimitWatch {
     }
     try {
       watcher_ = std::thread([this, untilDue] {
-        std::unique_lock<std::mutex> lock(mutex_);
-        const auto wait = std::chrono::microseconds(static_cast<long long>(untilDue * 1000.0));
-        if (!wake_.wait_for(lock, wait, [this] { return finished_; })) {
+        // Nothing may leave a thread's body (that ends the process).
+        try {
+          std::unique_lock<std::mutex> lock(mutex_);
+          const auto wait = std::chrono::microseconds(static_cast<long long>(untilDue * 1000.0));
+          if (!wake_.wait_for(lock, wait, [this] { return finished_; })) {
+            due_.store(true, std::memory_order_relaxed);
+          }
+        } catch (...) {
           due_.store(true, std::memory_order_relaxed);
         }
       });
-    } catch (const std::system_error&) {
+    } catch (const std::exception&) {
+      // No thread (std::system_error) or no memory for its state.
       due_.store(true, std::memory_order_relaxed);
     }
   }
