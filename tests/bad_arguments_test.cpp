@@ -1,0 +1,676 @@
+// Bad arguments and calls out of order through the exported functions.
+//
+// A refused call returns SEGCORE_FAILED (void calls just return), logs exactly
+// one "Error" line "<call>: ..." (after the MEMORY_CRASH lines the bridge has
+// always seen for bad sizes), writes nothing into the caller's buffers and
+// leaves the photo, the engine, the history and an unfetched outline alone:
+// the next good request on the same context gives the very mask it gives
+// without the bad call. Values that look odd but are legal (marker codes out
+// of range, rectangles outside the photo, negative point counts) go through.
+//
+// Sizes whose products overflow 32 bits come with a small buffer: the call
+// must refuse before it reads a byte, so AddressSanitizer and the 32-bit ARM
+// build catch a library that trusts a wrapped product.
+#include <gmock/gmock.h>
+
+#include <climits>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "interface/segmentation_core.h"
+#include "interface/undo_redo.h"
+#include "interface/veldse_marker.h"
+#include "tests/synthetic_scene.h"
+#include "tests/test_support.h"
+
+namespace {
+
+using synthetic::Bytes;
+using synthetic::Pixels;
+using testsupport::Lines;
+using ::testing::ElementsAreArray;
+using ::testing::Matcher;
+using ::testing::StartsWith;
+
+constexpr int kW = 48, kH = 36;
+constexpr int kPixels = kW * kH;
+constexpr unsigned int kPixelSentinel = 0x5A5A5A5Au;
+constexpr unsigned char kByteSentinel = 77;
+constexpr int kCountSentinel = -12345;
+// Status column of a void call: its row only looks at the log and buffers.
+constexpr int kNoStatus = 1000;
+int arrayTarget = 0;
+int* const kArraySentinel = &arrayTarget;  // no library hands out this pointer
+
+const synthetic::Scene& scene() {
+  static const synthetic::Scene s = synthetic::makeScene(kW, kH, false, true);
+  return s;
+}
+
+// Where a row starts.
+enum class State {
+  kNone,           // no photo, no engine
+  kPhoto,          // setSourceImage only
+  kEngine,         // photo and engine, no result yet
+  kAfterRectangle, // right after doSegmentationBB
+  kResult,         // a rectangle, two strokes and an undo: undo and redo both possible
+  kTornDown,       // kResult, then deinitSegmentation
+};
+
+const char* stateName(State s) {
+  switch (s) {
+    case State::kNone: return "no photo";
+    case State::kPhoto: return "photo only";
+    case State::kEngine: return "engine";
+    case State::kAfterRectangle: return "after a rectangle";
+    case State::kResult: return "with a result";
+    case State::kTornDown: return "torn down";
+  }
+  return "?";
+}
+
+// The rectangle round the disc (radius kH / 4 at (2 kW / 5, kH / 2)).
+constexpr int kRectX1 = 8, kRectY1 = 7, kRectX2 = 30, kRectY2 = 29;
+
+// An object stroke across the square at (3 kW / 4, kH / 3), side kW / 8.
+std::vector<int> strokePoints() { return {37, 15, 41, 15}; }
+
+// The stroke's marker grid: `code` along the polyline, and `extra` in a block
+// in the top-left corner (0 leaves the block unknown).
+std::vector<int> strokeGrid(int code, int extra = 0) {
+  std::vector<int> grid(kPixels, LABEL_UNKNOWN);
+  cv::Mat m(kH, kW, CV_32S, grid.data());
+  cv::line(m, {37, 15}, {41, 15}, cv::Scalar(code), 2);
+  if (extra != 0) m(cv::Rect(2, 2, 8, 5)).setTo(cv::Scalar(extra));
+  return grid;
+}
+
+Pixels photoCopy() { return scene().argb; }
+
+struct Outcome {
+  int status = 0;
+  Bytes mask = Bytes(kPixels, kByteSentinel);
+  Pixels blended = Pixels(kPixels, kPixelSentinel);
+};
+
+// The good request every row ends with: a loop round the disc, marked as the
+// bridge marks a rectangle (its border as the stroke, probable object
+// inside). It builds the context first where there is none.
+Outcome goodRequest() {
+  Pixels photo = photoCopy();
+  if (VELDSEMarker::m_originalImage == nullptr) setSourceImage(kW, kH, photo.data());
+  if (pHybrid == nullptr) initSegmentationEngine(0);
+  std::vector<int> points;
+  for (int x = kRectX1; x < kRectX2; ++x) points.insert(points.end(), {x, kRectY1});
+  for (int y = kRectY1; y < kRectY2; ++y) points.insert(points.end(), {kRectX2, y});
+  for (int x = kRectX2; x > kRectX1; --x) points.insert(points.end(), {x, kRectY2});
+  for (int y = kRectY2; y > kRectY1; --y) points.insert(points.end(), {kRectX1, y});
+  std::vector<int> grid(kPixels, LABEL_UNKNOWN);
+  cv::Mat(kH, kW, CV_32S, grid.data())(cv::Rect(kRectX1, kRectY1, kRectX2 - kRectX1 + 1, kRectY2 - kRectY1 + 1))
+      .setTo(cv::Scalar(LABEL_PR_FG));
+  setCurrentMarkerVector(static_cast<int>(points.size()), points.data());
+  setMarkerImage(kW, kH, grid.data(), 0);
+  Outcome o;
+  o.status = processSegment(0, 0, 0, o.blended.data(), o.mask.data());
+  return o;
+}
+
+// An object stroke across the square.
+int objectStroke() {
+  std::vector<int> points = strokePoints();
+  std::vector<int> grid = strokeGrid(LABEL_FG);
+  setCurrentMarkerVector(static_cast<int>(points.size()), points.data());
+  setMarkerImage(kW, kH, grid.data(), 2);
+  Outcome o;
+  return processSegment(0, 0, 0, o.blended.data(), o.mask.data());
+}
+
+// A background stroke over part of the disc.
+int backgroundStroke() {
+  std::vector<int> points = {12, 18, 20, 18};
+  std::vector<int> grid(kPixels, LABEL_UNKNOWN);
+  cv::line(cv::Mat(kH, kW, CV_32S, grid.data()), {12, 18}, {20, 18}, cv::Scalar(LABEL_BG), 2);
+  setCurrentMarkerVector(static_cast<int>(points.size()), points.data());
+  setMarkerImage(kW, kH, grid.data(), 3);
+  Outcome o;
+  return processSegment(0, 0, 0, o.blended.data(), o.mask.data());
+}
+
+void clearContext() {
+  deinitSegmentation();
+  freeLocalBuffers();
+  resetSegmentationInterface();
+  VELDSEMarker::m_exitApp = false;
+  g_exitStatus = 0;
+}
+
+void setUp(State state) {
+  clearContext();
+  Pixels photo = photoCopy();
+  Bytes mask(kPixels);
+  switch (state) {
+    case State::kNone:
+      break;
+    case State::kPhoto:
+      ASSERT_EQ(setSourceImage(kW, kH, photo.data()), 0);
+      break;
+    case State::kEngine:
+      ASSERT_EQ(setSourceImage(kW, kH, photo.data()), 0);
+      ASSERT_EQ(initSegmentationEngine(0), 0);
+      break;
+    case State::kAfterRectangle:
+      ASSERT_EQ(doSegmentationBB(kW, kH, photo.data(), kRectX1, kRectY1, kRectX2, kRectY2, mask.data()), 0);
+      break;
+    case State::kResult:
+    case State::kTornDown: {
+      ASSERT_EQ(doSegmentationBB(kW, kH, photo.data(), kRectX1, kRectY1, kRectX2, kRectY2, mask.data()), 0);
+      ASSERT_EQ(objectStroke(), 0);
+      ASSERT_EQ(backgroundStroke(), 0);
+      Outcome o;
+      ASSERT_EQ(undo(o.blended.data(), o.mask.data()), 0);
+      if (state == State::kTornDown) {
+        ASSERT_EQ(deinitSegmentation(), 0);
+      }
+      break;
+    }
+  }
+}
+
+// What a refused call must leave as it was.
+struct Snapshot {
+  const IplImage* photo;
+  const VELDSEHybrid* engine;
+  const unsigned int* const* planes;
+  int width, height, current, top, bottom, canUndo, canRedo;
+};
+
+Snapshot snapshot() {
+  return {VELDSEMarker::m_originalImage, pHybrid, VELDSEManageUndoRedo::m_bitPlane,
+          VELDSEMarker::m_originalWidth, VELDSEMarker::m_originalHeight, VELDSEManageUndoRedo::m_current,
+          VELDSEManageUndoRedo::m_top, VELDSEManageUndoRedo::m_bottom, canUndo(), canRedo()};
+}
+
+void expectSame(const Snapshot& before, const Snapshot& after) {
+  EXPECT_EQ(after.photo, before.photo);
+  EXPECT_EQ(after.engine, before.engine);
+  EXPECT_EQ(after.planes, before.planes);
+  EXPECT_EQ(after.width, before.width);
+  EXPECT_EQ(after.height, before.height);
+  EXPECT_EQ(after.current, before.current);
+  EXPECT_EQ(after.top, before.top);
+  EXPECT_EQ(after.bottom, before.bottom);
+  EXPECT_EQ(after.canUndo, before.canUndo);
+  EXPECT_EQ(after.canRedo, before.canRedo);
+}
+
+// The outline as fetch_path_array hands it out, after its status.
+std::vector<int> fetchOutline() {
+  int* array = nullptr;
+  int count = 0;
+  std::vector<int> out = {fetch_path_array(&array, &count)};
+  if (array != nullptr && count > 0) out.insert(out.end(), array, array + count);
+  delete[] array;
+  return out;
+}
+
+// What a state gives without any bad call: its outline, then the good request.
+struct Reference {
+  std::vector<int> outline;
+  Outcome request;
+};
+
+const Reference& reference(State state) {
+  static std::map<State, Reference> cache;
+  auto found = cache.find(state);
+  if (found != cache.end()) return found->second;
+  setUp(state);
+  Reference r;
+  r.outline = fetchOutline();
+  r.request = goodRequest();
+  clearContext();
+  return cache.emplace(state, r).first->second;
+}
+
+// Only 0 and 255.
+bool twoValued(const Bytes& mask) {
+  return std::all_of(mask.begin(), mask.end(), [](unsigned char v) { return v == 0 || v == 255; });
+}
+
+// Either left alone entirely or only 0 and 255.
+bool untouchedOrTwoValued(const Bytes& mask) {
+  const bool untouched =
+      std::all_of(mask.begin(), mask.end(), [](unsigned char v) { return v == kByteSentinel; });
+  return untouched || twoValued(mask);
+}
+
+template <typename T>
+int differing(const std::vector<T>& a, const std::vector<T>& b) {
+  if (a.size() != b.size()) return -1;
+  int n = 0;
+  for (size_t i = 0; i < a.size(); ++i) n += a[i] != b[i];
+  return n;
+}
+
+// The caller's buffers of one row, each filled with a sentinel. The small
+// ones go with sizes that are refused before anything is read.
+const std::vector<int> kCoords = {-5, 1000, 70, -3, 2000, 9};
+struct Buffers {
+  Pixels photo = photoCopy();
+  Pixels smallPhoto = Pixels(16, 0xFF808080u);
+  std::vector<int> smallMarkers = std::vector<int>(16, LABEL_FG);
+  std::vector<int> markers = strokeGrid(LABEL_FG);
+  std::vector<int> coords = kCoords;
+  Pixels blended = Pixels(kPixels, kPixelSentinel);
+  Bytes mask = Bytes(kPixels, kByteSentinel);
+  Pixels copy = Pixels(kPixels, kPixelSentinel);
+  int* array = kArraySentinel;
+  int count = kCountSentinel;
+};
+
+void expectUntouched(const Buffers& b) {
+  EXPECT_EQ(differing(b.blended, Pixels(kPixels, kPixelSentinel)), 0);
+  EXPECT_EQ(differing(b.mask, Bytes(kPixels, kByteSentinel)), 0);
+  EXPECT_EQ(differing(b.copy, Pixels(kPixels, kPixelSentinel)), 0);
+  EXPECT_EQ(b.coords, kCoords);
+  EXPECT_EQ(b.array, kArraySentinel);
+  EXPECT_EQ(b.count, kCountSentinel);
+}
+
+enum class Effect {
+  kRefused,  // SEGCORE_FAILED (or a void call's log line), nothing changes
+  kKeeps,    // legal, and leaves history, photo, engine and outline alone
+  kChanges,  // legal, and starts a new result or context
+};
+
+struct Row {
+  std::string what;
+  State state;
+  std::function<int(Buffers&)> call;
+  int status;               // kNoStatus for void calls
+  const char* callName;     // the "<call>: " of the log line
+  Effect effect;
+  Lines crashLines = {};    // logged before the refusal, exactly
+  bool someCrashLines = false;  // MEMORY_CRASH lines of the calls it wraps may come first
+  std::function<void(Buffers&)> check = nullptr;   // what a legal row writes
+  std::function<void(Buffers&)> twin = nullptr;    // a legal call with the same result
+};
+
+std::string crashLine(const char* function, int line) {
+  return "E/Error: MEMORY_CRASH : " + std::string(function) + " " + std::to_string(line);
+}
+const Lines kSourceCrash = {crashLine("setSourceImage", 115)};
+const Lines kMarkerCrash = {crashLine("setMarkerImage", 164), crashLine("setMarkerImage", 173)};
+
+template <typename F>
+std::function<int(Buffers&)> voidCall(F f) {
+  return [f](Buffers& b) {
+    f(b);
+    return kNoStatus;
+  };
+}
+
+// Runs every row from its state and checks the contract.
+void runRows(const std::vector<Row>& rows) {
+  for (const Row& row : rows) {
+    SCOPED_TRACE(::testing::Message() << row.what << " (" << stateName(row.state) << ")");
+    const Reference& ref = reference(row.state);
+    setUp(row.state);
+    if (::testing::Test::HasFatalFailure()) return;
+    const Snapshot before = snapshot();
+    Buffers b;
+    hostlog::startCapture();
+    const int status = row.call(b);
+    Lines log = testsupport::lines(hostlog::stopCapture());
+    EXPECT_EQ(status, row.status);
+
+    const std::string prefix = "E/Error: " + std::string(row.callName) + ": ";
+    if (row.effect == Effect::kRefused) {
+      if (row.someCrashLines) {
+        while (!log.empty() && log.front().rfind("E/Error: MEMORY_CRASH : ", 0) == 0) log.erase(log.begin());
+      }
+      std::vector<Matcher<std::string>> expected(row.crashLines.begin(), row.crashLines.end());
+      expected.push_back(StartsWith(prefix));
+      EXPECT_THAT(log, ElementsAreArray(expected));
+      expectUntouched(b);
+    } else {
+      EXPECT_THAT(log, ::testing::Not(::testing::Contains(StartsWith(prefix))));
+      if (row.check) row.check(b);
+    }
+
+    if (row.effect != Effect::kChanges) {
+      expectSame(before, snapshot());
+      if (VELDSEMarker::m_originalImage != nullptr) {
+        Pixels copy(kPixels, kPixelSentinel);
+        copySourceImage(copy.data());
+        EXPECT_EQ(differing(copy, scene().argb), 0) << "the stored photo";
+      }
+      EXPECT_EQ(fetchOutline(), ref.outline);
+      const Outcome after = goodRequest();
+      EXPECT_EQ(after.status, ref.request.status);
+      EXPECT_EQ(differing(after.mask, ref.request.mask), 0);
+      EXPECT_EQ(differing(after.blended, ref.request.blended), 0);
+    } else {
+      const Outcome after = goodRequest();
+      EXPECT_EQ(after.status, 0);
+      EXPECT_TRUE(twoValued(after.mask));
+    }
+
+    if (row.twin) {
+      setUp(row.state);
+      Buffers t;
+      row.twin(t);
+      EXPECT_EQ(differing(b.mask, t.mask), 0) << "against the same call with legal values";
+    }
+    clearContext();
+  }
+}
+
+class BadArguments : public ::testing::Test {
+ protected:
+  void TearDown() override { clearContext(); }
+};
+
+// The good request cuts something on every state, so comparing against it
+// means something.
+TEST_F(BadArguments, ReferenceRequestsDeliverACut) {
+  for (State s : {State::kNone, State::kPhoto, State::kEngine, State::kAfterRectangle, State::kResult,
+                  State::kTornDown}) {
+    SCOPED_TRACE(stateName(s));
+    const Reference& ref = reference(s);
+    EXPECT_EQ(ref.request.status, 0);
+    EXPECT_TRUE(twoValued(ref.request.mask));
+    EXPECT_GT(std::count(ref.request.mask.begin(), ref.request.mask.end(), 0), 20);
+  }
+  setUp(State::kResult);
+  EXPECT_EQ(canUndo(), 1);
+  EXPECT_EQ(canRedo(), 1);
+  EXPECT_GT(reference(State::kResult).outline.size(), 2u) << "an outline awaits fetching";
+}
+
+Row sourceSize(int w, int h, State state = State::kResult) {
+  const bool small = w < 1 || h < 1;
+  return {"setSourceImage " + std::to_string(w) + " x " + std::to_string(h), state,
+          [w, h](Buffers& b) { return setSourceImage(w, h, b.smallPhoto.data()); }, SEGCORE_FAILED,
+          "setSourceImage", Effect::kRefused, small ? kSourceCrash : Lines{}};
+}
+
+Row markerSize(int w, int h, State state = State::kResult) {
+  const bool small = w < 1 || h < 1;
+  return {"setMarkerImage " + std::to_string(w) + " x " + std::to_string(h), state,
+          [w, h](Buffers& b) { return setMarkerImage(w, h, b.smallMarkers.data(), 2); }, SEGCORE_FAILED,
+          "setMarkerImage", Effect::kRefused, small ? kMarkerCrash : Lines{}};
+}
+
+Row rectangleSize(int w, int h) {
+  Row r{"doSegmentationBB " + std::to_string(w) + " x " + std::to_string(h), State::kResult,
+        [w, h](Buffers& b) { return doSegmentationBB(w, h, b.smallPhoto.data(), 0, 0, 3, 3, b.mask.data()); },
+        SEGCORE_FAILED, "doSegmentationBB", Effect::kRefused};
+  r.someCrashLines = true;
+  return r;
+}
+
+TEST_F(BadArguments, SizesBelowOneOrTooLargeAreRefused) {
+  std::vector<Row> rows;
+  for (auto wh : std::vector<std::pair<int, int>>{
+           {0, kH}, {kW, 0}, {-1, -1}, {INT_MIN, kH}, {kW, INT_MIN}, {0, INT_MAX},
+           {70000, 70000}, {65536, 65536}, {32768, 32768}, {46341, 46341}, {INT_MAX, 2}, {2, INT_MAX},
+           {INT_MAX, INT_MAX}, {715827883, 1}, {1, 715827883}}) {
+    rows.push_back(sourceSize(wh.first, wh.second));
+  }
+  rows.push_back(sourceSize(0, 0, State::kNone));
+  rows.push_back(sourceSize(65536, 65536, State::kNone));
+  for (auto wh : std::vector<std::pair<int, int>>{
+           {0, kH}, {kW, 0}, {-1, -1}, {INT_MIN, INT_MIN}, {70000, 70000}, {65536, 65536},
+           {32768, 32768}, {23171, 23171}, {INT_MAX, 2}, {536870913, 1}}) {
+    rows.push_back(markerSize(wh.first, wh.second));
+  }
+  rows.push_back(markerSize(-3, 5, State::kNone));
+  for (auto wh : std::vector<std::pair<int, int>>{
+           {0, kH}, {kW, 0}, {-5, -5}, {INT_MIN, INT_MIN}, {70000, 70000}, {65536, 65536},
+           {32768, 32768}, {INT_MAX, 2}, {715827883, 1}}) {
+    rows.push_back(rectangleSize(wh.first, wh.second));
+  }
+  runRows(rows);
+}
+
+TEST_F(BadArguments, NullBuffersAreRefused) {
+  auto marks = [](Buffers& b) {
+    std::vector<int> points = strokePoints();
+    setCurrentMarkerVector(static_cast<int>(points.size()), points.data());
+    setMarkerImage(kW, kH, b.markers.data(), 2);
+  };
+  const State R = State::kResult;
+  const std::vector<Row> rows = {
+      {"setSourceImage null pixels", R, [](Buffers&) { return setSourceImage(kW, kH, nullptr); },
+       SEGCORE_FAILED, "setSourceImage", Effect::kRefused},
+      {"setSourceImage null pixels, no width", R, [](Buffers&) { return setSourceImage(0, kH, nullptr); },
+       SEGCORE_FAILED, "setSourceImage", Effect::kRefused, kSourceCrash},
+      {"setSourceImage null pixels, no photo yet", State::kNone,
+       [](Buffers&) { return setSourceImage(kW, kH, nullptr); }, SEGCORE_FAILED, "setSourceImage",
+       Effect::kRefused},
+      {"copySourceImage null", R, voidCall([](Buffers&) { copySourceImage(nullptr); }), kNoStatus,
+       "copySourceImage", Effect::kRefused},
+      {"setMarkerImage null markers", R, [](Buffers&) { return setMarkerImage(kW, kH, nullptr, 2); },
+       SEGCORE_FAILED, "setMarkerImage", Effect::kRefused},
+      {"setMarkerImage null markers, no height", R, [](Buffers&) { return setMarkerImage(kW, -1, nullptr, 2); },
+       SEGCORE_FAILED, "setMarkerImage", Effect::kRefused, kMarkerCrash},
+      {"setCurrentMarkerVector 4, null", R, [](Buffers&) { return setCurrentMarkerVector(4, nullptr); },
+       SEGCORE_FAILED, "setCurrentMarkerVector", Effect::kRefused},
+      {"setCurrentMarkerVector INT_MAX - 1, null", R,
+       [](Buffers&) { return setCurrentMarkerVector(INT_MAX - 1, nullptr); }, SEGCORE_FAILED,
+       "setCurrentMarkerVector", Effect::kRefused},
+      {"processSegment null blended", R,
+       [marks](Buffers& b) { return marks(b), processSegment(0, 0, 0, nullptr, b.mask.data()); },
+       SEGCORE_FAILED, "processSegment", Effect::kRefused},
+      {"processSegment null mask", R,
+       [marks](Buffers& b) { return marks(b), processSegment(0, 0, 0, b.blended.data(), nullptr); },
+       SEGCORE_FAILED, "processSegment", Effect::kRefused},
+      {"processSegment both null", State::kEngine,
+       [marks](Buffers& b) { return marks(b), processSegment(0, 0, 0, nullptr, nullptr); }, SEGCORE_FAILED,
+       "processSegment", Effect::kRefused},
+      {"doSegmentationBB null pixels", R,
+       [](Buffers& b) { return doSegmentationBB(kW, kH, nullptr, 1, 1, 20, 20, b.mask.data()); },
+       SEGCORE_FAILED, "doSegmentationBB", Effect::kRefused},
+      {"doSegmentationBB null mask", R,
+       [](Buffers& b) { return doSegmentationBB(kW, kH, b.photo.data(), 1, 1, 20, 20, nullptr); },
+       SEGCORE_FAILED, "doSegmentationBB", Effect::kRefused},
+      {"loadMaskImageInfo null", R, voidCall([](Buffers&) { loadMaskImageInfo(nullptr); }), kNoStatus,
+       "loadMaskImageInfo", Effect::kRefused},
+      {"loadBlendedImageInfo null", R, voidCall([](Buffers&) { loadBlendedImageInfo(nullptr); }), kNoStatus,
+       "loadBlendedImageInfo", Effect::kRefused},
+      {"fetch_path_array null array", R, [](Buffers& b) { return fetch_path_array(nullptr, &b.count); },
+       SEGCORE_FAILED, "fetch_path_array", Effect::kRefused},
+      {"fetch_path_array null count", R, [](Buffers& b) { return fetch_path_array(&b.array, nullptr); },
+       SEGCORE_FAILED, "fetch_path_array", Effect::kRefused},
+      {"fetch_path_array both null", R, [](Buffers&) { return fetch_path_array(nullptr, nullptr); },
+       SEGCORE_FAILED, "fetch_path_array", Effect::kRefused},
+      {"undo null blended", R, [](Buffers& b) { return undo(nullptr, b.mask.data()); }, SEGCORE_FAILED, "undo",
+       Effect::kRefused},
+      {"undo null mask", R, [](Buffers& b) { return undo(b.blended.data(), nullptr); }, SEGCORE_FAILED, "undo",
+       Effect::kRefused},
+      {"redo null blended", R, [](Buffers& b) { return redo(nullptr, b.mask.data()); }, SEGCORE_FAILED, "redo",
+       Effect::kRefused},
+      {"redo null mask", R, [](Buffers& b) { return redo(b.blended.data(), nullptr); }, SEGCORE_FAILED, "redo",
+       Effect::kRefused},
+  };
+  runRows(rows);
+}
+
+TEST_F(BadArguments, OddCountsAndModesOutsideZeroToThreeAreRefused) {
+  std::vector<Row> rows;
+  for (int count : {1, 3, 5, INT_MAX}) {
+    rows.push_back({"setCurrentMarkerVector odd count " + std::to_string(count), State::kResult,
+                    [count](Buffers& b) { return setCurrentMarkerVector(count, b.coords.data()); },
+                    SEGCORE_FAILED, "setCurrentMarkerVector", Effect::kRefused});
+  }
+  for (int mode : {-1, 4, 5, 255, INT_MIN, INT_MAX}) {
+    rows.push_back({"setMarkerImage mode " + std::to_string(mode), State::kResult,
+                    [mode](Buffers& b) { return setMarkerImage(kW, kH, b.markers.data(), mode); },
+                    SEGCORE_FAILED, "setMarkerImage", Effect::kRefused});
+  }
+  runRows(rows);
+}
+
+// count < 1 empties the stroke without looking at the coordinates.
+TEST_F(BadArguments, CountsBelowOneEmptyTheStroke) {
+  std::vector<Row> rows;
+  for (int count : {0, -1, -2, -3, -4, INT_MIN}) {
+    for (bool null : {false, true}) {
+      rows.push_back({"setCurrentMarkerVector " + std::to_string(count) + (null ? ", null" : ""),
+                      State::kResult,
+                      [count, null](Buffers& b) {
+                        std::vector<int> points = strokePoints();
+                        setCurrentMarkerVector(static_cast<int>(points.size()), points.data());
+                        return setCurrentMarkerVector(count, null ? nullptr : b.coords.data());
+                      },
+                      0, "setCurrentMarkerVector", Effect::kKeeps, {}, false, [](Buffers& b) {
+                        EXPECT_EQ(b.coords, kCoords);
+                        EXPECT_TRUE(VELDSEMarker::currentStroke.points.empty());
+                      }});
+    }
+  }
+  runRows(rows);
+}
+
+TEST_F(BadArguments, CallsOutOfOrderAreRefused) {
+  auto request = [](const char* name, State s, int w, int h, bool process) -> Row {
+    return {std::string(name) + (w == kW && h == kH ? "" : " on a " + std::to_string(w) + " x " +
+                                                               std::to_string(h) + " marker grid"),
+            s,
+            [w, h, process](Buffers& b) {
+              std::vector<int> grid(static_cast<size_t>(w) * h, LABEL_FG);
+              std::vector<int> points = strokePoints();
+              setCurrentMarkerVector(static_cast<int>(points.size()), points.data());
+              setMarkerImage(w, h, grid.data(), 2);
+              return process ? processSegment(0, 0, 0, b.blended.data(), b.mask.data())
+                             : cutOutImage(0, 0, 0, b.blended.data(), b.mask.data());
+            },
+            SEGCORE_FAILED, name, Effect::kRefused};
+  };
+  auto history = [](const char* name, State s) -> Row {
+    const bool isUndo = std::string(name) == "undo";
+    return {name, s,
+            [isUndo](Buffers& b) {
+              return isUndo ? undo(b.blended.data(), b.mask.data()) : redo(b.blended.data(), b.mask.data());
+            },
+            SEGCORE_FAILED, name, Effect::kRefused};
+  };
+  auto loadMask = [](State s) -> Row {
+    return {"loadMaskImageInfo", s, voidCall([](Buffers& b) { loadMaskImageInfo(b.mask.data()); }), kNoStatus,
+            "loadMaskImageInfo", Effect::kRefused};
+  };
+  auto loadBlended = [](State s) -> Row {
+    return {"loadBlendedImageInfo", s, voidCall([](Buffers& b) { loadBlendedImageInfo(b.blended.data()); }),
+            kNoStatus, "loadBlendedImageInfo", Effect::kRefused};
+  };
+  auto init = [](State s) -> Row {
+    return {"initSegmentationEngine", s, [](Buffers&) { return initSegmentationEngine(0); }, SEGCORE_FAILED,
+            "initSegmentationEngine", Effect::kRefused};
+  };
+  auto noOutline = [](State s) -> Row {
+    return {"fetch_path_array without an outline", s,
+            [](Buffers& b) { return fetch_path_array(&b.array, &b.count); }, 0, "fetch_path_array",
+            Effect::kKeeps, {}, false, [](Buffers& b) {
+              ASSERT_NE(b.array, kArraySentinel);
+              EXPECT_EQ(b.count, 1);
+              EXPECT_EQ(b.array[0], 0);
+              delete[] b.array;
+            }};
+  };
+  const State N = State::kNone, T = State::kTornDown;
+  const std::vector<Row> rows = {
+      request("processSegment", N, kW, kH, true),
+      request("cutOutImage", N, kW, kH, false),
+      history("undo", N),
+      history("redo", N),
+      loadMask(N),
+      loadBlended(N),
+      init(N),
+      noOutline(N),
+      {"copySourceImage without a photo", N, voidCall([](Buffers& b) { copySourceImage(b.copy.data()); }),
+       kNoStatus, "copySourceImage", Effect::kKeeps, {}, false,
+       [](Buffers& b) { EXPECT_EQ(differing(b.copy, Pixels(kPixels, kPixelSentinel)), 0); }},
+      {"canUndo without a photo", N, [](Buffers&) { return canUndo(); }, 0, "canUndo", Effect::kKeeps},
+      {"canRedo without a photo", N, [](Buffers&) { return canRedo(); }, 0, "canRedo", Effect::kKeeps},
+      request("processSegment", State::kPhoto, kW, kH, true),
+      {"cutOutImage without a marker grid", State::kEngine,
+       [](Buffers& b) { return cutOutImage(0, 0, 0, b.blended.data(), b.mask.data()); }, SEGCORE_FAILED,
+       "cutOutImage", Effect::kRefused},
+      request("processSegment", State::kEngine, 10, 10, true),
+      request("processSegment", State::kResult, kW + 1, kH, true),
+      request("processSegment", State::kResult, kW, kH - 1, true),
+      request("cutOutImage", State::kEngine, 10, 10, false),
+      request("cutOutImage", State::kResult, kH, kW, false),
+      loadMask(State::kAfterRectangle),
+      loadBlended(State::kAfterRectangle),
+      loadMask(State::kResult),
+      loadBlended(State::kResult),
+      request("processSegment", T, kW, kH, true),
+      request("cutOutImage", T, kW, kH, false),
+      history("undo", T),
+      history("redo", T),
+      init(T),
+      noOutline(T),
+  };
+  runRows(rows);
+}
+
+// Codes outside 0-4 saturate to 0..255 and act as unknown: the cut is the
+// one of the same grid with the block left unknown.
+TEST_F(BadArguments, MarkerCodesOutsideZeroToFourActAsUnknown) {
+  auto cut = [](int extra) {
+    return [extra](Buffers& b) {
+      std::vector<int> points = strokePoints();
+      std::vector<int> grid = strokeGrid(LABEL_FG, extra);
+      setCurrentMarkerVector(static_cast<int>(points.size()), points.data());
+      const int set = setMarkerImage(kW, kH, grid.data(), 2);
+      const int cut = processSegment(0, 0, 0, b.blended.data(), b.mask.data());
+      return set != 0 ? set : cut;
+    };
+  };
+  std::vector<Row> rows;
+  for (int code : {-7, -1, 5, 255, 256, 300, INT_MIN, INT_MAX}) {
+    rows.push_back({"marker code " + std::to_string(code), State::kResult, cut(code), 0, "setMarkerImage",
+                    Effect::kChanges, {}, false, [](Buffers& b) { EXPECT_TRUE(twoValued(b.mask)); },
+                    [cut](Buffers& b) { cut(0)(b); }});
+  }
+  runRows(rows);
+}
+
+// Rectangles are taken as given: inverted, empty or outside the photo they
+// must not crash, and a mask that comes back holds only 0 and 255 (an empty
+// selection may leave the mask as it was, like an abandoned cut).
+TEST_F(BadArguments, OddRectanglesAreCutOrLeftAlone) {
+  struct Rect { int x1, y1, x2, y2; };
+  std::vector<Row> rows;
+  for (Rect r : std::vector<Rect>{{30, 5, 10, 30},
+                                  {10, 30, 30, 5},
+                                  {30, 30, 10, 5},
+                                  {10, 10, 10, 10},
+                                  {10, 5, 10, 30},
+                                  {5, 10, 30, 10},
+                                  {0, 0, kW - 1, kH - 1},
+                                  {-1, -1, kW, kH},
+                                  {-10, -10, 30, 20},
+                                  {100, 100, 200, 200},
+                                  {-50, -50, -10, -10},
+                                  {kW, 0, kW + 10, kH - 1},
+                                  {INT_MIN, INT_MIN, INT_MAX, INT_MAX},
+                                  {INT_MAX, INT_MAX, INT_MIN, INT_MIN},
+                                  {INT_MIN, 5, 30, INT_MAX},
+                                  {5, INT_MIN, INT_MAX, 20},
+                                  {INT_MAX - 1, INT_MAX - 1, INT_MAX, INT_MAX},
+                                  {INT_MIN, INT_MIN, INT_MIN + 1, INT_MIN + 1}}) {
+    rows.push_back({"rectangle (" + std::to_string(r.x1) + ", " + std::to_string(r.y1) + ") - (" +
+                        std::to_string(r.x2) + ", " + std::to_string(r.y2) + ")",
+                    State::kResult,
+                    [r](Buffers& b) { return doSegmentationBB(kW, kH, b.photo.data(), r.x1, r.y1, r.x2, r.y2, b.mask.data()); },
+                    0, "doSegmentationBB", Effect::kChanges, {}, false,
+                    [](Buffers& b) { EXPECT_TRUE(untouchedOrTwoValued(b.mask)); }});
+  }
+  runRows(rows);
+}
+
+}  // namespace
