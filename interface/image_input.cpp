@@ -2,10 +2,15 @@
 #include <android/log.h>
 #include <opencv2/core/core_c.h>
 
+#include <climits>
+#include <vector>
+
+#include "interface/boundary.h"
 #include "interface/segmentation_core.h"
 #include "interface/image_io.h"
 #include "interface/undo_redo.h"
 #include "interface/veldse_marker.h"
+#include "support/owned.h"
 #include "support/slices.h"
 
 namespace {
@@ -27,23 +32,54 @@ void convertRows(const unsigned int* pixels, int width, IplImage* image, int y0,
 }
 }  // namespace
 
-int setSourceImage(int width, int height, unsigned int* pixels) {
+// OpenCV keeps an image's row step and byte count in ints: a grid whose rows
+// or bytes do not fit cannot be made, and a product that wraps would make a
+// smaller one than asked for.
+bool fitsAnImage(int width, int height, int bytesPerPixel) {
+  const long long rowBytes = (static_cast<long long>(width) * bytesPerPixel + 3) / 4 * 4;
+  return rowBytes <= INT_MAX && rowBytes * height <= INT_MAX;
+}
+
+int storeSourceImage(int width, int height, unsigned int* pixels) {
   if (width < 1 || height < 1) logSizeError("setSourceImage", 115);
-  IplImage* image = cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 3);
+  // An empty photo is stored (nothing to copy) as it always was; a negative
+  // size cannot be.
+  if (width < 0 || height < 0) boundary::refuse("photo size %d x %d", width, height);
+  if (pixels == nullptr && width > 0 && height > 0) boundary::refuse("null pixel buffer");
+  if (!fitsAnImage(width, height, 3)) boundary::refuse("photo of %d x %d pixels is too large", width, height);
+  owned::Image image = owned::Image::create(cvSize(width, height), IPL_DEPTH_8U, 3);
   if (width >= 1 && height >= 1) {
     // Row slices side by side: the copy is the first touch of its pages.
+    IplImage* target = image.get();
     slices::forSlices(height, static_cast<long>(width) * height,
-                      [&](int y0, int y1) { convertRows(pixels, width, image, y0, y1); });
+                      [&](int y0, int y1) { convertRows(pixels, width, target, y0, y1); });
   }
+  // The history is sized from the stored size; should it not fit, the photo
+  // and the history stay as they were.
+  const int oldWidth = VELDSEMarker::m_originalWidth;
+  const int oldHeight = VELDSEMarker::m_originalHeight;
   VELDSEMarker::m_originalWidth = image->width;
   VELDSEMarker::m_originalHeight = image->height;
-  VELDSEMarker::m_originalImage = image;
-  VELDSEManageUndoRedo::allocate();
+  try {
+    VELDSEManageUndoRedo::allocate();
+  } catch (...) {
+    VELDSEMarker::m_originalWidth = oldWidth;
+    VELDSEMarker::m_originalHeight = oldHeight;
+    throw;
+  }
+  VELDSEMarker::m_originalImage = image.release();
   return 0;
 }
 
+int setSourceImage(int width, int height, unsigned int* pixels) {
+  return boundary::guardCall("setSourceImage", [&] { return storeSourceImage(width, height, pixels); });
+}
+
 void copySourceImage(unsigned int* out) {
-  writePlainPhoto(out);
+  boundary::guardVoidCall("copySourceImage", [&] {
+    if (out == nullptr && VELDSEMarker::m_originalImage != nullptr) boundary::refuse("null output buffer");
+    writePlainPhoto(out);
+  });
 }
 
 void writePlainPhoto(unsigned int* out) {
@@ -61,38 +97,51 @@ void writePlainPhoto(unsigned int* out) {
   }
 }
 
-int setMarkerImage(int width, int height, int* markers, int strokeType) {
+int storeMarkerImage(int width, int height, int* markers, int strokeType) {
   if (width < 1 || height < 1) logSizeError("setMarkerImage", 164);
+  if (width < 1 || height < 1) logSizeError("setMarkerImage", 173);
+  if (width < 0 || height < 0) boundary::refuse("marker grid size %d x %d", width, height);
+  if (markers == nullptr && width > 0 && height > 0) boundary::refuse("null marker buffer");
+  if (!fitsAnImage(width, height, 4)) boundary::refuse("marker grid of %d x %d is too large", width, height);
+  if (strokeType < 0 || strokeType > 3) boundary::refuse("marking mode %d (0 to 3)", strokeType);
   // A header over the caller's ints: converted to bytes (rounded, saturated)
   // without copying them first.
-  IplImage* header = cvCreateImageHeader(cvSize(width, height), IPL_DEPTH_32S, 1);
-  cvSetData(header, markers, width * static_cast<int>(sizeof(int)));
-  if (width < 1 || height < 1) logSizeError("setMarkerImage", 173);
-  g_markerImage = cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 1);
+  CvMat header = cvMat(height, width, CV_32SC1, markers);
+  owned::Image converted = owned::Image::create(cvSize(width, height), IPL_DEPTH_8U, 1);
   if (width >= 1 && height >= 1) {
     // Row slices side by side, each through its own rows of both images.
+    IplImage* target = converted.get();
     slices::forSlices(height, static_cast<long>(width) * height, [&](int y0, int y1) {
       CvMat in, out;
-      cvGetRows(header, &in, y0, y1);
-      cvGetRows(g_markerImage, &out, y0, y1);
+      cvGetRows(&header, &in, y0, y1);
+      cvGetRows(target, &out, y0, y1);
       cvConvertScale(&in, &out, 1.0, 0.0);
     });
-  } else {
-    cvConvertScale(header, g_markerImage, 1.0, 0.0);
   }
-  cvReleaseImageHeader(&header);
+  // Grids handed over twice without a request in between: the newer one
+  // counts, and the older one is released rather than lost.
+  releaseImage(g_markerImage);
+  g_markerImage = converted.release();
   VELDSEMarker::currentStroke.strokeType = strokeType;
   return 0;
 }
 
-int setCurrentMarkerVector(int count, int* coords) {
+int setMarkerImage(int width, int height, int* markers, int strokeType) {
+  return boundary::guardCall("setMarkerImage",
+                             [&] { return storeMarkerImage(width, height, markers, strokeType); });
+}
+
+int storeMarkerVector(int count, int* coords) {
+  if (count > 0 && coords == nullptr) boundary::refuse("null point list");
+  if (count > 0 && count % 2 != 0) boundary::refuse("odd count %d (two ints per point)", count);
   std::vector<int>& points = VELDSEMarker::currentStroke.points;
-  points.clear();
+  // Storage for the new points is had before the old ones go.
   if (count > static_cast<int>(points.capacity())) {
     std::vector<int> exact;
     exact.reserve(static_cast<size_t>(count));
     points.swap(exact);
   }
+  points.clear();
   if (count < 1) return 0;
   const int maxX = VELDSEMarker::m_originalWidth - 1;
   const int maxY = VELDSEMarker::m_originalHeight - 1;
@@ -107,4 +156,8 @@ int setCurrentMarkerVector(int count, int* coords) {
     points.push_back(y);
   }
   return 0;
+}
+
+int setCurrentMarkerVector(int count, int* coords) {
+  return boundary::guardCall("setCurrentMarkerVector", [&] { return storeMarkerVector(count, coords); });
 }

@@ -8,16 +8,17 @@
 #include <android/log.h>
 #include <opencv2/core/core_c.h>
 
+#include <memory>
+
 #include "engine/veldse_hybrid.h"
+#include "interface/boundary.h"
+#include "interface/context.h"
 #include "interface/segmentation_core.h"
 #include "interface/undo_redo.h"
 #include "interface/veldse_marker.h"
+#include "support/owned.h"
 
 namespace {
-
-void releaseImage(IplImage*& image) {
-  if (image != nullptr) cvReleaseImage(&image);
-}
 
 // The outline lives in `storage`: once the storage is gone, an outline that
 // was not fetched yet must not be handed out any more.
@@ -28,22 +29,78 @@ void releaseOutline() {
   g_contoursReady = 0;
 }
 
+// What an engine's initialisation changes in the context, kept aside while a
+// new engine is built: put back if the build fails, so that the context (and
+// an engine already there) goes on as before; released once the new engine
+// stands, as its initialisation would have released it.
+struct WorkingState {
+  float resizeFactor = g_imageResizeFactor;
+  IplImage* srcImage = VELDSEMarker::m_srcImage;
+  IplImage* texHor = VELDSEMarker::m_texHor;
+  IplImage* texVer = VELDSEMarker::m_texVer;
+  IplImage* labelImage = VELDSEMarker::m_labelImage;
+  int width = VELDSEMarker::m_width;
+  int height = VELDSEMarker::m_height;
+  bool greyScale = VELDSEMarker::m_isGreyScale;
+  bool homogenous = VELDSEMarker::m_isHomogenous;
+  bool exitApp = VELDSEMarker::m_exitApp.load();
+  double noiseLevel = VELDSEMarker::m_noiseLevel;
+
+  // The handles go with this record, so the new engine makes its own.
+  void detach() { VELDSEMarker::m_srcImage = VELDSEMarker::m_texHor = VELDSEMarker::m_texVer = nullptr; }
+  void restore() {
+    releaseImage(VELDSEMarker::m_srcImage);
+    releaseImage(VELDSEMarker::m_texHor);
+    releaseImage(VELDSEMarker::m_texVer);
+    g_imageResizeFactor = resizeFactor;
+    VELDSEMarker::m_srcImage = srcImage;
+    VELDSEMarker::m_texHor = texHor;
+    VELDSEMarker::m_texVer = texVer;
+    VELDSEMarker::m_labelImage = labelImage;
+    VELDSEMarker::m_width = width;
+    VELDSEMarker::m_height = height;
+    VELDSEMarker::m_isGreyScale = greyScale;
+    VELDSEMarker::m_isHomogenous = homogenous;
+    VELDSEMarker::m_exitApp.store(exitApp);
+    VELDSEMarker::m_noiseLevel = noiseLevel;
+  }
+  void discard() {
+    releaseImage(srcImage);
+    releaseImage(texHor);
+    releaseImage(texVer);
+  }
+};
+
 }  // namespace
 
-// Needs the photo (setSourceImage) first: the engine builds its working image
-// from it; without one the call is refused (logged, -1, nothing created). An
-// engine that already exists is not released here.
-int initSegmentationEngine(int /*unused*/) {
-  if (VELDSEMarker::m_originalImage == nullptr) {
-    __android_log_print(ANDROID_LOG_ERROR, "Error", "%s: no photo (setSourceImage first)",
-                        "initSegmentationEngine");
-    return -1;
+void startEngine() {
+  if (VELDSEMarker::m_originalImage == nullptr) boundary::refuse("no photo (setSourceImage first)");
+  if (VELDSEMarker::m_originalWidth < 1 || VELDSEMarker::m_originalHeight < 1) {
+    boundary::refuse("empty photo (%d x %d)", VELDSEMarker::m_originalWidth, VELDSEMarker::m_originalHeight);
   }
-  g_imageResizeFactor = 1.0f;
-  pHybrid = new VELDSEHybrid;
-  VELDSEMarker::initializer();
-  pHybrid->intializer();
-  return 0;
+  std::unique_ptr<VELDSEHybrid> engine(new VELDSEHybrid);
+  WorkingState before;
+  before.detach();
+  try {
+    g_imageResizeFactor = 1.0f;
+    VELDSEMarker::initializer();
+    engine->intializer();
+  } catch (...) {
+    before.restore();
+    throw;
+  }
+  before.discard();
+  pHybrid = engine.release();
+}
+
+// Needs the photo (setSourceImage) first: the engine builds its working image
+// from it; without one the call is refused. An engine that already exists is
+// not released here.
+int initSegmentationEngine(int /*unused*/) {
+  return boundary::guardCall("initSegmentationEngine", [] {
+    startEngine();
+    return 0;
+  });
 }
 
 int deinitSegmentation() {

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <new>
 
 #include "interface/veldse_marker.h"
 #include "support/slices.h"
@@ -80,11 +81,23 @@ PlaneToucher g_toucher;
 
 void VELDSEManageUndoRedo::allocate() {
   g_toucher.finish();
-  width = VELDSEMarker::m_originalWidth;
-  height = VELDSEMarker::m_originalHeight;
+  const int w = VELDSEMarker::m_originalWidth;
+  const int h = VELDSEMarker::m_originalHeight;
+  // All or nothing: the planes are built aside, and when memory runs out
+  // part-way what was built is freed and the history is left as it was.
   // Words are left uninitialised: only bits of written slots are ever read.
-  m_bitPlane = new unsigned int*[width > 0 ? width : 0];
-  for (int x = 0; x < width; ++x) m_bitPlane[x] = new unsigned int[height > 0 ? height : 0];
+  unsigned int** planes = new unsigned int*[w > 0 ? w : 0]();
+  try {
+    for (int x = 0; x < w; ++x) planes[x] = new unsigned int[h > 0 ? h : 0];
+  } catch (...) {
+    for (int x = 0; x < w; ++x) delete[] planes[x];
+    delete[] planes;
+    throw;
+  }
+  HistoryRollback::drop();
+  width = w;
+  height = h;
+  m_bitPlane = planes;
   m_top = m_bottom = m_current = 0;
   m_maxSize = 32;
   g_toucher.start(m_bitPlane, width, height);
@@ -92,6 +105,7 @@ void VELDSEManageUndoRedo::allocate() {
 
 void VELDSEManageUndoRedo::deallocate() {
   g_toucher.finish();
+  HistoryRollback::drop();
   if (m_bitPlane != nullptr) {
     for (int x = 0; x < width; ++x) delete[] m_bitPlane[x];
     delete[] m_bitPlane;
@@ -154,6 +168,7 @@ void readSlot(int k, int w, int h, IplImage* mask) {
 
 void writeSlot(int k, const IplImage* mask) {
   g_toucher.finish();
+  HistoryRollback::beforeOverwrite(k);
   const int w = VELDSEManageUndoRedo::width;
   const int h = VELDSEManageUndoRedo::height;
   slices::forSlices(w, static_cast<long>(w) * h, [&](int xa, int xb) { writeColumns(k, xa, xb, h, mask); });
@@ -169,7 +184,9 @@ IplImage* VELDSEManageUndoRedo::getMask(int k) {
     __android_log_print(ANDROID_LOG_ERROR, "Error", "MEMORY_CRASH : %s %d", "getMask", 92);
   }
   IplImage* mask = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, 1);
-  if (k >= 32) {
+  // Planes of another photo, or none (a call straight into the history
+  // without a context), have no bits for this one.
+  if (k >= 32 || m_bitPlane == nullptr || width != w || height != h) {
     cvSetZero(mask);
     return mask;
   }
@@ -177,9 +194,21 @@ IplImage* VELDSEManageUndoRedo::getMask(int k) {
   return mask;
 }
 
-void VELDSEManageUndoRedo::setMask(int k, IplImage* mask) { writeSlot(k, mask); }
+namespace {
+// A mask can be written only into planes of its own size.
+bool writable(const IplImage* mask) {
+  return mask != nullptr && VELDSEManageUndoRedo::m_bitPlane != nullptr &&
+         mask->width == VELDSEManageUndoRedo::width && mask->height == VELDSEManageUndoRedo::height;
+}
+}  // namespace
+
+void VELDSEManageUndoRedo::setMask(int k, IplImage* mask) {
+  if (k < 0 || k >= 32 || !writable(mask)) return;
+  writeSlot(k, mask);
+}
 
 void VELDSEManageUndoRedo::updateBitPlane(IplImage* mask) {
+  if (!writable(mask)) return;
   writeSlot(m_current, mask);
   m_current = next(m_current);
   m_top = m_current;
@@ -209,3 +238,86 @@ bool VELDSEManageUndoRedo::canUndo() {
 }
 
 bool VELDSEManageUndoRedo::canRedo() { return m_current != m_top; }
+
+// --- Rollback of a failed call ---------------------------------------------
+
+namespace {
+HistoryRollback* g_activeRollback = nullptr;
+
+// Whether slot k holds a step: the steps are the slots from m_bottom up to,
+// not including, m_top, round the ring.
+bool holdsStep(int k) {
+  const int size = VELDSEManageUndoRedo::m_maxSize;
+  if (size < 1 || k < 0 || k >= size) return false;
+  const int bottom = VELDSEManageUndoRedo::m_bottom;
+  const int steps = ((VELDSEManageUndoRedo::m_top - bottom) % size + size) % size;
+  return ((k - bottom) % size + size) % size < steps;
+}
+
+long bitWords() {
+  return (static_cast<long>(VELDSEManageUndoRedo::width) * VELDSEManageUndoRedo::height + 31) / 32;
+}
+}  // namespace
+
+HistoryRollback::HistoryRollback()
+    : planes_(VELDSEManageUndoRedo::m_bitPlane),
+      current_(VELDSEManageUndoRedo::m_current),
+      top_(VELDSEManageUndoRedo::m_top),
+      bottom_(VELDSEManageUndoRedo::m_bottom) {
+  g_activeRollback = this;
+}
+
+HistoryRollback::~HistoryRollback() {
+  if (active_ && g_activeRollback == this) restore();
+  for (int i = 0; i < savedCount_; ++i) delete[] saved_[i].bits;
+  if (g_activeRollback == this) g_activeRollback = nullptr;
+}
+
+void HistoryRollback::commit() {
+  active_ = false;
+  if (g_activeRollback == this) g_activeRollback = nullptr;
+}
+
+void HistoryRollback::drop() {
+  if (g_activeRollback != nullptr) g_activeRollback->active_ = false;
+  g_activeRollback = nullptr;
+}
+
+void HistoryRollback::beforeOverwrite(int k) {
+  HistoryRollback* r = g_activeRollback;
+  if (r == nullptr || VELDSEManageUndoRedo::m_bitPlane != r->planes_) return;
+  if (!holdsStep(k)) return;
+  for (int i = 0; i < r->savedCount_; ++i) {
+    if (r->saved_[i].slot == k) return;
+  }
+  if (r->savedCount_ == kMaxSaved) throw std::bad_alloc();
+  unsigned int* bits = new unsigned int[bitWords()]();
+  const int w = VELDSEManageUndoRedo::width;
+  const int h = VELDSEManageUndoRedo::height;
+  long i = 0;
+  for (int x = 0; x < w; ++x) {
+    const unsigned int* column = VELDSEManageUndoRedo::m_bitPlane[x];
+    for (int y = 0; y < h; ++y, ++i) bits[i >> 5] |= ((column[y] >> k) & 1u) << (i & 31);
+  }
+  r->saved_[r->savedCount_++] = SavedSlot{k, bits};
+}
+
+void HistoryRollback::restore() {
+  if (VELDSEManageUndoRedo::m_bitPlane != planes_ || planes_ == nullptr) return;
+  const int w = VELDSEManageUndoRedo::width;
+  const int h = VELDSEManageUndoRedo::height;
+  for (int s = 0; s < savedCount_; ++s) {
+    const unsigned int bit = 1u << saved_[s].slot;
+    const unsigned int* bits = saved_[s].bits;
+    long i = 0;
+    for (int x = 0; x < w; ++x) {
+      unsigned int* column = VELDSEManageUndoRedo::m_bitPlane[x];
+      for (int y = 0; y < h; ++y, ++i) {
+        if ((bits[i >> 5] >> (i & 31)) & 1u) column[y] |= bit; else column[y] &= ~bit;
+      }
+    }
+  }
+  VELDSEManageUndoRedo::m_current = current_;
+  VELDSEManageUndoRedo::m_top = top_;
+  VELDSEManageUndoRedo::m_bottom = bottom_;
+}

@@ -23,18 +23,24 @@ class VELDSEManageUndoRedo {
   static int height;
 
   // Sizes the planes for the stored photo and empties the history. Does not
-  // release an earlier allocation (deallocate() does).
+  // release an earlier allocation (deallocate() does). All or nothing: when
+  // memory runs out it raises std::bad_alloc and the history is untouched.
   static void allocate();
   static void deallocate();
   // Empties the history; the planes stay.
   static void reset();
 
   // New 8U C1 image of the photo's size, 255 where bit k is set; null for k < 0,
-  // all zero for k >= 32. The caller releases it.
+  // all zero for k >= 32 (and when no planes of the photo's size exist). The
+  // caller releases it. Raises cv::Exception when memory runs out.
   static IplImage* getMask(int k);
-  // Writes slot k from a mask without moving any index.
+  // Writes slot k (0..31) from a mask of the planes' size without moving any
+  // index; anything else is ignored.
   static void setMask(int k, IplImage* mask);
-  // Records a new mask (non-zero = object); discards the redo steps.
+  // Records a new mask (non-zero = object); discards the redo steps. A mask
+  // of another size than the planes (or no planes) is ignored. Within a call
+  // that holds a HistoryRollback it may raise std::bad_alloc, before anything
+  // changed.
   static void updateBitPlane(IplImage* mask);
   // The mask on screen, or null when only the photo is.
   static IplImage* prevMask();
@@ -50,6 +56,52 @@ class VELDSEManageUndoRedo {
 
   static int previous(int i) { return ((i <= 1 ? i + m_maxSize : i) - 1) % m_maxSize; }
   static int next(int i) { return (i + 1) % m_maxSize; }
+};
+
+// What a failed call did to the history, undone.
+//
+// An exported call that may record or step through the history declares one
+// of these first. Unless commit() is reached, its destructor puts back the
+// three indices and the bits of every slot the call overwrote while that slot
+// still held a step (a redo step discarded by a new recording): canUndo,
+// canRedo, undo and redo then answer exactly as before the call. Slots
+// outside the steps need no saving: no step reads them.
+//
+// Cost: nothing unless a step is overwritten (a recording after an undo);
+// then, before the slot is written, its bits are copied aside: one bit per
+// photo pixel, allocated up front (if that fails, the write fails before
+// anything changed). Restoring allocates nothing. One rollback is active at a
+// time (the library runs one call at a time); the planes must not be
+// reallocated while it is active (deallocate() drops it).
+class HistoryRollback {
+ public:
+  HistoryRollback();
+  ~HistoryRollback();
+  HistoryRollback(const HistoryRollback&) = delete;
+  HistoryRollback& operator=(const HistoryRollback&) = delete;
+  // The call succeeded: keep what it did.
+  void commit();
+
+  // Called by the history before slot k is overwritten; saves the slot when
+  // it holds a step. Throws std::bad_alloc when its copy cannot be had.
+  static void beforeOverwrite(int k);
+  // Forgets the active rollback (the planes it refers to are going away).
+  static void drop();
+
+ private:
+  struct SavedSlot {
+    int slot;
+    unsigned int* bits;  // one bit per pixel, column by column
+  };
+  static constexpr int kMaxSaved = 32;
+
+  void restore();
+
+  unsigned int** planes_;
+  int current_, top_, bottom_;
+  SavedSlot saved_[kMaxSaved];
+  int savedCount_ = 0;
+  bool active_ = true;
 };
 
 #endif

@@ -311,7 +311,7 @@ TEST_F(ExitProtocol, RequestsAfterATeardownAreRefused) {
     // would leak (LeakSanitizer fails the sanitizer run on it).
     ASSERT_EQ(setMarkerImage(240, 180, markers.data(), 0), 0);
     ASSERT_NE(g_markerImage, nullptr);
-    EXPECT_EQ(testsupport::logged([&] { EXPECT_EQ(call(blended.data(), mask.data()), -1); }),
+    EXPECT_EQ(testsupport::logged([&] { EXPECT_EQ(call(blended.data(), mask.data()), SEGCORE_FAILED); }),
               testsupport::Lines{"E/Error: " + std::string(name) + ": no segmentation context"});
     EXPECT_EQ(blended, Pixels(blended.size(), 5u));
     EXPECT_EQ(mask, Bytes(mask.size(), 77));
@@ -319,7 +319,7 @@ TEST_F(ExitProtocol, RequestsAfterATeardownAreRefused) {
     EXPECT_EQ(g_exitStatus.load(), 0);
   }
   freeLocalBuffers();
-  EXPECT_EQ(testsupport::logged([] { EXPECT_EQ(initSegmentationEngine(0), -1); }),
+  EXPECT_EQ(testsupport::logged([] { EXPECT_EQ(initSegmentationEngine(0), SEGCORE_FAILED); }),
             testsupport::Lines{"E/Error: initSegmentationEngine: no photo (setSourceImage first)"});
   EXPECT_EQ(pHybrid, nullptr);
 }
