@@ -3,10 +3,14 @@
 #include <android/log.h>
 
 #include <cfloat>
+#include <climits>
 #include <cmath>
 #include <iostream>
+#include <new>
 #include <stdexcept>
 #include <utility>
+
+#include "interface/boundary.h"
 
 const int kPathNeighbourRow[kPathNeighbours] = {1, 0, -1, -1, -1, 0, 1, 1};
 const int kPathNeighbourCol[kPathNeighbours] = {1, 1, 1, 0, -1, -1, -1, 0};
@@ -41,6 +45,16 @@ std::vector<Node_> runSearch(IplImage* src, IplImage* label, int r, int c, doubl
   }
   const int rows = src->height;
   const int cols = src->width;
+  // The colour steps read three bytes per pixel, the label steps one byte of
+  // an image of the same size.
+  if (src->depth != IPL_DEPTH_8U || src->nChannels != 3 || rows < 1 || cols < 1) {
+    boundary::refuse("source image must be 8-bit, 3 channels, not empty");
+  }
+  if (label != nullptr && (label->depth != IPL_DEPTH_8U || label->nChannels != 1 ||
+                           label->width != cols || label->height != rows)) {
+    boundary::refuse("label image must be 8-bit, 1 channel, of the source's size");
+  }
+  if (static_cast<long long>(rows) * cols > INT_MAX / 8) throw std::bad_alloc();
   const int n = rows * cols;
   const long long flatSeed = static_cast<long long>(r) * cols + c;
   if (flatSeed < 0 || flatSeed >= n) {
@@ -217,10 +231,8 @@ void assign_weight(IplImage* src, IplImage* label, Node_& node, int r, int c, do
 std::vector<int> find_parent_info(IplImage* src, IplImage* label, int r, int c, double alpha) {
   try {
     return parentsOf(runSearch(src, label, r, c, alpha));
-  } catch (const std::exception& e) {
-    __android_log_print(ANDROID_LOG_ERROR, "Error", "find_parent_info: %s", e.what());
   } catch (...) {
-    __android_log_print(ANDROID_LOG_ERROR, "Error", "find_parent_info: unknown failure");
+    boundary::failed("find_parent_info");
   }
   return {};
 }
@@ -229,10 +241,8 @@ std::vector<int> find_parent_info(IplImage* src, IplImage* label, int r, int c, 
                                   IplImage* out) {
   try {
     return markParents(runSearch(src, label, r, c, alpha), src, out);
-  } catch (const std::exception& e) {
-    __android_log_print(ANDROID_LOG_ERROR, "Error", "find_parent_info: %s", e.what());
   } catch (...) {
-    __android_log_print(ANDROID_LOG_ERROR, "Error", "find_parent_info: unknown failure");
+    boundary::failed("find_parent_info");
   }
   return {};
 }

@@ -244,13 +244,12 @@ bool VELDSEManageUndoRedo::canRedo() { return m_current != m_top; }
 namespace {
 HistoryRollback* g_activeRollback = nullptr;
 
-// Whether slot k holds a step: the steps are the slots from m_bottom up to,
-// not including, m_top, round the ring.
-bool holdsStep(int k) {
+// Whether slot k holds a step of a history whose steps are the slots from
+// `bottom` up to, not including, `top`, round the ring.
+bool holdsStep(int k, int bottom, int top) {
   const int size = VELDSEManageUndoRedo::m_maxSize;
   if (size < 1 || k < 0 || k >= size) return false;
-  const int bottom = VELDSEManageUndoRedo::m_bottom;
-  const int steps = ((VELDSEManageUndoRedo::m_top - bottom) % size + size) % size;
+  const int steps = ((top - bottom) % size + size) % size;
   return ((k - bottom) % size + size) % size < steps;
 }
 
@@ -286,7 +285,10 @@ void HistoryRollback::drop() {
 void HistoryRollback::beforeOverwrite(int k) {
   HistoryRollback* r = g_activeRollback;
   if (r == nullptr || VELDSEManageUndoRedo::m_bitPlane != r->planes_) return;
-  if (!holdsStep(k)) return;
+  // Judged by the history as the call found it: a second recording of the
+  // same call may write a slot that the first one already cut off from the
+  // steps.
+  if (!holdsStep(k, r->bottom_, r->top_)) return;
   for (int i = 0; i < r->savedCount_; ++i) {
     if (r->saved_[i].slot == k) return;
   }

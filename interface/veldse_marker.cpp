@@ -1,10 +1,6 @@
 #include "interface/veldse_marker.h"
 
-namespace {
-void releaseImage(IplImage*& image) {
-  if (image != nullptr) cvReleaseImage(&image);
-}
-}  // namespace
+#include "support/owned.h"
 
 IplImage* VELDSEMarker::m_originalImage = nullptr;
 int VELDSEMarker::m_originalWidth = 0;

@@ -111,4 +111,44 @@ TEST(UndoRedoLargePhoto, MaskRecordedWhileFreshPlanesAreTouchedComesBackWhole) {
   VELDSEMarker::m_originalWidth = VELDSEMarker::m_originalHeight = 0;
 }
 
+// A call that fails after recording leaves the history as it found it: the
+// indices, and the bits of a redo step the recording overwrote. Cases: a
+// plain recording at the top, recordings after one and after two undos (the
+// overwritten slot held a redo step, or the step at the bottom), a wrapped
+// ring, and a rollback that commits (the recording stays).
+TEST_F(UndoRedo, RollbackRestoresIndicesAndOverwrittenStep) {
+  const struct { const char* name; int records, undos; bool commit; } cases[] = {
+      {"record at the top", 3, 0, false},     {"record after one undo", 3, 1, false},
+      {"record after undoing all", 3, 3, false}, {"wrapped ring, after two undos", 40, 2, false},
+      {"committed", 3, 1, true}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    H::reset();
+    for (int i = 0; i < c.records; ++i) record(i);
+    for (int i = 0; i < c.undos; ++i) identify(H::undo());
+    const int current = H::m_current, top = H::m_top, bottom = H::m_bottom;
+    // Every step's mask as it is before the failing call.
+    std::vector<int> before;
+    for (int k = 0; k < H::m_maxSize; ++k) before.push_back(identify(H::getMask(k)));
+    {
+      HistoryRollback rollback;
+      record(99);
+      record(98);
+      if (c.commit) rollback.commit();
+    }
+    if (c.commit) {
+      EXPECT_EQ(identify(H::prevMask()), 98 % (kW * kH));
+      continue;
+    }
+    EXPECT_EQ(H::m_current, current);
+    EXPECT_EQ(H::m_top, top);
+    EXPECT_EQ(H::m_bottom, bottom);
+    // The slots that hold steps (bottom .. top-1) read back as before.
+    for (int k = bottom; k != top; k = H::next(k)) {
+      SCOPED_TRACE(::testing::Message() << "slot " << k);
+      EXPECT_EQ(identify(H::getMask(k)), before[k]);
+    }
+  }
+}
+
 }  // namespace
