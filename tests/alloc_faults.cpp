@@ -1,0 +1,516 @@
+// Allocation failures on demand (tests/alloc_faults.h), by interposition.
+//
+// The program defines the allocation functions itself; the dynamic linker
+// binds every call in the process, the shared libraries' included, to the
+// program's definitions first. Each definition decides whether this is the
+// armed allocation and otherwise hands the call to the next definition in
+// the search order (dlsym(RTLD_NEXT)), so glibc, or the sanitizer runtime
+// under AddressSanitizer, still does the real work; that keeps LeakSanitizer's
+// accounting and ASan's checks intact, which a private heap would defeat.
+//
+// Layers. libstdc++'s operator new calls malloc, its nothrow new calls the
+// throwing one, glibc's pthread_create allocates the thread's bookkeeping:
+// those inner calls land here again. A per-thread depth tells them apart:
+// only the outermost call is an allocation point that can fail, and a block
+// is counted as live by the innermost layer that made it (under ASan,
+// operator new does not go through malloc, so there the outer layer counts
+// it). Either way each block is counted once, and released once.
+//
+// Bootstrap. dlsym itself may allocate (dlerror's buffer) before the next
+// definitions are known. Those requests, and any made by another thread
+// while the lookup runs, are served from a static buffer whose blocks are
+// never given back; free ignores them. glibc's __libc_malloc would do as a
+// fallback in the plain build, but under ASan a block from it handed to the
+// sanitizer's free is reported as a bad free, so the buffer serves both.
+#include "tests/alloc_faults.h"
+
+#include <dlfcn.h>
+#include <errno.h>
+#include <pthread.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <atomic>
+#include <new>
+
+namespace {
+
+using MallocFn = void* (*)(size_t);
+using CallocFn = void* (*)(size_t, size_t);
+using ReallocFn = void* (*)(void*, size_t);
+using FreeFn = void (*)(void*);
+using PosixMemalignFn = int (*)(void**, size_t, size_t);
+using AlignedFn = void* (*)(size_t, size_t);
+using NewFn = void* (*)(size_t);
+using NewNothrowFn = void* (*)(size_t, const std::nothrow_t&);
+using NewAlignedFn = void* (*)(size_t, std::align_val_t);
+using NewAlignedNothrowFn = void* (*)(size_t, std::align_val_t, const std::nothrow_t&);
+using DeleteFn = void (*)(void*);
+using DeleteSizedFn = void (*)(void*, size_t);
+using DeleteAlignedFn = void (*)(void*, std::align_val_t);
+using DeleteSizedAlignedFn = void (*)(void*, size_t, std::align_val_t);
+using DeleteNothrowFn = void (*)(void*, const std::nothrow_t&);
+using DeleteAlignedNothrowFn = void (*)(void*, std::align_val_t, const std::nothrow_t&);
+using PthreadCreateFn = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+
+// The next definitions; index 0 is the single object, 1 the array form.
+struct Next {
+  MallocFn malloc;
+  CallocFn calloc;
+  ReallocFn realloc;
+  FreeFn free;
+  PosixMemalignFn posixMemalign;
+  AlignedFn alignedAlloc;
+  AlignedFn memalign;
+  MallocFn valloc;
+  MallocFn pvalloc;
+  NewFn newPlain[2];
+  NewNothrowFn newNothrow[2];
+  NewAlignedFn newAligned[2];
+  NewAlignedNothrowFn newAlignedNothrow[2];
+  DeleteFn del[2];
+  DeleteSizedFn delSized[2];
+  DeleteAlignedFn delAligned[2];
+  DeleteSizedAlignedFn delSizedAligned[2];
+  DeleteNothrowFn delNothrow[2];
+  DeleteAlignedNothrowFn delAlignedNothrow[2];
+  PthreadCreateFn pthreadCreate;
+};
+Next g_next;
+
+// 0 unresolved, 1 lookup running, 2 resolved.
+std::atomic<int> g_state{0};
+
+template <class Fn>
+void look(Fn& fn, const char* name) {
+  fn = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
+}
+
+void resolve() {
+  int expected = 0;
+  if (!g_state.compare_exchange_strong(expected, 1)) return;
+  Next& n = g_next;
+  look(n.malloc, "malloc");
+  look(n.calloc, "calloc");
+  look(n.realloc, "realloc");
+  look(n.free, "free");
+  look(n.posixMemalign, "posix_memalign");
+  look(n.alignedAlloc, "aligned_alloc");
+  look(n.memalign, "memalign");
+  look(n.valloc, "valloc");
+  look(n.pvalloc, "pvalloc");
+  look(n.newPlain[0], "_Znwm");
+  look(n.newPlain[1], "_Znam");
+  look(n.newNothrow[0], "_ZnwmRKSt9nothrow_t");
+  look(n.newNothrow[1], "_ZnamRKSt9nothrow_t");
+  look(n.newAligned[0], "_ZnwmSt11align_val_t");
+  look(n.newAligned[1], "_ZnamSt11align_val_t");
+  look(n.newAlignedNothrow[0], "_ZnwmSt11align_val_tRKSt9nothrow_t");
+  look(n.newAlignedNothrow[1], "_ZnamSt11align_val_tRKSt9nothrow_t");
+  look(n.del[0], "_ZdlPv");
+  look(n.del[1], "_ZdaPv");
+  look(n.delSized[0], "_ZdlPvm");
+  look(n.delSized[1], "_ZdaPvm");
+  look(n.delAligned[0], "_ZdlPvSt11align_val_t");
+  look(n.delAligned[1], "_ZdaPvSt11align_val_t");
+  look(n.delSizedAligned[0], "_ZdlPvmSt11align_val_t");
+  look(n.delSizedAligned[1], "_ZdaPvmSt11align_val_t");
+  look(n.delNothrow[0], "_ZdlPvRKSt9nothrow_t");
+  look(n.delNothrow[1], "_ZdaPvRKSt9nothrow_t");
+  look(n.delAlignedNothrow[0], "_ZdlPvSt11align_val_tRKSt9nothrow_t");
+  look(n.delAlignedNothrow[1], "_ZdaPvSt11align_val_tRKSt9nothrow_t");
+  look(n.pthreadCreate, "pthread_create");
+  // Without these four nothing can be served; the C++ forms fall back on them.
+  if (n.malloc == nullptr || n.calloc == nullptr || n.realloc == nullptr || n.free == nullptr ||
+      n.posixMemalign == nullptr) {
+    abort();
+  }
+  g_state.store(2, std::memory_order_release);
+}
+
+inline bool ready() {
+  if (g_state.load(std::memory_order_acquire) == 2) return true;
+  resolve();
+  return g_state.load(std::memory_order_acquire) == 2;
+}
+
+// --- Bootstrap buffer -------------------------------------------------------
+
+constexpr size_t kBootBytes = 256 * 1024;
+constexpr size_t kBootHeader = 16;  // the block's size, kept in front of it
+alignas(64) unsigned char g_boot[kBootBytes];
+std::atomic<size_t> g_bootUsed{0};
+
+bool fromBoot(const void* p) {
+  const unsigned char* c = static_cast<const unsigned char*>(p);
+  return c >= g_boot && c < g_boot + kBootBytes;
+}
+
+void* bootAlloc(size_t n, size_t align = 16) {
+  if (align < 16) align = 16;
+  size_t start, next;
+  size_t used = g_bootUsed.load();
+  do {
+    start = (used + kBootHeader + align - 1) & ~(align - 1);
+    next = start + n;
+    if (next > kBootBytes || next < start) abort();  // the lookup never needs this much
+  } while (!g_bootUsed.compare_exchange_weak(used, next));
+  memcpy(g_boot + start - sizeof(size_t), &n, sizeof(size_t));
+  return g_boot + start;  // zero: the buffer is static and never reused
+}
+
+size_t bootSize(const void* p) {
+  size_t n;
+  memcpy(&n, static_cast<const unsigned char*>(p) - sizeof(size_t), sizeof(size_t));
+  return n;
+}
+
+// --- Counting ---------------------------------------------------------------
+
+std::atomic<bool> g_counting{false};
+std::atomic<long> g_count{0};
+std::atomic<long> g_failIndex{-1};
+std::atomic<bool> g_fired{false};
+std::atomic<long> g_live{0};
+
+// Whether the allocation point being passed is the armed one. Only one
+// allocation can match the index, so at most one fails per arming.
+bool armedHere() {
+  if (!g_counting.load(std::memory_order_acquire)) return false;
+  const long k = g_count.fetch_add(1);
+  if (k != g_failIndex.load(std::memory_order_relaxed)) return false;
+  g_fired.store(true);
+  return true;
+}
+
+__thread int t_depth __attribute__((tls_model("initial-exec"))) = 0;
+// Set once a layer below the current one has counted a block made or
+// released, so that the layers above leave it alone.
+__thread bool t_counted __attribute__((tls_model("initial-exec"))) = false;
+
+// One call through the replacements, from entry to return.
+class Layer {
+ public:
+  Layer() : saved_(t_counted) {
+    ++t_depth;
+    t_counted = false;
+  }
+  ~Layer() {
+    --t_depth;
+    t_counted = saved_ || mine_;
+  }
+  Layer(const Layer&) = delete;
+  Layer& operator=(const Layer&) = delete;
+
+  // Whether this call is an allocation point of the caller's (not one made
+  // inside another replacement) and is the armed one.
+  bool fails() const { return t_depth == 1 && armedHere(); }
+  // Records `delta` live blocks unless a layer below did.
+  void count(long delta) {
+    if (delta != 0 && !t_counted) g_live.fetch_add(delta, std::memory_order_relaxed);
+    mine_ = mine_ || delta != 0 || t_counted;
+  }
+  void made(const void* p) { count(p != nullptr ? 1 : 0); }
+
+ private:
+  bool saved_;
+  bool mine_ = false;
+};
+
+// --- Shared bodies ----------------------------------------------------------
+
+void* plainAlloc(size_t n) {
+  if (!ready()) return bootAlloc(n);
+  Layer layer;
+  if (layer.fails()) return nullptr;
+  void* p = g_next.malloc(n);
+  layer.made(p);
+  return p;
+}
+
+void release(void* p) {
+  if (p == nullptr || fromBoot(p)) return;
+  Layer layer;
+  g_next.free(p);
+  layer.count(-1);
+}
+
+int alignedAlloc(void** out, size_t align, size_t n) {
+  if (!ready()) {
+    *out = bootAlloc(n, align);
+    return 0;
+  }
+  Layer layer;
+  if (layer.fails()) return ENOMEM;
+  const int rc = g_next.posixMemalign(out, align, n);
+  layer.made(rc == 0 ? *out : nullptr);
+  return rc;
+}
+
+// The C++ forms. `array` picks new / new[]; a missing next form (it is never
+// missing with libstdc++ or the sanitizer runtimes) would fall back on the C
+// allocator.
+void* newBody(size_t n, int array, bool* failed) {
+  if (!ready()) return bootAlloc(n);
+  Layer layer;
+  if (layer.fails()) {
+    *failed = true;
+    return nullptr;
+  }
+  void* p = g_next.newPlain[array] != nullptr ? g_next.newPlain[array](n) : g_next.malloc(n ? n : 1);
+  layer.made(p);
+  return p;
+}
+
+void* newNothrowBody(size_t n, int array) {
+  if (!ready()) return bootAlloc(n);
+  Layer layer;
+  if (layer.fails()) return nullptr;
+  void* p = g_next.newNothrow[array] != nullptr ? g_next.newNothrow[array](n, std::nothrow)
+                                                : g_next.malloc(n ? n : 1);
+  layer.made(p);
+  return p;
+}
+
+void* newAlignedBody(size_t n, std::align_val_t a, int array, bool* failed) {
+  if (!ready()) return bootAlloc(n, static_cast<size_t>(a));
+  Layer layer;
+  if (layer.fails()) {
+    *failed = true;
+    return nullptr;
+  }
+  void* p = nullptr;
+  if (g_next.newAligned[array] != nullptr) {
+    p = g_next.newAligned[array](n, a);
+  } else if (g_next.posixMemalign(&p, static_cast<size_t>(a), n ? n : 1) != 0) {
+    p = nullptr;
+  }
+  layer.made(p);
+  return p;
+}
+
+void* newAlignedNothrowBody(size_t n, std::align_val_t a, int array) {
+  if (!ready()) return bootAlloc(n, static_cast<size_t>(a));
+  Layer layer;
+  if (layer.fails()) return nullptr;
+  void* p = nullptr;
+  if (g_next.newAlignedNothrow[array] != nullptr) {
+    p = g_next.newAlignedNothrow[array](n, a, std::nothrow);
+  } else if (g_next.posixMemalign(&p, static_cast<size_t>(a), n ? n : 1) != 0) {
+    p = nullptr;
+  }
+  layer.made(p);
+  return p;
+}
+
+// Every delete form goes to its own next form (the sanitizer compares the
+// form of new and delete), or to free.
+template <class Call>
+void deleteBody(void* p, bool haveNext, Call&& call) {
+  if (p == nullptr || fromBoot(p)) return;
+  Layer layer;
+  if (haveNext) {
+    call();
+  } else {
+    g_next.free(p);
+  }
+  layer.count(-1);
+}
+
+}  // namespace
+
+namespace alloc_faults {
+
+void failAt(long n) {
+  g_counting.store(false);
+  g_count.store(0);
+  g_fired.store(false);
+  g_failIndex.store(n < 0 ? -1 : n);
+  g_counting.store(true, std::memory_order_release);
+}
+
+void stop() { g_counting.store(false, std::memory_order_release); }
+
+long counted() { return g_count.load(); }
+
+bool fired() { return g_fired.load(); }
+
+long liveBlocks() { return g_live.load(); }
+
+}  // namespace alloc_faults
+
+// --- The C allocator ----------------------------------------------------------
+
+extern "C" {
+
+void* malloc(size_t n) { return plainAlloc(n); }
+
+void free(void* p) { release(p); }
+
+void* calloc(size_t count, size_t size) {
+  if (!ready()) {
+    if (size != 0 && count > SIZE_MAX / size) return nullptr;
+    return bootAlloc(count * size);
+  }
+  Layer layer;
+  if (layer.fails()) return nullptr;
+  void* p = g_next.calloc(count, size);
+  layer.made(p);
+  return p;
+}
+
+void* realloc(void* p, size_t n) {
+  if (p == nullptr) return plainAlloc(n);
+  if (fromBoot(p)) {
+    // Moved out of the buffer; the old block stays there.
+    void* q = plainAlloc(n);
+    if (q != nullptr) {
+      const size_t old = bootSize(p);
+      memcpy(q, p, old < n ? old : n);
+    }
+    return q;
+  }
+  Layer layer;
+  // realloc(p, 0) releases p: not an allocation point.
+  if (n != 0 && layer.fails()) return nullptr;  // p stays valid, as on a real failure
+  void* q = g_next.realloc(p, n);
+  // Grown or moved: still one block. Released by a zero size: one less.
+  if (n == 0 && q == nullptr) layer.count(-1); else layer.count(0);
+  return q;
+}
+
+void* reallocarray(void* p, size_t count, size_t size) {
+  if (size != 0 && count > SIZE_MAX / size) {
+    errno = ENOMEM;
+    return nullptr;
+  }
+  return realloc(p, count * size);
+}
+
+int posix_memalign(void** out, size_t align, size_t n) { return alignedAlloc(out, align, n); }
+
+void* aligned_alloc(size_t align, size_t n) {
+  if (!ready()) return bootAlloc(n, align);
+  Layer layer;
+  if (layer.fails()) return nullptr;
+  void* p = g_next.alignedAlloc != nullptr ? g_next.alignedAlloc(align, n) : nullptr;
+  layer.made(p);
+  return p;
+}
+
+void* memalign(size_t align, size_t n) {
+  if (!ready()) return bootAlloc(n, align);
+  Layer layer;
+  if (layer.fails()) return nullptr;
+  void* p = g_next.memalign != nullptr ? g_next.memalign(align, n) : nullptr;
+  layer.made(p);
+  return p;
+}
+
+void* valloc(size_t n) {
+  if (!ready()) return bootAlloc(n, 4096);
+  Layer layer;
+  if (layer.fails()) return nullptr;
+  void* p = g_next.valloc != nullptr ? g_next.valloc(n) : nullptr;
+  layer.made(p);
+  return p;
+}
+
+void* pvalloc(size_t n) {
+  if (!ready()) return bootAlloc((n + 4095) & ~static_cast<size_t>(4095), 4096);
+  Layer layer;
+  if (layer.fails()) return nullptr;
+  void* p = g_next.pvalloc != nullptr ? g_next.pvalloc(n) : nullptr;
+  layer.made(p);
+  return p;
+}
+
+int pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*start)(void*), void* arg) {
+  if (!ready()) return EAGAIN;  // no thread is started during the lookup
+  Layer layer;
+  if (layer.fails()) return EAGAIN;
+  return g_next.pthreadCreate(thread, attr, start, arg);
+}
+
+}  // extern "C"
+
+// --- The C++ allocator ---------------------------------------------------------
+
+void* operator new(size_t n) {
+  bool failed = false;
+  void* p = newBody(n, 0, &failed);
+  if (failed) throw std::bad_alloc();
+  return p;
+}
+
+void* operator new[](size_t n) {
+  bool failed = false;
+  void* p = newBody(n, 1, &failed);
+  if (failed) throw std::bad_alloc();
+  return p;
+}
+
+void* operator new(size_t n, const std::nothrow_t&) noexcept { return newNothrowBody(n, 0); }
+void* operator new[](size_t n, const std::nothrow_t&) noexcept { return newNothrowBody(n, 1); }
+
+void* operator new(size_t n, std::align_val_t a) {
+  bool failed = false;
+  void* p = newAlignedBody(n, a, 0, &failed);
+  if (failed) throw std::bad_alloc();
+  return p;
+}
+
+void* operator new[](size_t n, std::align_val_t a) {
+  bool failed = false;
+  void* p = newAlignedBody(n, a, 1, &failed);
+  if (failed) throw std::bad_alloc();
+  return p;
+}
+
+void* operator new(size_t n, std::align_val_t a, const std::nothrow_t&) noexcept {
+  return newAlignedNothrowBody(n, a, 0);
+}
+void* operator new[](size_t n, std::align_val_t a, const std::nothrow_t&) noexcept {
+  return newAlignedNothrowBody(n, a, 1);
+}
+
+void operator delete(void* p) noexcept {
+  deleteBody(p, g_next.del[0] != nullptr, [&] { g_next.del[0](p); });
+}
+void operator delete[](void* p) noexcept {
+  deleteBody(p, g_next.del[1] != nullptr, [&] { g_next.del[1](p); });
+}
+void operator delete(void* p, size_t n) noexcept {
+  deleteBody(p, g_next.delSized[0] != nullptr, [&] { g_next.delSized[0](p, n); });
+}
+void operator delete[](void* p, size_t n) noexcept {
+  deleteBody(p, g_next.delSized[1] != nullptr, [&] { g_next.delSized[1](p, n); });
+}
+void operator delete(void* p, std::align_val_t a) noexcept {
+  deleteBody(p, g_next.delAligned[0] != nullptr, [&] { g_next.delAligned[0](p, a); });
+}
+void operator delete[](void* p, std::align_val_t a) noexcept {
+  deleteBody(p, g_next.delAligned[1] != nullptr, [&] { g_next.delAligned[1](p, a); });
+}
+void operator delete(void* p, size_t n, std::align_val_t a) noexcept {
+  deleteBody(p, g_next.delSizedAligned[0] != nullptr, [&] { g_next.delSizedAligned[0](p, n, a); });
+}
+void operator delete[](void* p, size_t n, std::align_val_t a) noexcept {
+  deleteBody(p, g_next.delSizedAligned[1] != nullptr, [&] { g_next.delSizedAligned[1](p, n, a); });
+}
+void operator delete(void* p, const std::nothrow_t&) noexcept {
+  deleteBody(p, g_next.delNothrow[0] != nullptr, [&] { g_next.delNothrow[0](p, std::nothrow); });
+}
+void operator delete[](void* p, const std::nothrow_t&) noexcept {
+  deleteBody(p, g_next.delNothrow[1] != nullptr, [&] { g_next.delNothrow[1](p, std::nothrow); });
+}
+void operator delete(void* p, std::align_val_t a, const std::nothrow_t&) noexcept {
+  deleteBody(p, g_next.delAlignedNothrow[0] != nullptr,
+             [&] { g_next.delAlignedNothrow[0](p, a, std::nothrow); });
+}
+void operator delete[](void* p, std::align_val_t a, const std::nothrow_t&) noexcept {
+  deleteBody(p, g_next.delAlignedNothrow[1] != nullptr,
+             [&] { g_next.delAlignedNothrow[1](p, a, std::nothrow); });
+}
