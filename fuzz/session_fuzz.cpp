@@ -4,23 +4,38 @@
 // outside the photo, empty and one-point strokes, requests in any order
 // (edits before a result, undo and redo past both ends of the history, resets
 // between requests, cancel and exit between requests, requests after a
-// teardown).
+// teardown) - and with arguments a bridge must never send: sizes below 1,
+// huge or with products beyond 32 bits, null buffers, odd and negative point
+// counts, marking modes outside 0-3, marker codes outside 0-4, rectangles
+// with any corners, calls before a photo and after a teardown.
 //
 // Besides the sanitizers, the target checks what the bridge relies on:
 // return codes, masks that hold only 0 and 255, an outline array whose layout
-// matches its length and whose points lie in the photo, and teardown exactly
-// when a cancel and an exit were both requested.
+// matches its length and whose points lie in the photo, teardown exactly
+// when a cancel and an exit were both requested, and for a refused call:
+// SEGCORE_FAILED, exactly one "<call>: " line under "Error" (after the
+// MEMORY_CRASH lines bad sizes have always produced), the caller's buffers
+// untouched and the photo, engine, history and unfetched outline unchanged.
+//
+// The same source builds without libFuzzer (fuzz/replay_main.cpp) so that
+// ctest replays the seed corpus in every build.
 #include <android/log.h>
-#include <fuzzer/FuzzedDataProvider.h>
 
 #include <chrono>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <random>
+#include <string>
+#include <utility>
 #include <vector>
 
+#include "fuzz/byte_reader.h"
 #include "interface/segmentation_core.h"
+#include "interface/undo_redo.h"
+#include "interface/veldse_marker.h"
+#include "tests/log_capture.h"
 
 namespace {
 
@@ -28,9 +43,15 @@ constexpr int kMaxWidth = 400;
 constexpr int kMaxHeight = 300;
 constexpr int kMaxSteps = 10;
 constexpr unsigned char kUntouched = 77;
+constexpr unsigned int kBlendedUntouched = 0x5A5A5A5Au;
+constexpr int kNoStatus = 1000;  // a void call's "status"
+int arrayTarget = 0;
+int* const kArraySentinel = &arrayTarget;  // no library hands out this pointer
+
+int currentOp = -1;  // named in a failure
 
 [[noreturn]] void fail(const char* what, int step) {
-  std::fprintf(stderr, "session_fuzz: %s (step %d)\n", what, step);
+  std::fprintf(stderr, "session_fuzz: %s (step %d, op %d)\n", what, step, currentOp);
   std::abort();
 }
 
@@ -58,16 +79,16 @@ unsigned int rgb(int r, int g, int b) {
 
 // A handful of bytes make a photo: flat, noise, grey noise, a disc on a
 // background, or two halves.
-Photo makePhoto(FuzzedDataProvider& in) {
+Photo makePhoto(ByteReader& in) {
   Photo p;
   // Mostly small photos (a cut under the sanitizers costs about its area);
   // large ones reach the reduced working image and the full-size re-cut.
-  const bool large = in.ConsumeIntegralInRange<int>(0, 3) == 0;
-  p.w = in.ConsumeIntegralInRange<int>(1, large ? kMaxWidth : kMaxWidth / 4);
-  p.h = in.ConsumeIntegralInRange<int>(1, large ? kMaxHeight : kMaxHeight / 4);
-  const int kind = in.ConsumeIntegralInRange<int>(0, 4);
-  const unsigned int a = in.ConsumeIntegral<uint32_t>(), b = in.ConsumeIntegral<uint32_t>();
-  const int noise = in.ConsumeIntegralInRange<int>(0, 60);
+  const bool large = in.range<int>(0, 3) == 0;
+  p.w = in.range<int>(1, large ? kMaxWidth : kMaxWidth / 4);
+  p.h = in.range<int>(1, large ? kMaxHeight : kMaxHeight / 4);
+  const int kind = in.range<int>(0, 4);
+  const unsigned int a = in.any<uint32_t>(), b = in.any<uint32_t>();
+  const int noise = in.range<int>(0, 60);
   std::mt19937 rng(a ^ b);
   std::uniform_int_distribution<int> n(-noise, noise);
   p.argb.resize(static_cast<size_t>(p.w) * p.h);
@@ -95,42 +116,43 @@ Photo makePhoto(FuzzedDataProvider& in) {
   return p;
 }
 
-// Marker grid: up to four rectangles of label codes 0..4, or scattered codes.
-std::vector<int> makeMarkers(FuzzedDataProvider& in, const Photo& p) {
+// Marker grid: up to four rectangles of label codes 0..4, or scattered codes
+// (with `wild`, scattered codes of any int: saturated, they act as unknown).
+std::vector<int> makeMarkers(ByteReader& in, const Photo& p, bool wild = false) {
   std::vector<int> m(p.argb.size(), 0);
-  const int shapes = in.ConsumeIntegralInRange<int>(0, 4);
+  const int shapes = in.range<int>(0, 4);
   for (int s = 0; s < shapes; ++s) {
-    const int code = in.ConsumeIntegralInRange<int>(0, 4);
-    int x1 = in.ConsumeIntegralInRange<int>(0, p.w - 1), x2 = in.ConsumeIntegralInRange<int>(0, p.w - 1);
-    int y1 = in.ConsumeIntegralInRange<int>(0, p.h - 1), y2 = in.ConsumeIntegralInRange<int>(0, p.h - 1);
+    const int code = in.range<int>(0, 4);
+    int x1 = in.range<int>(0, p.w - 1), x2 = in.range<int>(0, p.w - 1);
+    int y1 = in.range<int>(0, p.h - 1), y2 = in.range<int>(0, p.h - 1);
     if (x1 > x2) std::swap(x1, x2);
     if (y1 > y2) std::swap(y1, y2);
-    const bool outlineOnly = in.ConsumeBool();
+    const bool outlineOnly = in.flag();
     for (int y = y1; y <= y2; ++y)
       for (int x = x1; x <= x2; ++x)
         if (!outlineOnly || x == x1 || x == x2 || y == y1 || y == y2)
           m[static_cast<size_t>(y) * p.w + x] = code;
   }
-  const int scattered = in.ConsumeIntegralInRange<int>(0, 64);
+  const int scattered = in.range<int>(0, 64);
   for (int s = 0; s < scattered; ++s) {
-    const size_t i = in.ConsumeIntegralInRange<size_t>(0, m.size() - 1);
-    m[i] = in.ConsumeIntegralInRange<int>(0, 4);
+    const size_t i = in.range<uint32_t>(0, static_cast<uint32_t>(m.size() - 1));
+    m[i] = wild ? in.any<int>() : in.range<int>(0, 4);
   }
   return m;
 }
 
 // Stroke points: none, one, or up to 48, inside or far outside the photo.
-std::vector<int> makeStroke(FuzzedDataProvider& in, const Photo& p) {
-  const int kind = in.ConsumeIntegralInRange<int>(0, 3);
-  const int points = kind == 0 ? 0 : kind == 1 ? 1 : in.ConsumeIntegralInRange<int>(2, 48);
+std::vector<int> makeStroke(ByteReader& in, const Photo& p) {
+  const int kind = in.range<int>(0, 3);
+  const int points = kind == 0 ? 0 : kind == 1 ? 1 : in.range<int>(2, 48);
   std::vector<int> xy;
   for (int i = 0; i < points; ++i) {
-    if (in.ConsumeBool()) {
-      xy.push_back(in.ConsumeIntegralInRange<int>(-1000000, 1000000));
-      xy.push_back(in.ConsumeIntegralInRange<int>(-1000000, 1000000));
+    if (in.flag()) {
+      xy.push_back(in.range<int>(-1000000, 1000000));
+      xy.push_back(in.range<int>(-1000000, 1000000));
     } else {
-      xy.push_back(in.ConsumeIntegralInRange<int>(0, p.w - 1));
-      xy.push_back(in.ConsumeIntegralInRange<int>(0, p.h - 1));
+      xy.push_back(in.range<int>(0, p.w - 1));
+      xy.push_back(in.range<int>(0, p.h - 1));
     }
   }
   return xy;
@@ -138,15 +160,15 @@ std::vector<int> makeStroke(FuzzedDataProvider& in, const Photo& p) {
 
 // Hands the marks over; with a photo stored, checks the clamp the bridge sees
 // in its own array.
-void setMarks(FuzzedDataProvider& in, const Photo& p, bool photoStored, int step) {
+void setMarks(ByteReader& in, const Photo& p, bool photoStored, int step, bool wild = false) {
   std::vector<int> stroke = makeStroke(in, p);
   CHECK(setCurrentMarkerVector(static_cast<int>(stroke.size()), stroke.data()) == 0, step);
   for (size_t i = 0; photoStored && i < stroke.size(); i += 2) {
     CHECK(stroke[i] >= 0 && stroke[i] < p.w, step);
     CHECK(stroke[i + 1] >= 0 && stroke[i + 1] < p.h, step);
   }
-  std::vector<int> markers = makeMarkers(in, p);
-  CHECK(setMarkerImage(p.w, p.h, markers.data(), in.ConsumeIntegralInRange<int>(0, 3)) == 0, step);
+  std::vector<int> markers = makeMarkers(in, p, wild);
+  CHECK(setMarkerImage(p.w, p.h, markers.data(), in.range<int>(0, 3)) == 0, step);
 }
 
 bool maskIsWellFormed(const std::vector<unsigned char>& mask) {
@@ -182,6 +204,102 @@ void checkOutline(const Photo& p, int step) {
   delete[] array;
 }
 
+// What a refused call must leave as it was: the photo, the engine, the
+// history and an outline not yet fetched.
+struct Snapshot {
+  const void* photo;
+  const void* engine;
+  const void* planes;
+  const void* outline;
+  int outlineReady, current, top, bottom, canUndo, canRedo;
+
+  bool operator==(const Snapshot& o) const {
+    return photo == o.photo && engine == o.engine && planes == o.planes && outline == o.outline &&
+           outlineReady == o.outlineReady && current == o.current && top == o.top && bottom == o.bottom &&
+           canUndo == o.canUndo && canRedo == o.canRedo;
+  }
+};
+
+Snapshot snapshot() {
+  return {VELDSEMarker::m_originalImage, pHybrid, VELDSEManageUndoRedo::m_bitPlane, contours, g_contoursReady,
+          VELDSEManageUndoRedo::m_current, VELDSEManageUndoRedo::m_top, VELDSEManageUndoRedo::m_bottom,
+          canUndo(), canRedo()};
+}
+
+using Log = std::vector<hostlog::Record>;
+
+bool startsWith(const std::string& s, const std::string& prefix) { return s.compare(0, prefix.size(), prefix) == 0; }
+
+// The "Error" lines of a refused call: the MEMORY_CRASH lines `crashLines`
+// of `call` in this order (with `anyCrashLines`, whatever MEMORY_CRASH lines
+// the calls it wraps log), then exactly one "<call>: " line.
+void checkRefusalLog(const Log& log, const char* call, std::vector<int> crashLines, bool anyCrashLines, int step) {
+  std::vector<const hostlog::Record*> crashes, others;
+  for (const hostlog::Record& r : log) {
+    if (r.tag != "Error") continue;
+    CHECK(r.priority == ANDROID_LOG_ERROR, step);
+    if (startsWith(r.text, "MEMORY_CRASH : ")) {
+      CHECK(others.empty(), step);  // before the refusal, never after
+      crashes.push_back(&r);
+    } else {
+      others.push_back(&r);
+    }
+  }
+  CHECK(others.size() == 1, step);
+  CHECK(startsWith(others[0]->text, std::string(call) + ": "), step);
+  if (anyCrashLines) return;
+  CHECK(crashes.size() == crashLines.size(), step);
+  for (size_t i = 0; i < crashes.size(); ++i) {
+    CHECK(crashes[i]->text == "MEMORY_CRASH : " + std::string(call) + " " + std::to_string(crashLines[i]), step);
+  }
+}
+
+// A call that went through logs no "<call>: " line.
+void checkNoRefusal(const Log& log, const char* call, int step) {
+  for (const hostlog::Record& r : log) CHECK(!(r.tag == "Error" && startsWith(r.text, std::string(call) + ": ")), step);
+}
+
+// Whether a size passes the size checks at `bytes` per entry: both sides at
+// least 1 and at most 2^31 bytes in all.
+bool sizeFits(int w, int h, int bytes) {
+  return w >= 1 && h >= 1 &&
+         static_cast<uint64_t>(w) * static_cast<uint64_t>(h) * static_cast<uint64_t>(bytes) <= (uint64_t{1} << 31);
+}
+
+// One side of a size a bridge should never send: zero, negative, the int
+// limits, sides whose squares wrap 32 bits, anything, or a plain side.
+int hostileSide(ByteReader& in) {
+  switch (in.range<int>(0, 9)) {
+    case 0: return 0;
+    case 1: return -1;
+    case 2: return INT_MIN;
+    case 3: return INT_MAX;
+    case 4: return 65536;
+    case 5: return 70000;
+    case 6: return 32768;
+    case 7: return 46341;
+    case 8: return in.any<int>();
+    default: return in.range<int>(1, 400);
+  }
+}
+
+// A size every size check must refuse at `bytes` per entry; the caller's
+// buffer that goes with it is small on purpose.
+std::pair<int, int> refusedSize(ByteReader& in, int bytes) {
+  int w = hostileSide(in), h = hostileSide(in);
+  if (sizeFits(w, h, bytes)) {
+    if (in.flag()) h = -h; else w = 0;
+  }
+  return {w, h};
+}
+
+template <typename T>
+bool allEqual(const std::vector<T>& v, T value) {
+  for (const T& x : v)
+    if (x != value) return false;
+  return true;
+}
+
 // What the bridge knows about the context: whether one exists, and the two
 // cancel flags as its own calls have left them.
 struct Model {
@@ -204,7 +322,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  FuzzedDataProvider in(data, size);
+  ByteReader in(data, size);
   // Every input starts without a context and without leftovers.
   deinitSegmentation();
   freeLocalBuffers();
@@ -215,44 +333,64 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Model model;
   std::vector<unsigned int> blended(photo.argb.size());
   std::vector<unsigned char> mask(photo.argb.size());
-  if (in.ConsumeIntegralInRange<int>(0, 7) != 0) {
+  if (in.range<int>(0, 7) != 0) {
     CHECK(setSourceImage(photo.w, photo.h, photo.argb.data()) == 0, -1);
     CHECK(initSegmentationEngine(0) == 0, -1);
     model.started();
   }
 
-  for (int step = 0; step < kMaxSteps && in.remaining_bytes() > 0; ++step) {
-    const int op = in.ConsumeIntegralInRange<int>(0, 13);
+  for (int step = 0; step < kMaxSteps && in.remaining() > 0; ++step) {
+    const int op = in.range<int>(0, 25);
+    currentOp = op;
     const auto started = std::chrono::steady_clock::now();
     std::fill(mask.begin(), mask.end(), kUntouched);
+    std::fill(blended.begin(), blended.end(), kBlendedUntouched);
     int result = 0;
     bool request = false;   // ends with the exit check
     bool process = false;
+    const char* call = "";  // the request's name in its log line
+    const Snapshot before = snapshot();
+    hostlog::startCapture();
+    // A refused call: its status, its log so far, the caller's buffers and
+    // the context as they were.
+    auto refused = [&](int status, const char* name, std::vector<int> crashLines = {}, bool anyCrashLines = false) {
+      const Log sofar = hostlog::stopCapture();
+      if (status != kNoStatus) CHECK(result == status, step);
+      checkRefusalLog(sofar, name, std::move(crashLines), anyCrashLines, step);
+      CHECK(allEqual(mask, kUntouched) && allEqual(blended, kBlendedUntouched), step);
+      CHECK(before == snapshot(), step);
+      hostlog::startCapture();
+    };
     switch (op) {
       case 0: case 1: case 2:  // a cut from new marks
         setMarks(in, photo, model.alive, step);
         result = processSegment(0, 0, 0, blended.data(), mask.data());
         request = process = true;
+        call = "processSegment";
         break;
       case 3:  // a cut without marks
         result = processSegment(0, 0, 0, blended.data(), mask.data());
         request = process = true;
+        call = "processSegment";
         break;
       case 4: {  // an edit, into either or both buffers
         setMarks(in, photo, model.alive, step);
-        const int buffers = in.ConsumeIntegralInRange<int>(0, 3);
+        const int buffers = in.range<int>(0, 3);
         result = cutOutImage(0, 0, 0, buffers & 1 ? blended.data() : nullptr,
                              buffers & 2 ? mask.data() : nullptr);
         request = true;
+        call = "cutOutImage";
         break;
       }
       case 5:
         result = undo(blended.data(), mask.data());
         request = true;
+        call = "undo";
         break;
       case 6:
         result = redo(blended.data(), mask.data());
         request = true;
+        call = "redo";
         break;
       case 7: {
         const int u = canUndo(), r = canRedo();
@@ -269,15 +407,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         checkOutline(photo, step);
         break;
       case 10: {  // a rectangle on a fresh context, possibly a new photo
-        if (in.ConsumeBool()) {
+        if (in.flag()) {
           photo = makePhoto(in);
           blended.assign(photo.argb.size(), 0u);
           mask.assign(photo.argb.size(), kUntouched);
         }
-        const int x1 = in.ConsumeIntegralInRange<int>(0, photo.w - 1);
-        const int x2 = in.ConsumeIntegralInRange<int>(0, photo.w - 1);
-        const int y1 = in.ConsumeIntegralInRange<int>(0, photo.h - 1);
-        const int y2 = in.ConsumeIntegralInRange<int>(0, photo.h - 1);
+        const int x1 = in.range<int>(0, photo.w - 1);
+        const int x2 = in.range<int>(0, photo.w - 1);
+        const int y1 = in.range<int>(0, photo.h - 1);
+        const int y2 = in.range<int>(0, photo.h - 1);
         result = doSegmentationBB(photo.w, photo.h, photo.argb.data(), x1, y1, x2, y2, mask.data());
         CHECK(result == 0, step);
         model.started();
@@ -287,7 +425,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       case 11:  // cancel, sometimes followed by exit, between requests
         CHECK(cancelSegmentation() == 1, step);
         model.cancelled = true;
-        if (in.ConsumeBool()) {
+        if (in.flag()) {
           CHECK(exitSegmentation() == 1, step);
           model.exitArmed = true;
         }
@@ -297,10 +435,159 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         freeLocalBuffers();
         model.alive = false;
         break;
+      case 14: {  // a photo of a refused size or without pixels
+        std::vector<unsigned int> small(16, 0xFF000000u);
+        const bool nullPixels = in.flag();
+        std::pair<int, int> size{photo.w, photo.h};
+        if (!nullPixels || in.flag()) size = refusedSize(in, 3);
+        result = setSourceImage(size.first, size.second, nullPixels ? nullptr : small.data());
+        refused(SEGCORE_FAILED, "setSourceImage", size.first < 1 || size.second < 1 ? std::vector<int>{115}
+                                                                                     : std::vector<int>{});
+        break;
+      }
+      case 15: {  // the photo back, into a buffer or into null
+        if (in.flag()) {
+          copySourceImage(nullptr);
+          if (model.alive) refused(kNoStatus, "copySourceImage");
+          // Without a photo there is nothing to write, refused or not.
+          CHECK(before == snapshot(), step);
+        } else {
+          std::vector<unsigned int> out(photo.argb.size(), kBlendedUntouched);
+          copySourceImage(out.data());
+          CHECK(model.alive ? out == photo.argb : allEqual(out, kBlendedUntouched), step);
+          checkNoRefusal(hostlog::stopCapture(), "copySourceImage", step);
+          hostlog::startCapture();
+        }
+        break;
+      }
+      case 16: {  // a marker grid of a refused size, without markers, or in a mode outside 0-3
+        std::vector<int> small(16, 2), full(photo.argb.size(), 2);
+        int* markers = full.data();
+        std::pair<int, int> size{photo.w, photo.h};
+        int mode = in.range<int>(0, 3);
+        switch (in.range<int>(0, 2)) {
+          case 0: size = refusedSize(in, 4), markers = small.data(); break;
+          case 1: markers = nullptr; break;
+          default: mode = in.any<int>(); if (mode >= 0 && mode <= 3) mode -= 4; break;
+        }
+        result = setMarkerImage(size.first, size.second, markers, mode);
+        refused(SEGCORE_FAILED, "setMarkerImage", size.first < 1 || size.second < 1 ? std::vector<int>{164, 173}
+                                                                                     : std::vector<int>{});
+        break;
+      }
+      case 17: {  // a point list with an odd count, null points, or a count below 1
+        std::vector<int> coords(8);
+        for (int& c : coords) c = in.any<int>();
+        const std::vector<int> original = coords;
+        const int kind = in.range<int>(0, 2);
+        if (kind == 0) {
+          result = setCurrentMarkerVector(in.flag() ? INT_MAX : 2 * in.range<int>(0, 3) + 1, coords.data());
+          refused(SEGCORE_FAILED, "setCurrentMarkerVector");
+        } else if (kind == 1) {
+          result = setCurrentMarkerVector(in.range<int>(1, INT_MAX), nullptr);
+          refused(SEGCORE_FAILED, "setCurrentMarkerVector");
+        } else {
+          // Below 1 the stroke is emptied and the list never looked at.
+          result = setCurrentMarkerVector(in.range<int>(INT_MIN, 0), in.flag() ? nullptr : coords.data());
+          CHECK(result == 0, step);
+          CHECK(before == snapshot(), step);
+        }
+        CHECK(coords == original, step);
+        break;
+      }
+      case 18: {  // a cut or a history step with a null buffer
+        const int which = in.range<int>(0, 2);
+        const int nulls = in.range<int>(1, 3);
+        unsigned int* b = nulls & 1 ? nullptr : blended.data();
+        unsigned char* m = nulls & 2 ? nullptr : mask.data();
+        if (which == 0) {
+          setMarks(in, photo, model.alive, step);
+          result = processSegment(0, 0, 0, b, m);
+          refused(SEGCORE_FAILED, "processSegment");
+        } else {
+          result = which == 1 ? undo(b, m) : redo(b, m);
+          refused(SEGCORE_FAILED, which == 1 ? "undo" : "redo");
+        }
+        freeLocalBuffers();  // marks a refusal kept
+        break;
+      }
+      case 19: {  // a request on a marker grid of another size than the photo
+        const int w = in.range<int>(1, 64);
+        int h = in.range<int>(1, 64);
+        if (w == photo.w && h == photo.h) ++h;
+        std::vector<int> grid(static_cast<size_t>(w) * h);
+        for (int& c : grid) c = in.range<int>(0, 4);
+        CHECK(setCurrentMarkerVector(0, nullptr) == 0, step);
+        CHECK(setMarkerImage(w, h, grid.data(), in.range<int>(0, 3)) == 0, step);
+        const bool cut = in.flag();
+        result = cut ? processSegment(0, 0, 0, blended.data(), mask.data())
+                     : cutOutImage(0, 0, 0, blended.data(), mask.data());
+        refused(SEGCORE_FAILED, cut ? "processSegment" : "cutOutImage");
+        freeLocalBuffers();
+        break;
+      }
+      case 20:  // the result loaders: no result is held between calls
+        if (in.flag()) {
+          loadMaskImageInfo(in.flag() ? nullptr : mask.data());
+          refused(kNoStatus, "loadMaskImageInfo");
+        } else {
+          loadBlendedImageInfo(in.flag() ? nullptr : blended.data());
+          refused(kNoStatus, "loadBlendedImageInfo");
+        }
+        break;
+      case 21: {  // the outline into null
+        int* array = kArraySentinel;
+        int count = -7;
+        const int kind = in.range<int>(0, 2);
+        result = fetch_path_array(kind == 1 ? &array : nullptr, kind == 0 ? &count : nullptr);
+        refused(SEGCORE_FAILED, "fetch_path_array");
+        CHECK(array == kArraySentinel && count == -7, step);
+        break;
+      }
+      case 22:  // an engine without a photo
+        if (model.alive) break;  // a second engine on a live context is not a bad argument
+        result = initSegmentationEngine(0);
+        refused(SEGCORE_FAILED, "initSegmentationEngine");
+        break;
+      case 23: {  // a rectangle of a refused size, without pixels or mask, or with any corners
+        std::vector<unsigned int> small(16, 0xFF000000u);
+        const int kind = in.range<int>(0, 3);
+        if (kind < 3) {
+          std::pair<int, int> size{photo.w, photo.h};
+          if (kind == 0) size = refusedSize(in, 3);
+          result = doSegmentationBB(size.first, size.second, kind == 1 ? nullptr : small.data(), 0, 0, 3, 3,
+                                    kind == 2 ? nullptr : mask.data());
+          refused(SEGCORE_FAILED, "doSegmentationBB", {}, true);
+          break;
+        }
+        auto corner = [&](int side) { return in.flag() ? in.any<int>() : in.range<int>(-side, 2 * side); };
+        const int x1 = corner(photo.w), y1 = corner(photo.h), x2 = corner(photo.w), y2 = corner(photo.h);
+        result = doSegmentationBB(photo.w, photo.h, photo.argb.data(), x1, y1, x2, y2, mask.data());
+        CHECK(result == 0, step);
+        CHECK(maskIsWellFormed(mask), step);
+        checkNoRefusal(hostlog::stopCapture(), "doSegmentationBB", step);
+        hostlog::startCapture();
+        model.started();
+        model.exitArmed = false;
+        break;
+      }
+      case 24: {  // an edit without a marker grid
+        freeLocalBuffers();
+        const int buffers = in.range<int>(0, 3);
+        result = cutOutImage(0, 0, 0, buffers & 1 ? blended.data() : nullptr, buffers & 2 ? mask.data() : nullptr);
+        refused(SEGCORE_FAILED, "cutOutImage");
+        break;
+      }
+      case 25:  // a cut from marks with codes outside 0-4
+        setMarks(in, photo, model.alive, step, true);
+        result = processSegment(0, 0, 0, blended.data(), mask.data());
+        request = process = true;
+        call = "processSegment";
+        break;
       default:  // a new context, possibly on a new photo
         deinitSegmentation();
         freeLocalBuffers();
-        if (in.ConsumeBool()) {
+        if (in.flag()) {
           photo = makePhoto(in);
           blended.assign(photo.argb.size(), 0u);
           mask.assign(photo.argb.size(), kUntouched);
@@ -310,6 +597,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         model.started();
         break;
     }
+    const Log log = hostlog::stopCapture();
     if (tracing()) {
       std::fprintf(stderr, "step %d: op %d on %d x %d -> %d, alive %d, %.0f ms\n", step, op, photo.w,
                    photo.h, result, model.alive ? 1 : 0,
@@ -319,13 +607,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (request) {
       if (!model.alive) {
         // No context: the request is refused and nothing is written.
-        CHECK(result == -1, step);
-        CHECK(maskIsWellFormed(mask) && mask[0] == kUntouched, step);
+        CHECK(result == SEGCORE_FAILED, step);
+        checkRefusalLog(log, call, {}, false, step);
+        CHECK(allEqual(mask, kUntouched) && allEqual(blended, kBlendedUntouched), step);
+        CHECK(before == snapshot(), step);
         freeLocalBuffers();  // the marks handed over for it
         continue;
       }
       const bool teardown = model.tearsDown();
       CHECK(result == (process && teardown ? -1 : 0), step);
+      checkNoRefusal(log, call, step);
       CHECK(maskIsWellFormed(mask), step);
       if (teardown) model.alive = false;
       if (!process || !teardown) model.exitArmed = false;
