@@ -14,6 +14,10 @@ namespace segtools {
 
 namespace {
 
+// A request answered SEGCORE_FAILED: the library logged why.
+const char* const kFailedNote =
+    "the library could not carry the request out (memory ran out or it was refused; see its log)";
+
 // Never a value of the library's mask buffer (which holds 0 and 255 only).
 constexpr unsigned char kUntouched = 1;
 
@@ -94,15 +98,19 @@ LibrarySession::LibrarySession(const cv::Mat& photoBgr)
   const size_t n = photo_.size();
   previewBuffer_.resize(n);
   maskBuffer_.resize(n);
-  deinitSegmentation();
-  resetSegmentationInterface();
-  setSourceImage(width_, height_, photo_.data());
-  initSegmentationEngine(0);
+  restartContext();
   mask_ = cv::Mat::zeros(height_, width_, CV_8UC1);
   preview_ = photoBgr.clone();
 }
 
 LibrarySession::~LibrarySession() { deinitSegmentation(); }
+
+void LibrarySession::restartContext() {
+  deinitSegmentation();
+  resetSegmentationInterface();
+  setSourceImage(width_, height_, photo_.data());
+  initSegmentationEngine(0);
+}
 
 void LibrarySession::prepareBuffers() {
   copySourceImage(previewBuffer_.data());
@@ -131,8 +139,16 @@ RequestOutcome LibrarySession::rectangle(int x1, int y1, int x2, int y2) {
   std::vector<unsigned int> pixels = photo_;
   std::fill(maskBuffer_.begin(), maskBuffer_.end(), kUntouched);
   const auto start = std::chrono::steady_clock::now();
-  doSegmentationBB(width_, height_, pixels.data(), x1, y1, x2, y2, maskBuffer_.data());
+  const int status = doSegmentationBB(width_, height_, pixels.data(), x1, y1, x2, y2, maskBuffer_.data());
   out.millis = millisSince(start);
+  if (status == SEGCORE_FAILED) {
+    // Failed after its teardown: there is no context left; start a new one
+    // on this photo so that the session goes on.
+    restartContext();
+    showPlainPhoto();
+    out.note = kFailedNote;
+    return out;
+  }
   if (maskBuffer_[0] == kUntouched) {
     // The fresh context has no history: the mask on screen is the photo.
     int* array = nullptr;
@@ -169,10 +185,10 @@ RequestOutcome LibrarySession::runWithMarks(const std::vector<cv::Point>& points
   const auto start = std::chrono::steady_clock::now();
   setCurrentMarkerVector(static_cast<int>(coords.size()), coords.data());
   setMarkerImage(width_, height_, grid.data(), mode);
-  request(0, 0, 0, previewBuffer_.data(), maskBuffer_.data());
+  const int status = request(0, 0, 0, previewBuffer_.data(), maskBuffer_.data());
   out.millis = millisSince(start);
-  out.delivered = collect();
-  if (!out.delivered) out.note = abandoned;
+  out.delivered = status != SEGCORE_FAILED && collect();
+  if (!out.delivered) out.note = status == SEGCORE_FAILED ? kFailedNote : abandoned;
   return out;
 }
 
@@ -196,7 +212,10 @@ RequestOutcome LibrarySession::undo() {
   RequestOutcome out;
   prepareBuffers();
   const auto start = std::chrono::steady_clock::now();
-  ::undo(previewBuffer_.data(), maskBuffer_.data());
+  if (::undo(previewBuffer_.data(), maskBuffer_.data()) == SEGCORE_FAILED) {
+    out.note = kFailedNote;
+    return out;
+  }
   out.millis = millisSince(start);
   out.delivered = collect();
   if (!out.delivered) {
@@ -215,7 +234,10 @@ RequestOutcome LibrarySession::redo() {
   }
   prepareBuffers();
   const auto start = std::chrono::steady_clock::now();
-  ::redo(previewBuffer_.data(), maskBuffer_.data());
+  if (::redo(previewBuffer_.data(), maskBuffer_.data()) == SEGCORE_FAILED) {
+    out.note = kFailedNote;
+    return out;
+  }
   out.millis = millisSince(start);
   out.delivered = collect();
   return out;

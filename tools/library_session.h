@@ -93,6 +93,9 @@ class LibrarySession {
                               const char* abandoned);
   // No mask on screen: the plain photo, no outline.
   void showPlainPhoto();
+  // A fresh context on the session's photo (also after a rectangle that
+  // failed once its teardown had run).
+  void restartContext();
   // Takes over the buffers after a call that may have delivered a mask.
   bool collect();
 
