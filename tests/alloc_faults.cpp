@@ -25,12 +25,14 @@
 #include "tests/alloc_faults.h"
 
 #include <dlfcn.h>
+#include <execinfo.h>
 #include <errno.h>
 #include <pthread.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <new>
@@ -174,6 +176,16 @@ std::atomic<long> g_count{0};
 std::atomic<long> g_failIndex{-1};
 std::atomic<bool> g_fired{false};
 std::atomic<long> g_live{0};
+std::atomic<bool> g_trace{false};
+
+// The stack of the allocation that fails, on stderr (backtrace_symbols_fd
+// needs no memory; the unwinder is loaded by failAt()).
+void traceFailure() {
+  static const char head[] = "alloc_faults: the armed allocation fails here:\n";
+  if (write(2, head, sizeof(head) - 1) < 0) return;
+  void* frames[40];
+  backtrace_symbols_fd(frames, backtrace(frames, 40), 2);
+}
 
 // Whether the allocation point being passed is the armed one. Only one
 // allocation can match the index, so at most one fails per arming.
@@ -182,6 +194,7 @@ bool armedHere() {
   const long k = g_count.fetch_add(1);
   if (k != g_failIndex.load(std::memory_order_relaxed)) return false;
   g_fired.store(true);
+  if (g_trace.load(std::memory_order_relaxed)) traceFailure();
   return true;
 }
 
@@ -328,6 +341,12 @@ void failAt(long n) {
   g_count.store(0);
   g_fired.store(false);
   g_failIndex.store(n < 0 ? -1 : n);
+  const bool trace = n >= 0 && getenv("SEGCORE_ALLOC_FAULTS_TRACE") != nullptr;
+  if (trace) {
+    void* frame[1];
+    backtrace(frame, 1);
+  }
+  g_trace.store(trace);
   g_counting.store(true, std::memory_order_release);
 }
 

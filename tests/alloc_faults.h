@@ -19,6 +19,9 @@
 // throwing operator new, EAGAIN from pthread_create. Only that one fails:
 // every later allocation succeeds again, so a run shows what one failure
 // does, and the point of failure walks through a call one index at a time.
+//
+// With SEGCORE_ALLOC_FAULTS_TRACE set in the environment, the stack of the
+// allocation that fails is written to stderr.
 #ifndef SEGCORE_TESTS_ALLOC_FAULTS_H
 #define SEGCORE_TESTS_ALLOC_FAULTS_H
 
