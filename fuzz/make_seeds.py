@@ -41,7 +41,9 @@ class Seed:
         self.range(0, 2**32 - 1, 0xFF2040C0)
         self.range(0, 60, 10)
 
-    def start(self, alive):
+    def start(self, alive, fault_step=19, fault_index=0):
+        self.range(0, 19, fault_step)    # 10 and up: no allocation fails
+        self.range(0, 4095, fault_index)
         self.range(0, 7, 1 if alive else 0)
 
     def op(self, n):
@@ -158,10 +160,24 @@ def wild():
     return s
 
 
+def faults():
+    # A cut whose allocations fail one after another in four sessions would
+    # need four seeds; one seed per interesting index is enough to start from.
+    s = Seed()
+    s.photo(16, 12)
+    s.start(True, fault_step=0, fault_index=40)
+    s.op(10); s.flag(False)                                           # the rectangle that fails
+    s.range(0, 15, 2); s.range(0, 15, 13); s.range(0, 11, 2); s.range(0, 11, 9)
+    s.op(3)
+    s.op(5)
+    s.op(6)
+    return s
+
+
 def main():
     out = os.path.join(os.path.dirname(os.path.abspath(__file__)), "corpus")
     for name, make in (("args-sizes", sizes), ("args-nulls", nulls), ("args-counts", counts),
-                       ("args-order", order), ("args-wild", wild)):
+                       ("args-order", order), ("args-wild", wild), ("args-fault", faults)):
         data = make().bytes()
         with open(os.path.join(out, name), "wb") as f:
             f.write(data)

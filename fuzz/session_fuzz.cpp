@@ -21,6 +21,10 @@
 // ctest replays the seed corpus in every build.
 #include <android/log.h>
 
+#include <atomic>
+#include <cstdarg>
+#include <cstring>
+
 #include <chrono>
 #include <climits>
 #include <cstdint>
@@ -35,7 +39,62 @@
 #include "interface/segmentation_core.h"
 #include "interface/undo_redo.h"
 #include "interface/veldse_marker.h"
-#include "tests/log_capture.h"
+#include "tests/alloc_faults.h"
+
+// The library's log lines, recorded into static storage: taking
+// __android_log_print here (rather than linking the tests' log capture,
+// which allocates) keeps an armed allocation failure inside the library.
+namespace fuzzlog {
+struct Record {
+  int priority;
+  std::string tag, text;
+};
+struct Line {
+  int priority;
+  char tag[32];
+  char text[224];
+};
+constexpr int kMaxLines = 32;
+Line lines[kMaxLines];
+std::atomic<int> used{0};
+std::atomic<bool> capturing{false};
+
+void start() { used = 0, capturing = true; }
+std::vector<Record> stop() {
+  capturing = false;
+  std::vector<Record> out;
+  const int n = std::min(used.load(), kMaxLines);
+  for (int i = 0; i < n; ++i) out.push_back({lines[i].priority, lines[i].tag, lines[i].text});
+  // More lines than the storage holds: surely more than one refusal line.
+  if (used.load() > kMaxLines) out.push_back({ANDROID_LOG_ERROR, "Error", "(lines lost)"});
+  return out;
+}
+}  // namespace fuzzlog
+
+extern "C" int __android_log_write(int prio, const char* tag, const char* text) {
+  if (!fuzzlog::capturing) return 1;
+  const int i = fuzzlog::used++;
+  if (i >= fuzzlog::kMaxLines) return 1;
+  fuzzlog::Line& l = fuzzlog::lines[i];
+  l.priority = prio;
+  std::snprintf(l.tag, sizeof l.tag, "%s", tag != nullptr ? tag : "");
+  std::snprintf(l.text, sizeof l.text, "%s", text != nullptr ? text : "");
+  return 1;
+}
+
+extern "C" int __android_log_vprint(int prio, const char* tag, const char* fmt, va_list ap) {
+  char text[224];
+  std::vsnprintf(text, sizeof text, fmt, ap);
+  return __android_log_write(prio, tag, text);
+}
+
+extern "C" int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
+  const int n = __android_log_vprint(prio, tag, fmt, ap);
+  va_end(ap);
+  return n;
+}
 
 namespace {
 
@@ -226,7 +285,7 @@ Snapshot snapshot() {
           canUndo(), canRedo()};
 }
 
-using Log = std::vector<hostlog::Record>;
+using Log = std::vector<fuzzlog::Record>;
 
 bool startsWith(const std::string& s, const std::string& prefix) { return s.compare(0, prefix.size(), prefix) == 0; }
 
@@ -234,8 +293,8 @@ bool startsWith(const std::string& s, const std::string& prefix) { return s.comp
 // of `call` in this order (with `anyCrashLines`, whatever MEMORY_CRASH lines
 // the calls it wraps log), then exactly one "<call>: " line.
 void checkRefusalLog(const Log& log, const char* call, std::vector<int> crashLines, bool anyCrashLines, int step) {
-  std::vector<const hostlog::Record*> crashes, others;
-  for (const hostlog::Record& r : log) {
+  std::vector<const fuzzlog::Record*> crashes, others;
+  for (const fuzzlog::Record& r : log) {
     if (r.tag != "Error") continue;
     CHECK(r.priority == ANDROID_LOG_ERROR, step);
     if (startsWith(r.text, "MEMORY_CRASH : ")) {
@@ -256,7 +315,7 @@ void checkRefusalLog(const Log& log, const char* call, std::vector<int> crashLin
 
 // A call that went through logs no "<call>: " line.
 void checkNoRefusal(const Log& log, const char* call, int step) {
-  for (const hostlog::Record& r : log) CHECK(!(r.tag == "Error" && startsWith(r.text, std::string(call) + ": ")), step);
+  for (const fuzzlog::Record& r : log) CHECK(!(r.tag == "Error" && startsWith(r.text, std::string(call) + ": ")), step);
 }
 
 // Whether a size passes the size checks at `bytes` per entry: both sides at
@@ -300,6 +359,27 @@ bool allEqual(const std::vector<T>& v, T value) {
   return true;
 }
 
+// One allocation failure per session: in the armed call of step `step`,
+// the `index`-th allocation (counted from the call's start) fails.
+struct Fault {
+  int step = -1;
+  long index = 0;
+  bool fired = false;  // in the step just run
+};
+Fault fault;
+
+// Runs a call of the session, with the allocation failure armed when this is
+// its step.
+template <typename F>
+int maybeFailing(int step, F&& call) {
+  if (step != fault.step) return call();
+  alloc_faults::failAt(fault.index);
+  const int r = call();
+  fault.fired = alloc_faults::fired();
+  alloc_faults::stop();
+  return r;
+}
+
 // What the bridge knows about the context: whether one exists, and the two
 // cancel flags as its own calls have left them.
 struct Model {
@@ -314,12 +394,9 @@ struct Model {
 
 }  // namespace
 
-// liblog writes every size check the library logs to stderr; with
-// SEGCORE_LOG_QUIET set (scripts/fuzz.sh) the run keeps to libFuzzer's output.
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  if (std::getenv("SEGCORE_LOG_QUIET") != nullptr) __android_log_set_minimum_priority(ANDROID_LOG_SILENT);
-  return 0;
-}
+// The library's log lines only reach fuzzlog, so the run keeps to
+// libFuzzer's output.
+extern "C" int LLVMFuzzerInitialize(int*, char***) { return 0; }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   ByteReader in(data, size);
@@ -330,6 +407,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   exitSegmentation();  // clears a stale exit status (no cancel is pending now)
 
   Photo photo = makePhoto(in);
+  // Half the sessions have one call whose allocation fails.
+  fault = Fault{};
+  fault.step = in.range<int>(0, 2 * kMaxSteps - 1);
+  fault.index = in.range<int>(0, 4095);
   Model model;
   std::vector<unsigned int> blended(photo.argb.size());
   std::vector<unsigned char> mask(photo.argb.size());
@@ -342,6 +423,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   for (int step = 0; step < kMaxSteps && in.remaining() > 0; ++step) {
     const int op = in.range<int>(0, 25);
     currentOp = op;
+    fault.fired = false;
     const auto started = std::chrono::steady_clock::now();
     std::fill(mask.begin(), mask.end(), kUntouched);
     std::fill(blended.begin(), blended.end(), kBlendedUntouched);
@@ -350,45 +432,46 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     bool process = false;
     const char* call = "";  // the request's name in its log line
     const Snapshot before = snapshot();
-    hostlog::startCapture();
+    fuzzlog::start();
     // A refused call: its status, its log so far, the caller's buffers and
     // the context as they were.
     auto refused = [&](int status, const char* name, std::vector<int> crashLines = {}, bool anyCrashLines = false) {
-      const Log sofar = hostlog::stopCapture();
+      const Log sofar = fuzzlog::stop();
       if (status != kNoStatus) CHECK(result == status, step);
       checkRefusalLog(sofar, name, std::move(crashLines), anyCrashLines, step);
       CHECK(allEqual(mask, kUntouched) && allEqual(blended, kBlendedUntouched), step);
       CHECK(before == snapshot(), step);
-      hostlog::startCapture();
+      fuzzlog::start();
     };
     switch (op) {
       case 0: case 1: case 2:  // a cut from new marks
         setMarks(in, photo, model.alive, step);
-        result = processSegment(0, 0, 0, blended.data(), mask.data());
+        result = maybeFailing(step, [&] { return processSegment(0, 0, 0, blended.data(), mask.data()); });
         request = process = true;
         call = "processSegment";
         break;
       case 3:  // a cut without marks
-        result = processSegment(0, 0, 0, blended.data(), mask.data());
+        result = maybeFailing(step, [&] { return processSegment(0, 0, 0, blended.data(), mask.data()); });
         request = process = true;
         call = "processSegment";
         break;
       case 4: {  // an edit, into either or both buffers
         setMarks(in, photo, model.alive, step);
         const int buffers = in.range<int>(0, 3);
-        result = cutOutImage(0, 0, 0, buffers & 1 ? blended.data() : nullptr,
-                             buffers & 2 ? mask.data() : nullptr);
+        result = maybeFailing(step, [&] {
+          return cutOutImage(0, 0, 0, buffers & 1 ? blended.data() : nullptr, buffers & 2 ? mask.data() : nullptr);
+        });
         request = true;
         call = "cutOutImage";
         break;
       }
       case 5:
-        result = undo(blended.data(), mask.data());
+        result = maybeFailing(step, [&] { return undo(blended.data(), mask.data()); });
         request = true;
         call = "undo";
         break;
       case 6:
-        result = redo(blended.data(), mask.data());
+        result = maybeFailing(step, [&] { return redo(blended.data(), mask.data()); });
         request = true;
         call = "redo";
         break;
@@ -416,7 +499,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const int x2 = in.range<int>(0, photo.w - 1);
         const int y1 = in.range<int>(0, photo.h - 1);
         const int y2 = in.range<int>(0, photo.h - 1);
-        result = doSegmentationBB(photo.w, photo.h, photo.argb.data(), x1, y1, x2, y2, mask.data());
+        result = maybeFailing(
+            step, [&] { return doSegmentationBB(photo.w, photo.h, photo.argb.data(), x1, y1, x2, y2, mask.data()); });
+        CHECK(maskIsWellFormed(mask), step);
+        if (fault.fired && result == SEGCORE_FAILED) {
+          // Failed before the old context was torn down (all as it was) or
+          // after it (no context at all), never half-built.
+          checkRefusalLog(fuzzlog::stop(), "doSegmentationBB", {}, true, step);
+          fuzzlog::start();
+          const bool none = VELDSEMarker::m_originalImage == nullptr && pHybrid == nullptr &&
+                            VELDSEManageUndoRedo::m_bitPlane == nullptr;
+          CHECK(before == snapshot() || none, step);
+          if (none) model.alive = false;
+          break;
+        }
         CHECK(result == 0, step);
         model.started();
         model.exitArmed = false;
@@ -455,8 +551,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
           std::vector<unsigned int> out(photo.argb.size(), kBlendedUntouched);
           copySourceImage(out.data());
           CHECK(model.alive ? out == photo.argb : allEqual(out, kBlendedUntouched), step);
-          checkNoRefusal(hostlog::stopCapture(), "copySourceImage", step);
-          hostlog::startCapture();
+          checkNoRefusal(fuzzlog::stop(), "copySourceImage", step);
+          fuzzlog::start();
         }
         break;
       }
@@ -565,8 +661,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         result = doSegmentationBB(photo.w, photo.h, photo.argb.data(), x1, y1, x2, y2, mask.data());
         CHECK(result == 0, step);
         CHECK(maskIsWellFormed(mask), step);
-        checkNoRefusal(hostlog::stopCapture(), "doSegmentationBB", step);
-        hostlog::startCapture();
+        checkNoRefusal(fuzzlog::stop(), "doSegmentationBB", step);
+        fuzzlog::start();
         model.started();
         model.exitArmed = false;
         break;
@@ -580,7 +676,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       }
       case 25:  // a cut from marks with codes outside 0-4
         setMarks(in, photo, model.alive, step, true);
-        result = processSegment(0, 0, 0, blended.data(), mask.data());
+        result = maybeFailing(step, [&] { return processSegment(0, 0, 0, blended.data(), mask.data()); });
         request = process = true;
         call = "processSegment";
         break;
@@ -597,12 +693,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         model.started();
         break;
     }
-    const Log log = hostlog::stopCapture();
+    const Log log = fuzzlog::stop();
     if (tracing()) {
-      std::fprintf(stderr, "step %d: op %d on %d x %d -> %d, alive %d, %.0f ms\n", step, op, photo.w,
-                   photo.h, result, model.alive ? 1 : 0,
+      std::fprintf(stderr, "step %d: op %d on %d x %d -> %d, alive %d%s, %.0f ms\n", step, op, photo.w,
+                   photo.h, result, model.alive ? 1 : 0, fault.fired ? ", allocation failed" : "",
                    std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started)
                        .count());
+    }
+    if (request && fault.fired && result == SEGCORE_FAILED) {
+      // Memory ran out in the request: one line, the history, photo, engine
+      // and outline as they were (a result the library absorbed is checked
+      // as any other below).
+      checkRefusalLog(log, call, {}, true, step);
+      CHECK(maskIsWellFormed(mask), step);
+      CHECK(before == snapshot(), step);
+      continue;
     }
     if (request) {
       if (!model.alive) {
