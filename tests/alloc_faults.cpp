@@ -198,7 +198,12 @@ bool armedHere() {
   return true;
 }
 
-__thread int t_depth __attribute__((tls_model("initial-exec"))) = 0;
+// Starts at 1 on every thread: what runs on a new thread before its start
+// routine (the sanitizer runtime's set-up of the thread, which asks glibc for
+// the thread's attributes) is not the program's own allocation, and is not
+// one in the field either. The start routine runs at 0 (startThread below),
+// and so does the main thread once this file's constructor has run.
+__thread int t_depth __attribute__((tls_model("initial-exec"))) = 1;
 // Set once a layer below the current one has counted a block made or
 // released, so that the layers above leave it alone.
 __thread bool t_counted __attribute__((tls_model("initial-exec"))) = false;
@@ -231,6 +236,21 @@ class Layer {
   bool saved_;
   bool mine_ = false;
 };
+
+__attribute__((constructor)) void mainThreadCounts() { t_depth = 0; }
+
+// What a new thread is to run, handed to it through startThread.
+struct Start {
+  void* (*routine)(void*);
+  void* arg;
+};
+
+void* startThread(void* p) {
+  const Start start = *static_cast<Start*>(p);
+  free(p);
+  t_depth = 0;
+  return start.routine(start.arg);
+}
 
 // --- Shared bodies ----------------------------------------------------------
 
@@ -450,7 +470,13 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*start)
   if (!ready()) return EAGAIN;  // no thread is started during the lookup
   Layer layer;
   if (layer.fails()) return EAGAIN;
-  return g_next.pthreadCreate(thread, attr, start, arg);
+  // Made inside this call, so not an allocation point of the caller's.
+  Start* handed = static_cast<Start*>(malloc(sizeof(Start)));
+  if (handed == nullptr) return EAGAIN;
+  *handed = Start{start, arg};
+  const int rc = g_next.pthreadCreate(thread, attr, startThread, handed);
+  if (rc != 0) free(handed);
+  return rc;
 }
 
 }  // extern "C"

@@ -645,6 +645,7 @@ std::string kindOf(const std::string& report) {
 struct Tally {
   long points = 0, tested = 0, failing = 0;
   std::map<std::string, std::pair<long, std::string>> kinds;  // kind -> (count, first example)
+  std::string where;  // the failing points' indices
 };
 
 Tally sweep(const Call& c, const Photo& p, const Reference& ref, long only) {
@@ -676,6 +677,7 @@ Tally sweep(const Call& c, const Photo& p, const Reference& ref, long only) {
     ++t.tested;
     if (WIFEXITED(status) && WEXITSTATUS(status) == 0) continue;
     ++t.failing;
+    t.where += (t.where.empty() ? "" : " ") + std::to_string(i);
     const std::string how = describeStatus(status);
     if (!how.empty()) report = how + "\n" + report;
     auto& k = t.kinds[kindOf(report)];
@@ -739,7 +741,7 @@ void sweepCalls(const Photo& p) {
     for (const auto& [kind, example] : t.kinds) {
       details += "  " + std::to_string(example.first) + " x " + kind + "\n    first at " + example.second + "\n";
     }
-    EXPECT_EQ(t.failing, 0) << "failing points by kind:\n" << details;
+    EXPECT_EQ(t.failing, 0) << "failing points by kind:\n" << details << "  failing points: " << t.where;
     tearDown();
   }
 }
