@@ -40,18 +40,24 @@
 //
 // Refused, per call (memory running out can make any call that allocates
 // fail, with the rules above):
-//   setSourceImage     width or height below 1 (after the MEMORY_CRASH line),
+//   setSourceImage     width or height below 0 (after the MEMORY_CRASH line),
 //                      a photo of more than 2^31 bytes at 3 bytes per pixel,
-//                      null pixels
+//                      null pixels for a non-empty photo. A width or height
+//                      of 0 is logged (MEMORY_CRASH) and stored as it always
+//                      was: an empty photo, on which every later call that
+//                      needs pixels is refused ("empty photo")
 //   copySourceImage    null out (nothing is written when no photo is held)
-//   setMarkerImage     width or height below 1 (after the MEMORY_CRASH
-//                      lines), a grid of more than 2^31 bytes at 4 bytes per
-//                      entry, null markers, a marking mode outside 0-3.
+//   setMarkerImage     width or height below 0 (after the MEMORY_CRASH
+//                      lines; 0 is logged and stored, and the request then
+//                      refuses a grid of another size than the photo), a grid
+//                      of more than 2^31 bytes at 4 bytes per entry, null
+//                      markers for a non-empty grid, a marking mode outside
+//                      0-3.
 //                      Marker codes outside 0-4 are saturated to 0..255 and
 //                      act as unknown.
 //   setCurrentMarkerVector  null coords with count > 0, an odd count
 //                      (count < 1 empties the stroke, as always)
-//   initSegmentationEngine  no photo
+//   initSegmentationEngine  no photo, an empty photo
 //   processSegment     no context (the marks are then dropped), null blended
 //                      or mask, a marker grid of another size than the photo
 //   doSegmentationBB   width or height below 1, too large a photo, null
