@@ -61,13 +61,13 @@ void VELDSEHybrid::intializer() {
     VELDSEMarker::m_width = originalWidth;
     if (originalWidth < 1 || originalHeight < 1) logMemoryCrash("intializer", 92);
     VELDSEMarker::m_srcImage =
-        cvCreateImage(cvSize(originalWidth, originalHeight), IPL_DEPTH_8U, 3);
+        createImage(cvSize(originalWidth, originalHeight), IPL_DEPTH_8U, 3);
     cvCopy(VELDSEMarker::m_originalImage, VELDSEMarker::m_srcImage, nullptr);
   } else {
     VELDSEMarker::m_height = static_cast<int>(static_cast<float>(originalHeight) / s);
     VELDSEMarker::m_width = static_cast<int>(static_cast<float>(originalWidth) / s);
     if (VELDSEMarker::m_width < 1 || VELDSEMarker::m_height < 1) logMemoryCrash("intializer", 103);
-    VELDSEMarker::m_srcImage = cvCreateImage(
+    VELDSEMarker::m_srcImage = createImage(
         cvSize(VELDSEMarker::m_width, VELDSEMarker::m_height), IPL_DEPTH_8U, 3);
     cvResize(VELDSEMarker::m_originalImage, VELDSEMarker::m_srcImage, CV_INTER_LINEAR);
   }
@@ -112,9 +112,9 @@ void VELDSEHybrid::computeTexture() {
   const CvSize size = cvSize(width, height);
 
   if (width < 1 || height < 1) logMemoryCrash("computeTexture", 2817);
-  VELDSEMarker::m_texHor = cvCreateImage(size, IPL_DEPTH_8U, 1);
+  VELDSEMarker::m_texHor = createImage(size, IPL_DEPTH_8U, 1);
   if (width < 1 || height < 1) logMemoryCrash("computeTexture", 2818);
-  VELDSEMarker::m_texVer = cvCreateImage(size, IPL_DEPTH_8U, 1);
+  VELDSEMarker::m_texVer = createImage(size, IPL_DEPTH_8U, 1);
   cvSetZero(VELDSEMarker::m_texHor);
   cvSetZero(VELDSEMarker::m_texVer);
   if (width < 1 || height < 1) return;

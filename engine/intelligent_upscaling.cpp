@@ -54,7 +54,7 @@ const float kHardConstraint = 1000.0f;
 
 IplImage* createChecked(int width, int height, int line) {
   checkImageSize(width, height, "intelligentUpscaling", line);
-  return cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 1);
+  return createImage(cvSize(width, height), IPL_DEPTH_8U, 1);
 }
 
 // Where cvResize with CV_INTER_NN takes each of `to` output columns (or rows)
@@ -186,7 +186,7 @@ void fixInertRingPixels(IplImage* trimap, double lambda) {
 
 IplImage* VELDSEHybrid::cropImageTrimap(IplImage* src, int w, int h, int y0, int x0) {
   if (w < 1 || h < 1) logMemoryCrash("cropImageTrimap", 1762);
-  IplImage* crop = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, src->nChannels);
+  IplImage* crop = createImage(cvSize(w, h), IPL_DEPTH_8U, src->nChannels);
   const int channels = src->nChannels;
   // Nothing below can fail: the crop is handed over as it is.
   if (channels < 1) return crop;

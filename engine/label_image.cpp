@@ -144,7 +144,7 @@ void VELDSEHybrid::setLabelImage(IplImage* marker) {
     applyLabelRule(marks.get(), before.get(), strokeType, labels.get());
     VELDSEMarker::m_labelImage = labels.release();
   } else {
-    VELDSEMarker::m_labelImage = cvCreateImage(cvGetSize(marker), IPL_DEPTH_8U, 1);
+    VELDSEMarker::m_labelImage = createImage(cvGetSize(marker), IPL_DEPTH_8U, 1);
     applyLabelRule(marker, previous, strokeType, VELDSEMarker::m_labelImage);
   }
   addUnknownRegion();
@@ -201,7 +201,7 @@ void VELDSEHybrid::computeBoundingBox() {
 IplImage* VELDSEHybrid::cropImage(IplImage* image) {
   if (m_boundWidth < 1 || m_boundHeight < 1) logMemoryCrash("cropImage", 850);
   const int channels = image->nChannels;
-  IplImage* crop = cvCreateImage(cvSize(m_boundWidth, m_boundHeight), IPL_DEPTH_8U, channels);
+  IplImage* crop = createImage(cvSize(m_boundWidth, m_boundHeight), IPL_DEPTH_8U, channels);
   if (m_boundWidth < 1) return crop;
   const size_t rowBytes = static_cast<size_t>(m_boundWidth) * channels;
   for (int r = 0; r < m_boundHeight; ++r) {

@@ -107,7 +107,7 @@ IplImage* VELDSEHybrid::segment() {
 
   m_cropSrc = cropImage(VELDSEMarker::m_srcImage);
   m_cropLabel = cropImage(VELDSEMarker::m_labelImage);
-  m_cropLabelInit = cvCloneImage(m_cropLabel);
+  m_cropLabelInit = cloneImage(m_cropLabel);
 
   m_lambda = 50.0;
   VELDSEMarker::m_noiseLevel = 0.1;
@@ -135,7 +135,7 @@ IplImage* VELDSEHybrid::segment() {
     constructGraphVELD_Whole_Image();
     m_graph->maxFlow();
     updateLabelImage();
-    if (i < 3) m_iterLabel[i] = cvCloneImage(m_cropLabel);
+    if (i < 3) m_iterLabel[i] = cloneImage(m_cropLabel);
 
     stop_cpu_timer(g_cancelTimer);
     if (get_elapsed_time_in_millisec(g_cancelTimer) > kTimeoutMs ||

@@ -19,6 +19,7 @@
 #include <exception>
 
 #include "interface/segmentation_core.h"
+#include "support/mat_allocator.h"
 
 namespace boundary {
 
@@ -41,10 +42,12 @@ class Refused : public std::exception {
 int failed(const char* call) noexcept;
 
 // Runs body() (which returns the call's int status) and turns any exception
-// into the log line above and SEGCORE_FAILED.
+// into the log line above and SEGCORE_FAILED. OpenCV's matrices made during
+// the call come from the leak-free allocator (support/mat_allocator.h).
 template <class Body>
 int guardCall(const char* call, Body&& body) noexcept {
   try {
+    matalloc::DefaultScope matrices;
     return body();
   } catch (...) {
     return failed(call);
@@ -56,6 +59,7 @@ int guardCall(const char* call, Body&& body) noexcept {
 template <class Body>
 void guardVoidCall(const char* call, Body&& body) noexcept {
   try {
+    matalloc::DefaultScope matrices;
     body();
   } catch (...) {
     failed(call);

@@ -230,6 +230,7 @@ void assign_weight(IplImage* src, IplImage* label, Node_& node, int r, int c, do
 // result.
 std::vector<int> find_parent_info(IplImage* src, IplImage* label, int r, int c, double alpha) {
   try {
+    matalloc::DefaultScope matrices;
     return parentsOf(runSearch(src, label, r, c, alpha));
   } catch (...) {
     boundary::failed("find_parent_info");
@@ -240,6 +241,7 @@ std::vector<int> find_parent_info(IplImage* src, IplImage* label, int r, int c, 
 std::vector<int> find_parent_info(IplImage* src, IplImage* label, int r, int c, double alpha,
                                   IplImage* out) {
   try {
+    matalloc::DefaultScope matrices;
     return markParents(runSearch(src, label, r, c, alpha), src, out);
   } catch (...) {
     boundary::failed("find_parent_info");

@@ -358,7 +358,7 @@ int runCutOut(unsigned int* blended, unsigned char* mask) {
   const int width = VELDSEMarker::m_originalWidth;
   const int height = VELDSEMarker::m_originalHeight;
   RequestRollback rollback;
-  g_resultMask = cvCreateImage(cvSize(width, height), IPL_DEPTH_8U, 1);
+  g_resultMask = createImage(cvSize(width, height), IPL_DEPTH_8U, 1);
   // Without a previous mask the image is deliberately left as created: the app
   // only offers editing once there is a result.
   owned::Image previous(VELDSEManageUndoRedo::prevMask());

@@ -9,6 +9,7 @@
 #include <new>
 
 #include "interface/veldse_marker.h"
+#include "support/owned.h"
 #include "support/slices.h"
 
 unsigned int** VELDSEManageUndoRedo::m_bitPlane = nullptr;
@@ -183,7 +184,7 @@ IplImage* VELDSEManageUndoRedo::getMask(int k) {
   if (w < 1 || h < 1) {
     __android_log_print(ANDROID_LOG_ERROR, "Error", "MEMORY_CRASH : %s %d", "getMask", 92);
   }
-  IplImage* mask = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, 1);
+  IplImage* mask = createImage(cvSize(w, h), IPL_DEPTH_8U, 1);
   // Planes of another photo, or none (a call straight into the history
   // without a context), have no bits for this one.
   if (k >= 32 || m_bitPlane == nullptr || width != w || height != h) {

@@ -16,6 +16,7 @@
 #include <opencv2/core/core_c.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <new>
 
 #include "support/veld_memory.h"
@@ -25,6 +26,37 @@
 inline void releaseImage(IplImage*& image) {
   if (image != nullptr) cvReleaseImage(&image);
   image = nullptr;
+}
+
+// cvCreateImage, but leak-free when memory runs out: OpenCV's own keeps the
+// header it made when the pixels cannot be had. Raises cv::Exception
+// (out of memory) then, with nothing left behind.
+inline IplImage* createImage(CvSize size, int depth, int channels) {
+  // The header as cvCreateImageHeader makes it (rows aligned to 4 bytes),
+  // but kept hold of when its initialisation refuses the size.
+  constexpr int kRowAlign = 4;
+  IplImage* image = static_cast<IplImage*>(cvAlloc(sizeof(IplImage)));
+  try {
+    cvInitImageHeader(image, size, depth, channels, IPL_ORIGIN_TL, kRowAlign);
+    cvCreateData(image);
+  } catch (...) {
+    cvReleaseImageHeader(&image);
+    throw;
+  }
+  return image;
+}
+
+// cvCloneImage of an image without a region of interest, leak-free in the
+// same way: a header of the same geometry, then the bytes copied.
+inline IplImage* cloneImage(const IplImage* source) {
+  if (source->roi != nullptr) return cvCloneImage(source);
+  IplImage* image = createImage(cvSize(source->width, source->height), source->depth, source->nChannels);
+  if (image->imageSize == source->imageSize && image->widthStep == source->widthStep) {
+    std::memcpy(image->imageData, source->imageData, static_cast<size_t>(source->imageSize));
+  } else {
+    cvCopy(source, image, nullptr);
+  }
+  return image;
 }
 
 // Throws std::bad_alloc when an allocation that has no fall-back came back
@@ -52,12 +84,12 @@ class Image {
   Image(const Image&) = delete;
   Image& operator=(const Image&) = delete;
 
-  // cvCreateImage / cvCloneImage; both raise cv::Exception when memory runs
+  // createImage / cloneImage: both raise cv::Exception when memory runs
   // out, so a returned owner always holds an image.
   static Image create(CvSize size, int depth, int channels) {
-    return Image(cvCreateImage(size, depth, channels));
+    return Image(createImage(size, depth, channels));
   }
-  static Image clone(const IplImage* image) { return Image(cvCloneImage(image)); }
+  static Image clone(const IplImage* image) { return Image(cloneImage(image)); }
 
   IplImage* get() const { return image_; }
   IplImage* operator->() const { return image_; }
