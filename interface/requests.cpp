@@ -234,6 +234,23 @@ int exitCheck(bool keepExitStatus) {
   return 0;
 }
 
+// The end shared by a cut and a history step: the result delivered or, with
+// none (an abandoned cut, a step back to the photo), the plain photo without
+// an outline and the mask buffer as it was; then the request's changes are
+// kept, its images released and the exit check made.
+int finishRequest(RequestRollback& rollback, unsigned int* blended, unsigned char* mask,
+                  bool keepExitStatus) {
+  if (g_resultMask != nullptr) {
+    deliverResult(g_resultMask, blended, mask);
+  } else {
+    writePlainPhoto(blended);
+  }
+  rollback.commit();
+  releaseImage(g_resultMask);
+  releaseImage(g_markerImage);
+  return exitCheck(keepExitStatus);
+}
+
 int runSegment(unsigned int* blended, unsigned char* mask) {
   RequestImages images;
   requireContext(true);
@@ -246,16 +263,7 @@ int runSegment(unsigned int* blended, unsigned char* mask) {
     pHybrid->setLabelImage(g_markerImage);
     g_resultMask = pHybrid->segment();
   }
-  if (g_resultMask != nullptr) {
-    deliverResult(g_resultMask, blended, mask);
-  } else {
-    // Abandoned cut: the photo without an outline; the mask stays as it was.
-    writePlainPhoto(blended);
-  }
-  rollback.commit();
-  releaseImage(g_resultMask);
-  releaseImage(g_markerImage);
-  return exitCheck(true);
+  return finishRequest(rollback, blended, mask, true);
 }
 
 // The rectangle's border, clockwise from the top-left corner, as the points of
@@ -395,16 +403,7 @@ int runHistoryStep(unsigned int* blended, unsigned char* mask, Step step) {
   requireBuffer(mask, "mask");
   RequestRollback rollback;
   g_resultMask = step();
-  if (g_resultMask != nullptr) {
-    deliverResult(g_resultMask, blended, mask);
-  } else {
-    writePlainPhoto(blended);
-  }
-  rollback.commit();
-  releaseImage(g_resultMask);
-  releaseImage(g_markerImage);
-  exitCheck(false);
-  return 0;
+  return finishRequest(rollback, blended, mask, false);
 }
 
 int runFetchPath(int** array, int* count) {
