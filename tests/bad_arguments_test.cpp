@@ -291,7 +291,7 @@ struct Row {
   int status;               // kNoStatus for void calls
   const char* callName;     // the "<call>: " of the log line
   Effect effect;
-  Lines crashLines = {};    // logged before the refusal, exactly
+  Lines crashLines = {};    // logged before the refusal (or, for a legal row, all it logs), exactly
   bool someCrashLines = false;  // MEMORY_CRASH lines of the calls it wraps may come first
   std::function<void(Buffers&)> check = nullptr;   // what a legal row writes
   std::function<void(Buffers&)> twin = nullptr;    // a legal call with the same result
@@ -336,6 +336,9 @@ void runRows(const std::vector<Row>& rows) {
       expectUntouched(b);
     } else {
       EXPECT_THAT(log, ::testing::Not(::testing::Contains(StartsWith(prefix))));
+      if (!row.crashLines.empty()) {
+        EXPECT_EQ(log, row.crashLines);
+      }
       if (row.check) row.check(b);
     }
 
@@ -403,6 +406,21 @@ Row markerSize(int w, int h, State state = State::kResult) {
           "setMarkerImage", Effect::kRefused, small ? kMarkerCrash : Lines{}};
 }
 
+// A grid with a side of 0 is logged and stored; it changes nothing else, and
+// the next marks replace it.
+Row emptyMarkerGrid(int w, int h, bool nullMarkers, State state = State::kResult) {
+  return {"setMarkerImage " + std::to_string(w) + " x " + std::to_string(h) + (nullMarkers ? ", null" : ""),
+          state,
+          [w, h, nullMarkers](Buffers& b) {
+            return setMarkerImage(w, h, nullMarkers ? nullptr : b.smallMarkers.data(), 2);
+          },
+          0, "setMarkerImage", Effect::kKeeps, kMarkerCrash, false, [w, h](Buffers&) {
+            ASSERT_NE(g_markerImage, nullptr);
+            EXPECT_EQ(g_markerImage->width, w);
+            EXPECT_EQ(g_markerImage->height, h);
+          }};
+}
+
 Row rectangleSize(int w, int h) {
   Row r{"doSegmentationBB " + std::to_string(w) + " x " + std::to_string(h), State::kResult,
         [w, h](Buffers& b) { return doSegmentationBB(w, h, b.smallPhoto.data(), 0, 0, 3, 3, b.mask.data()); },
@@ -411,22 +429,29 @@ Row rectangleSize(int w, int h) {
   return r;
 }
 
-TEST_F(BadArguments, SizesBelowOneOrTooLargeAreRefused) {
+TEST_F(BadArguments, NegativeOrTooLargeSizesAreRefused) {
   std::vector<Row> rows;
   for (auto wh : std::vector<std::pair<int, int>>{
-           {0, kH}, {kW, 0}, {-1, -1}, {INT_MIN, kH}, {kW, INT_MIN}, {0, INT_MAX},
+           {-1, kH}, {kW, -1}, {-1, -1}, {0, -1}, {-1, 0}, {INT_MIN, kH}, {kW, INT_MIN}, {0, INT_MIN},
            {70000, 70000}, {65536, 65536}, {32768, 32768}, {46341, 46341}, {INT_MAX, 2}, {2, INT_MAX},
            {INT_MAX, INT_MAX}, {715827883, 1}, {1, 715827883}}) {
     rows.push_back(sourceSize(wh.first, wh.second));
   }
-  rows.push_back(sourceSize(0, 0, State::kNone));
+  rows.push_back(sourceSize(-1, -1, State::kNone));
+  rows.push_back(sourceSize(0, -5, State::kNone));
   rows.push_back(sourceSize(65536, 65536, State::kNone));
   for (auto wh : std::vector<std::pair<int, int>>{
-           {0, kH}, {kW, 0}, {-1, -1}, {INT_MIN, INT_MIN}, {70000, 70000}, {65536, 65536},
-           {32768, 32768}, {23171, 23171}, {INT_MAX, 2}, {536870913, 1}}) {
+           {-1, kH}, {kW, -1}, {-1, -1}, {0, -1}, {-1, 0}, {INT_MIN, INT_MIN}, {70000, 70000},
+           {65536, 65536}, {32768, 32768}, {23171, 23171}, {INT_MAX, 2}, {536870913, 1}}) {
     rows.push_back(markerSize(wh.first, wh.second));
   }
   rows.push_back(markerSize(-3, 5, State::kNone));
+  for (auto wh : std::vector<std::pair<int, int>>{{0, kH}, {kW, 0}, {0, 0}}) {
+    for (bool null : {false, true}) {
+      rows.push_back(emptyMarkerGrid(wh.first, wh.second, null));
+      rows.push_back(emptyMarkerGrid(wh.first, wh.second, null, State::kNone));
+    }
+  }
   for (auto wh : std::vector<std::pair<int, int>>{
            {0, kH}, {kW, 0}, {-5, -5}, {INT_MIN, INT_MIN}, {70000, 70000}, {65536, 65536},
            {32768, 32768}, {INT_MAX, 2}, {715827883, 1}}) {
@@ -445,7 +470,7 @@ TEST_F(BadArguments, NullBuffersAreRefused) {
   const std::vector<Row> rows = {
       {"setSourceImage null pixels", R, [](Buffers&) { return setSourceImage(kW, kH, nullptr); },
        SEGCORE_FAILED, "setSourceImage", Effect::kRefused},
-      {"setSourceImage null pixels, no width", R, [](Buffers&) { return setSourceImage(0, kH, nullptr); },
+      {"setSourceImage null pixels, negative width", R, [](Buffers&) { return setSourceImage(-1, kH, nullptr); },
        SEGCORE_FAILED, "setSourceImage", Effect::kRefused, kSourceCrash},
       {"setSourceImage null pixels, no photo yet", State::kNone,
        [](Buffers&) { return setSourceImage(kW, kH, nullptr); }, SEGCORE_FAILED, "setSourceImage",
@@ -547,7 +572,7 @@ TEST_F(BadArguments, CallsOutOfOrderAreRefused) {
               return process ? processSegment(0, 0, 0, b.blended.data(), b.mask.data())
                              : cutOutImage(0, 0, 0, b.blended.data(), b.mask.data());
             },
-            SEGCORE_FAILED, name, Effect::kRefused};
+            SEGCORE_FAILED, name, Effect::kRefused, w < 1 || h < 1 ? kMarkerCrash : Lines{}};
   };
   auto history = [](const char* name, State s) -> Row {
     const bool isUndo = std::string(name) == "undo";
@@ -603,6 +628,9 @@ TEST_F(BadArguments, CallsOutOfOrderAreRefused) {
       request("processSegment", State::kResult, kW, kH - 1, true),
       request("cutOutImage", State::kEngine, 10, 10, false),
       request("cutOutImage", State::kResult, kH, kW, false),
+      request("processSegment", State::kResult, 0, kH, true),
+      request("processSegment", State::kEngine, 0, 0, true),
+      request("cutOutImage", State::kResult, kW, 0, false),
       loadMask(State::kAfterRectangle),
       loadBlended(State::kAfterRectangle),
       loadMask(State::kResult),
@@ -615,6 +643,77 @@ TEST_F(BadArguments, CallsOutOfOrderAreRefused) {
       noOutline(T),
   };
   runRows(rows);
+}
+
+// A photo with a side of 0 is logged and stored: it replaces the photo held,
+// and the history is sized to it and emptied (the engine of the old photo
+// stays). Every later call that needs pixels refuses it, and a request still
+// consumes its marks.
+TEST_F(BadArguments, EmptyPhotoIsStoredAndRefusedByEveryCallThatNeedsPixels) {
+  struct Size {
+    int w, h;
+  };
+  struct Follow {
+    const char* name;
+    bool marks;  // a request that is sent marks first
+    std::function<int(Buffers&)> call;
+  };
+  const std::vector<Follow> follows = {
+      {"initSegmentationEngine", false, [](Buffers&) { return initSegmentationEngine(0); }},
+      {"processSegment", true, [](Buffers& b) { return processSegment(0, 0, 0, b.blended.data(), b.mask.data()); }},
+      {"cutOutImage", true, [](Buffers& b) { return cutOutImage(0, 0, 0, b.blended.data(), b.mask.data()); }},
+      {"undo", false, [](Buffers& b) { return undo(b.blended.data(), b.mask.data()); }},
+      {"redo", false, [](Buffers& b) { return redo(b.blended.data(), b.mask.data()); }},
+  };
+  for (State state : {State::kPhoto, State::kEngine, State::kResult}) {
+    for (Size size : std::vector<Size>{{0, kH}, {kW, 0}, {0, 0}, {0, 1}, {0, INT_MAX}}) {
+      for (bool null : {false, true}) {
+        for (const Follow& follow : follows) {
+          SCOPED_TRACE(::testing::Message() << size.w << " x " << size.h << (null ? ", null pixels" : "") << " ("
+                                            << stateName(state) << "), then " << follow.name);
+          setUp(state);
+          if (::testing::Test::HasFatalFailure()) return;
+          const Snapshot before = snapshot();
+          Buffers b;
+          hostlog::startCapture();
+          const int stored = setSourceImage(size.w, size.h, null ? nullptr : b.smallPhoto.data());
+          EXPECT_EQ(testsupport::lines(hostlog::stopCapture()), kSourceCrash);
+          EXPECT_EQ(stored, 0);
+          ASSERT_NE(VELDSEMarker::m_originalImage, nullptr);
+          EXPECT_NE(VELDSEMarker::m_originalImage, before.photo) << "the photo is replaced";
+          EXPECT_EQ(VELDSEMarker::m_originalImage->width, size.w);
+          EXPECT_EQ(VELDSEMarker::m_originalImage->height, size.h);
+          EXPECT_EQ(VELDSEMarker::m_originalWidth, size.w);
+          EXPECT_EQ(VELDSEMarker::m_originalHeight, size.h);
+          EXPECT_EQ(pHybrid, before.engine) << "the engine is not the photo's business";
+          EXPECT_EQ(canUndo(), 0);
+          EXPECT_EQ(canRedo(), 0);
+          EXPECT_EQ(b.smallPhoto, Pixels(16, 0xFF808080u)) << "the caller's pixels";
+
+          if (follow.marks) {
+            std::vector<int> points = strokePoints();
+            setCurrentMarkerVector(static_cast<int>(points.size()), points.data());
+            ASSERT_EQ(setMarkerImage(kW, kH, b.markers.data(), 2), 0);
+          }
+          const Snapshot stillEmpty = snapshot();
+          hostlog::startCapture();
+          const int status = follow.call(b);
+          const Lines log = testsupport::lines(hostlog::stopCapture());
+          EXPECT_EQ(status, SEGCORE_FAILED);
+          // processSegment needs the engine before it looks at the photo.
+          const bool noEngine = std::string(follow.name) == "processSegment" && state == State::kPhoto;
+          const std::string problem =
+              noEngine ? "no segmentation context"
+                       : "empty photo (" + std::to_string(size.w) + " x " + std::to_string(size.h) + ")";
+          EXPECT_EQ(log, Lines{"E/Error: " + std::string(follow.name) + ": " + problem});
+          expectUntouched(b);
+          expectSame(stillEmpty, snapshot());
+          EXPECT_EQ(g_markerImage, nullptr) << "a request consumes its marks";
+          clearContext();
+        }
+      }
+    }
+  }
 }
 
 // Codes outside 0-4 saturate to 0..255 and act as unknown: the cut is the
