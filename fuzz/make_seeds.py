@@ -67,10 +67,10 @@ def sizes():
     s.start(True)
     s.op(14); s.flag(False); s.side(4); s.side(4)                  # 65536 x 65536 photo
     s.op(14); s.flag(False); s.side(3); s.side(9, 2)                # INT_MAX x 2
-    s.op(14); s.flag(False); s.side(0); s.side(9, 15)               # 0 x 15: MEMORY_CRASH first
+    s.op(14); s.flag(False); s.side(1); s.side(9, 15)               # -1 x 15: MEMORY_CRASH first
     s.op(14); s.flag(True); s.flag(False)                           # null pixels
-    s.op(16); s.range(0, 3, 2); s.range(0, 2, 0); s.side(6); s.side(6)   # 32768 x 32768 grid
-    s.op(16); s.range(0, 3, 2); s.range(0, 2, 0); s.side(1); s.side(2)   # -1 x INT_MIN grid
+    s.op(16); s.range(0, 3, 2); s.range(0, 2, 0); s.side(6); s.side(6); s.flag(False)   # 32768 x 32768 grid
+    s.op(16); s.range(0, 3, 2); s.range(0, 2, 0); s.side(1); s.side(2); s.flag(False)   # -1 x INT_MIN grid
     s.op(16); s.range(0, 3, 2); s.range(0, 2, 2); s.any32(7)              # mode 7
     s.op(23); s.range(0, 3, 0); s.side(5); s.side(5)                # 70000 x 70000 rectangle
     s.op(23); s.range(0, 3, 0); s.side(8, -20); s.side(9, 3)        # negative width
@@ -112,7 +112,7 @@ def counts():
             s.range(1, INT_MAX, 4)                                    # 4 points, null
         else:
             s.range(INT_MIN, 0, -3); s.flag(False)                    # -3 empties
-    s.op(19); s.range(1, 64, 2); s.range(1, 64, 2)
+    s.op(19); s.range(0, 64, 2); s.range(1, 64, 2)
     for code in (2, 2, 1, 1):
         s.range(0, 4, code)
     s.range(0, 3, 0); s.flag(True)                                    # processSegment on 2 x 2
@@ -174,10 +174,37 @@ def faults():
     return s
 
 
+def empty_photo():
+    s = Seed()
+    s.photo(20, 15)
+    s.start(True)
+    s.op(14); s.flag(False); s.side(0); s.side(9, 15)               # 0 x 15: logged and stored
+    s.op(3)                                                          # every request refuses it
+    s.op(0); s.range(0, 3, 0); s.range(0, 4, 0); s.range(0, 64, 0); s.range(0, 3, 2)
+    s.op(5)
+    s.op(6)
+    s.op(22)                                                         # and so does the engine
+    s.op(15); s.flag(True)                                           # copySourceImage(null): a photo is held
+    s.op(15); s.flag(False)                                          # nothing to write
+    s.op(14); s.flag(True); s.flag(True); s.side(9, 7); s.side(0)   # 7 x 0, null pixels: stored
+    s.op(13); s.flag(False)                                          # a photo with pixels again
+    return s
+def empty_grid():
+    s = Seed()
+    s.photo(20, 15)
+    s.start(True)
+    s.op(19); s.range(0, 64, 0); s.range(0, 64, 5); s.range(0, 3, 2); s.flag(True)   # cut on a 0 x 5 grid
+    s.op(19); s.range(0, 64, 0); s.range(0, 64, 0); s.range(0, 3, 1); s.flag(False)  # edit on 0 x 0
+    s.op(16); s.range(0, 3, 2); s.range(0, 2, 0); s.side(9, 20); s.side(0); s.flag(True)  # 20 x 0, null
+    s.op(16); s.range(0, 3, 1); s.range(0, 2, 0); s.side(0); s.side(0); s.flag(False)     # 0 x 0
+    s.op(16); s.range(0, 3, 1); s.range(0, 2, 0); s.side(0); s.side(1); s.flag(False)     # 0 x -1: refused
+    s.op(3)                                                          # the photo still cuts
+    return s
 def main():
     out = os.path.join(os.path.dirname(os.path.abspath(__file__)), "corpus")
     for name, make in (("args-sizes", sizes), ("args-nulls", nulls), ("args-counts", counts),
-                       ("args-order", order), ("args-wild", wild), ("args-fault", faults)):
+                       ("args-order", order), ("args-wild", wild), ("args-fault", faults),
+                       ("args-empty-photo", empty_photo), ("args-empty-grid", empty_grid)):
         data = make().bytes()
         with open(os.path.join(out, name), "wb") as f:
             f.write(data)

@@ -4,8 +4,10 @@
 // outside the photo, empty and one-point strokes, requests in any order
 // (edits before a result, undo and redo past both ends of the history, resets
 // between requests, cancel and exit between requests, requests after a
-// teardown) - and with arguments a bridge must never send: sizes below 1,
-// huge or with products beyond 32 bits, null buffers, odd and negative point
+// teardown) - and with arguments a bridge must never send: negative sizes,
+// sides of 0 (a photo or grid of 0 pixels is stored as it always was, and
+// whatever needs pixels refuses it later), huge sizes or ones with products
+// beyond 32 bits, null buffers, odd and negative point
 // counts, marking modes outside 0-3, marker codes outside 0-4, rectangles
 // with any corners, calls before a photo and after a teardown.
 //
@@ -318,12 +320,15 @@ void checkNoRefusal(const Log& log, const char* call, int step) {
   for (const fuzzlog::Record& r : log) CHECK(!(r.tag == "Error" && startsWith(r.text, std::string(call) + ": ")), step);
 }
 
-// Whether a size passes the size checks at `bytes` per entry: both sides at
-// least 1 and at most 2^31 bytes in all.
+// Whether a size passes the size checks at `bytes` per entry: no side below
+// 0 and at most 2^31 bytes in all.
 bool sizeFits(int w, int h, int bytes) {
-  return w >= 1 && h >= 1 &&
+  return w >= 0 && h >= 0 &&
          static_cast<uint64_t>(w) * static_cast<uint64_t>(h) * static_cast<uint64_t>(bytes) <= (uint64_t{1} << 31);
 }
+
+// A size that is stored although it holds nothing: a side of 0, none below.
+bool emptySize(int w, int h) { return w >= 0 && h >= 0 && (w == 0 || h == 0); }
 
 // One side of a size a bridge should never send: zero, negative, the int
 // limits, sides whose squares wrap 32 bits, anything, or a plain side.
@@ -342,11 +347,12 @@ int hostileSide(ByteReader& in) {
   }
 }
 
-// A size every size check must refuse at `bytes` per entry; the caller's
-// buffer that goes with it is small on purpose.
-std::pair<int, int> refusedSize(ByteReader& in, int bytes) {
+// A size every size check must refuse at `bytes` per entry, or one with a
+// side of 0 (stored, empty); the caller's buffer that goes with it is small
+// on purpose.
+std::pair<int, int> hostileSize(ByteReader& in, int bytes) {
   int w = hostileSide(in), h = hostileSide(in);
-  if (sizeFits(w, h, bytes)) {
+  if (sizeFits(w, h, bytes) && !emptySize(w, h)) {
     if (in.flag()) h = -h; else w = 0;
   }
   return {w, h};
@@ -384,10 +390,13 @@ int maybeFailing(int step, F&& call) {
 // cancel flags as its own calls have left them.
 struct Model {
   bool alive = false;
+  bool emptyPhoto = false; // a photo of 0 pixels is held: requests refuse it
   bool cancelled = false;  // cancelSegmentation since the context (re)started
   bool exitArmed = false;  // exitSegmentation answered 1, not yet consumed
 
-  void started() { alive = true; cancelled = false; }
+  void started() { alive = true; emptyPhoto = false; cancelled = false; }
+  // A photo with pixels, as the session's requests need.
+  bool usable() const { return alive && !emptyPhoto; }
   // End of a request on a live context: the exit check.
   bool tearsDown() const { return alive && exitArmed && cancelled; }
 };
@@ -445,7 +454,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     };
     switch (op) {
       case 0: case 1: case 2:  // a cut from new marks
-        setMarks(in, photo, model.alive, step);
+        setMarks(in, photo, model.usable(), step);
         result = maybeFailing(step, [&] { return processSegment(0, 0, 0, blended.data(), mask.data()); });
         request = process = true;
         call = "processSegment";
@@ -456,7 +465,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         call = "processSegment";
         break;
       case 4: {  // an edit, into either or both buffers
-        setMarks(in, photo, model.alive, step);
+        setMarks(in, photo, model.usable(), step);
         const int buffers = in.range<int>(0, 3);
         result = maybeFailing(step, [&] {
           return cutOutImage(0, 0, 0, buffers & 1 ? blended.data() : nullptr, buffers & 2 ? mask.data() : nullptr);
@@ -510,7 +519,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
           const bool none = VELDSEMarker::m_originalImage == nullptr && pHybrid == nullptr &&
                             VELDSEManageUndoRedo::m_bitPlane == nullptr;
           CHECK(before == snapshot() || none, step);
-          if (none) model.alive = false;
+          if (none) model.alive = model.emptyPhoto = false;
           break;
         }
         CHECK(result == 0, step);
@@ -529,46 +538,82 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       case 12:  // end the context
         CHECK(deinitSegmentation() == 0, step);
         freeLocalBuffers();
-        model.alive = false;
+        model.alive = model.emptyPhoto = false;
         break;
-      case 14: {  // a photo of a refused size or without pixels
+      case 14: {  // a photo of a refused size, of 0 pixels or without pixels
         std::vector<unsigned int> small(16, 0xFF000000u);
         const bool nullPixels = in.flag();
         std::pair<int, int> size{photo.w, photo.h};
-        if (!nullPixels || in.flag()) size = refusedSize(in, 3);
-        result = setSourceImage(size.first, size.second, nullPixels ? nullptr : small.data());
-        refused(SEGCORE_FAILED, "setSourceImage", size.first < 1 || size.second < 1 ? std::vector<int>{115}
-                                                                                     : std::vector<int>{});
+        if (!nullPixels || in.flag()) size = hostileSize(in, 3);
+        const auto [w, h] = size;
+        result = setSourceImage(w, h, nullPixels ? nullptr : small.data());
+        const std::vector<int> crashLines = w < 1 || h < 1 ? std::vector<int>{115} : std::vector<int>{};
+        if (!emptySize(w, h)) {
+          refused(SEGCORE_FAILED, "setSourceImage", crashLines);
+          break;
+        }
+        // Stored: it replaces the photo, the history is sized to it and
+        // emptied, the engine stays; the pixels are never read.
+        const Log sofar = fuzzlog::stop();
+        CHECK(result == 0, step);
+        CHECK(sofar.size() == 1 && sofar[0].tag == "Error" && sofar[0].priority == ANDROID_LOG_ERROR &&
+                  sofar[0].text == "MEMORY_CRASH : setSourceImage 115",
+              step);
+        CHECK(VELDSEMarker::m_originalImage != nullptr && VELDSEMarker::m_originalImage != before.photo, step);
+        CHECK(VELDSEMarker::m_originalWidth == w && VELDSEMarker::m_originalHeight == h, step);
+        CHECK(pHybrid == before.engine && canUndo() == 0 && canRedo() == 0, step);
+        CHECK(allEqual(small, 0xFF000000u), step);
+        model.emptyPhoto = true;
+        fuzzlog::start();
         break;
       }
       case 15: {  // the photo back, into a buffer or into null
         if (in.flag()) {
           copySourceImage(nullptr);
-          if (model.alive) refused(kNoStatus, "copySourceImage");
+          if (model.alive || model.emptyPhoto) refused(kNoStatus, "copySourceImage");
           // Without a photo there is nothing to write, refused or not.
           CHECK(before == snapshot(), step);
         } else {
           std::vector<unsigned int> out(photo.argb.size(), kBlendedUntouched);
           copySourceImage(out.data());
-          CHECK(model.alive ? out == photo.argb : allEqual(out, kBlendedUntouched), step);
+          // An empty photo has nothing to write.
+          CHECK(model.usable() ? out == photo.argb : allEqual(out, kBlendedUntouched), step);
           checkNoRefusal(fuzzlog::stop(), "copySourceImage", step);
           fuzzlog::start();
         }
         break;
       }
-      case 16: {  // a marker grid of a refused size, without markers, or in a mode outside 0-3
+      case 16: {  // a marker grid of a refused size or of 0 entries, without markers, or in a mode outside 0-3
         std::vector<int> small(16, 2), full(photo.argb.size(), 2);
         int* markers = full.data();
         std::pair<int, int> size{photo.w, photo.h};
         int mode = in.range<int>(0, 3);
         switch (in.range<int>(0, 2)) {
-          case 0: size = refusedSize(in, 4), markers = small.data(); break;
+          case 0: size = hostileSize(in, 4), markers = in.flag() ? nullptr : small.data(); break;
           case 1: markers = nullptr; break;
           default: mode = in.any<int>(); if (mode >= 0 && mode <= 3) mode -= 4; break;
         }
-        result = setMarkerImage(size.first, size.second, markers, mode);
-        refused(SEGCORE_FAILED, "setMarkerImage", size.first < 1 || size.second < 1 ? std::vector<int>{164, 173}
-                                                                                     : std::vector<int>{});
+        const auto [w, h] = size;
+        result = setMarkerImage(w, h, markers, mode);
+        const std::vector<int> crashLines = w < 1 || h < 1 ? std::vector<int>{164, 173} : std::vector<int>{};
+        if (!emptySize(w, h) || mode < 0 || mode > 3) {
+          refused(SEGCORE_FAILED, "setMarkerImage", crashLines);
+          break;
+        }
+        // Stored, and nothing else changes (a request on it: op 19). Dropped
+        // here so that the session's requests keep their marks.
+        const Log sofar = fuzzlog::stop();
+        CHECK(result == 0, step);
+        CHECK(sofar.size() == 2, step);
+        for (size_t i = 0; i < sofar.size(); ++i) {
+          CHECK(sofar[i].tag == "Error" && sofar[i].priority == ANDROID_LOG_ERROR &&
+                    sofar[i].text == "MEMORY_CRASH : setMarkerImage " + std::to_string(crashLines[i]),
+                step);
+        }
+        CHECK(before == snapshot(), step);
+        CHECK(allEqual(small, 2), step);
+        freeLocalBuffers();
+        fuzzlog::start();
         break;
       }
       case 17: {  // a point list with an odd count, null points, or a count below 1
@@ -597,7 +642,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         unsigned int* b = nulls & 1 ? nullptr : blended.data();
         unsigned char* m = nulls & 2 ? nullptr : mask.data();
         if (which == 0) {
-          setMarks(in, photo, model.alive, step);
+          setMarks(in, photo, model.usable(), step);
           result = processSegment(0, 0, 0, b, m);
           refused(SEGCORE_FAILED, "processSegment");
         } else {
@@ -607,14 +652,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         freeLocalBuffers();  // marks a refusal kept
         break;
       }
-      case 19: {  // a request on a marker grid of another size than the photo
-        const int w = in.range<int>(1, 64);
-        int h = in.range<int>(1, 64);
+      case 19: {  // a request on a marker grid of another size than the photo (possibly of 0 entries)
+        const int w = in.range<int>(0, 64);
+        int h = in.range<int>(w == 0 ? 0 : 1, 64);
         if (w == photo.w && h == photo.h) ++h;
         std::vector<int> grid(static_cast<size_t>(w) * h);
         for (int& c : grid) c = in.range<int>(0, 4);
         CHECK(setCurrentMarkerVector(0, nullptr) == 0, step);
-        CHECK(setMarkerImage(w, h, grid.data(), in.range<int>(0, 3)) == 0, step);
+        CHECK(setMarkerImage(w, h, grid.empty() ? nullptr : grid.data(), in.range<int>(0, 3)) == 0, step);
+        // A grid of 0 entries is logged as it always was; the request then
+        // refuses it like any grid of another size.
+        const Log marked = fuzzlog::stop();
+        CHECK(marked.size() == (w < 1 || h < 1 ? 2u : 0u), step);
+        checkNoRefusal(marked, "setMarkerImage", step);
+        fuzzlog::start();
         const bool cut = in.flag();
         result = cut ? processSegment(0, 0, 0, blended.data(), mask.data())
                      : cutOutImage(0, 0, 0, blended.data(), mask.data());
@@ -640,8 +691,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         CHECK(array == kArraySentinel && count == -7, step);
         break;
       }
-      case 22:  // an engine without a photo
-        if (model.alive) break;  // a second engine on a live context is not a bad argument
+      case 22:  // an engine without a photo, or on an empty one
+        if (model.usable()) break;  // a second engine on a live context is not a bad argument
         result = initSegmentationEngine(0);
         refused(SEGCORE_FAILED, "initSegmentationEngine");
         break;
@@ -650,7 +701,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const int kind = in.range<int>(0, 3);
         if (kind < 3) {
           std::pair<int, int> size{photo.w, photo.h};
-          if (kind == 0) size = refusedSize(in, 3);
+          if (kind == 0) size = hostileSize(in, 3);
           result = doSegmentationBB(size.first, size.second, kind == 1 ? nullptr : small.data(), 0, 0, 3, 3,
                                     kind == 2 ? nullptr : mask.data());
           refused(SEGCORE_FAILED, "doSegmentationBB", {}, true);
@@ -675,7 +726,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         break;
       }
       case 25:  // a cut from marks with codes outside 0-4
-        setMarks(in, photo, model.alive, step, true);
+        setMarks(in, photo, model.usable(), step, true);
         result = maybeFailing(step, [&] { return processSegment(0, 0, 0, blended.data(), mask.data()); });
         request = process = true;
         call = "processSegment";
@@ -710,8 +761,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       continue;
     }
     if (request) {
-      if (!model.alive) {
-        // No context: the request is refused and nothing is written.
+      if (!model.usable()) {
+        // No context, or an empty photo: the request is refused and nothing
+        // is written.
         CHECK(result == SEGCORE_FAILED, step);
         checkRefusalLog(log, call, {}, false, step);
         CHECK(allEqual(mask, kUntouched) && allEqual(blended, kBlendedUntouched), step);
