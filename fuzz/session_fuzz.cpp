@@ -547,6 +547,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (!nullPixels || in.flag()) size = hostileSize(in, 3);
         const auto [w, h] = size;
         result = setSourceImage(w, h, nullPixels ? nullptr : small.data());
+        if (tracing()) std::fprintf(stderr, "  setSourceImage(%d, %d, %s) -> %d\n", w, h, nullPixels ? "null" : "pixels", result);
         const std::vector<int> crashLines = w < 1 || h < 1 ? std::vector<int>{115} : std::vector<int>{};
         if (!emptySize(w, h)) {
           refused(SEGCORE_FAILED, "setSourceImage", crashLines);
@@ -595,6 +596,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
         const auto [w, h] = size;
         result = setMarkerImage(w, h, markers, mode);
+        if (tracing()) std::fprintf(stderr, "  setMarkerImage(%d, %d, %s, %d) -> %d\n", w, h, markers ? "grid" : "null", mode, result);
         const std::vector<int> crashLines = w < 1 || h < 1 ? std::vector<int>{164, 173} : std::vector<int>{};
         if (!emptySize(w, h) || mode < 0 || mode > 3) {
           refused(SEGCORE_FAILED, "setMarkerImage", crashLines);
