@@ -327,8 +327,13 @@ bool sizeFits(int w, int h, int bytes) {
          static_cast<uint64_t>(w) * static_cast<uint64_t>(h) * static_cast<uint64_t>(bytes) <= (uint64_t{1} << 31);
 }
 
-// A size that is stored although it holds nothing: a side of 0, none below.
-bool emptySize(int w, int h) { return w >= 0 && h >= 0 && (w == 0 || h == 0); }
+// A size that is stored although it holds nothing: a side of 0, none below,
+// and rows that OpenCV can still describe (a row of `bytes` per entry, padded
+// to 4, within 2^31 bytes - also when there are no rows).
+bool emptySize(int w, int h, int bytes) {
+  return w >= 0 && h >= 0 && (w == 0 || h == 0) &&
+         (static_cast<uint64_t>(w) * static_cast<uint64_t>(bytes) + 3) / 4 * 4 <= uint64_t{INT_MAX};
+}
 
 // One side of a size a bridge should never send: zero, negative, the int
 // limits, sides whose squares wrap 32 bits, anything, or a plain side.
@@ -352,7 +357,7 @@ int hostileSide(ByteReader& in) {
 // on purpose.
 std::pair<int, int> hostileSize(ByteReader& in, int bytes) {
   int w = hostileSide(in), h = hostileSide(in);
-  if (sizeFits(w, h, bytes) && !emptySize(w, h)) {
+  if (sizeFits(w, h, bytes) && !emptySize(w, h, bytes)) {
     if (in.flag()) h = -h; else w = 0;
   }
   return {w, h};
@@ -549,7 +554,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         result = setSourceImage(w, h, nullPixels ? nullptr : small.data());
         if (tracing()) std::fprintf(stderr, "  setSourceImage(%d, %d, %s) -> %d\n", w, h, nullPixels ? "null" : "pixels", result);
         const std::vector<int> crashLines = w < 1 || h < 1 ? std::vector<int>{115} : std::vector<int>{};
-        if (!emptySize(w, h)) {
+        if (!emptySize(w, h, 3)) {
           refused(SEGCORE_FAILED, "setSourceImage", crashLines);
           break;
         }
@@ -598,7 +603,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         result = setMarkerImage(w, h, markers, mode);
         if (tracing()) std::fprintf(stderr, "  setMarkerImage(%d, %d, %s, %d) -> %d\n", w, h, markers ? "grid" : "null", mode, result);
         const std::vector<int> crashLines = w < 1 || h < 1 ? std::vector<int>{164, 173} : std::vector<int>{};
-        if (!emptySize(w, h) || mode < 0 || mode > 3) {
+        if (!emptySize(w, h, 4) || mode < 0 || mode > 3) {
           refused(SEGCORE_FAILED, "setMarkerImage", crashLines);
           break;
         }

@@ -10,4 +10,15 @@
 // it was. O(photo pixels) for the working image, then O(working pixels).
 void startEngine();
 
+// Which photo the engine was built for. Every stored photo gets a new
+// number; startEngine() records the one it built from. A photo stored after
+// the engine (setSourceImage without initSegmentationEngine) leaves the
+// engine's working image, size and scale those of the old photo: cutting
+// with it would read past its images, so a cut then is refused.
+namespace context {
+extern unsigned long photoGeneration;
+extern unsigned long engineGeneration;
+inline bool engineFitsPhoto() { return photoGeneration == engineGeneration; }
+}  // namespace context
+
 #endif

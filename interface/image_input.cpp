@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "interface/boundary.h"
+#include "interface/context.h"
 #include "interface/segmentation_core.h"
 #include "interface/image_io.h"
 #include "interface/undo_redo.h"
@@ -33,8 +34,8 @@ void convertRows(const unsigned int* pixels, int width, IplImage* image, int y0,
 }  // namespace
 
 // OpenCV keeps an image's row step and byte count in ints: a grid whose rows
-// or bytes do not fit cannot be made, and a product that wraps would make a
-// smaller one than asked for.
+// or bytes do not fit cannot be made (also when it has no rows), and a
+// product that wraps would make a smaller one than asked for.
 bool fitsAnImage(int width, int height, int bytesPerPixel) {
   const long long rowBytes = (static_cast<long long>(width) * bytesPerPixel + 3) / 4 * 4;
   return rowBytes <= INT_MAX && rowBytes * height <= INT_MAX;
@@ -58,6 +59,8 @@ int storeSourceImage(int width, int height, unsigned int* pixels) {
   // and the history stay as they were.
   const int oldWidth = VELDSEMarker::m_originalWidth;
   const int oldHeight = VELDSEMarker::m_originalHeight;
+  unsigned int** const oldPlanes = VELDSEManageUndoRedo::m_bitPlane;
+  const int oldPlaneWidth = VELDSEManageUndoRedo::width;
   VELDSEMarker::m_originalWidth = image->width;
   VELDSEMarker::m_originalHeight = image->height;
   try {
@@ -67,7 +70,13 @@ int storeSourceImage(int width, int height, unsigned int* pixels) {
     VELDSEMarker::m_originalHeight = oldHeight;
     throw;
   }
+  // A photo stored over another (without a teardown in between) replaces it
+  // and its history; nothing else refers to them, so they are released
+  // rather than lost.
+  releaseHistoryPlanes(oldPlanes, oldPlaneWidth);
+  releaseImage(VELDSEMarker::m_originalImage);
   VELDSEMarker::m_originalImage = image.release();
+  ++context::photoGeneration;
   return 0;
 }
 

@@ -73,6 +73,11 @@ struct WorkingState {
 
 }  // namespace
 
+namespace context {
+unsigned long photoGeneration = 0;
+unsigned long engineGeneration = 0;
+}  // namespace context
+
 void startEngine() {
   if (VELDSEMarker::m_originalImage == nullptr) boundary::refuse("no photo (setSourceImage first)");
   if (VELDSEMarker::m_originalWidth < 1 || VELDSEMarker::m_originalHeight < 1) {
@@ -91,6 +96,7 @@ void startEngine() {
   }
   before.discard();
   pHybrid = engine.release();
+  context::engineGeneration = context::photoGeneration;
 }
 
 // Needs the photo (setSourceImage) first: the engine builds its working image

@@ -82,6 +82,10 @@ void requireContext(bool needsEngine) {
     releaseImage(g_markerImage);
     boundary::refuse("empty photo (%d x %d)", VELDSEMarker::m_originalWidth, VELDSEMarker::m_originalHeight);
   }
+  if (needsEngine && !context::engineFitsPhoto()) {
+    releaseImage(g_markerImage);
+    boundary::refuse("the engine was built for another photo (initSegmentationEngine first)");
+  }
 }
 
 // The marks must cover the photo pixel for pixel.

@@ -17,6 +17,9 @@
 // cancelSegmentation() then exitSegmentation() may be called from another
 // thread while a request runs: the request stops and tears the context down.
 //
+// A photo stored over another without deinitSegmentation replaces it and its
+// history (both are released).
+//
 // Buffers: photos are 0xAARRGGBB per pixel, row-major; markers are label codes
 // (0 unknown, 1 background, 2 object, 3 probable background, 4 probable object);
 // masks come back inverted (0 = object, 255 = background). The library never
@@ -42,6 +45,7 @@
 // fail, with the rules above):
 //   setSourceImage     width or height below 0 (after the MEMORY_CRASH line),
 //                      a photo of more than 2^31 bytes at 3 bytes per pixel,
+//                      or whose row alone would be (also with no rows),
 //                      null pixels for a non-empty photo. A width or height
 //                      of 0 is logged (MEMORY_CRASH) and stored as it always
 //                      was: an empty photo, on which every later call that
@@ -59,7 +63,9 @@
 //                      (count < 1 empties the stroke, as always)
 //   initSegmentationEngine  no photo, an empty photo
 //   processSegment     no context (the marks are then dropped), null blended
-//                      or mask, a marker grid of another size than the photo
+//                      or mask, a marker grid of another size than the photo,
+//                      an engine built for an earlier photo (a photo stored
+//                      without initSegmentationEngine after it)
 //   doSegmentationBB   width or height below 1, too large a photo, null
 //                      pixels or mask
 //   cutOutImage        no context (marks dropped), no marker grid, a marker

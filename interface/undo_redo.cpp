@@ -104,6 +104,12 @@ void VELDSEManageUndoRedo::allocate() {
   g_toucher.start(m_bitPlane, width, height);
 }
 
+void releaseHistoryPlanes(unsigned int** planes, int width) {
+  if (planes == nullptr || planes == VELDSEManageUndoRedo::m_bitPlane) return;
+  for (int x = 0; x < width; ++x) delete[] planes[x];
+  delete[] planes;
+}
+
 void VELDSEManageUndoRedo::deallocate() {
   g_toucher.finish();
   HistoryRollback::drop();

@@ -58,6 +58,9 @@ class VELDSEManageUndoRedo {
   static int next(int i) { return (i + 1) % m_maxSize; }
 };
 
+// Frees planes that allocate() replaced (`width` columns); null does nothing.
+void releaseHistoryPlanes(unsigned int** planes, int width);
+
 // What a failed call did to the history, undone.
 //
 // An exported call that may record or step through the history declares one

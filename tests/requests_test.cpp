@@ -62,6 +62,51 @@ TEST_F(Requests, RectangleAndStrokesRecoverTheObject) {
   }
 }
 
+// A photo stored over another, without initSegmentationEngine after it,
+// leaves an engine whose working image is the old photo's: a cut is refused
+// until the engine is built again, and then gives the mask a fresh context
+// gives. Cases: the new photo larger (the old one was not reduced, the new
+// one is) and smaller.
+TEST_F(Requests, CutWithAnEngineOfAnEarlierPhotoIsRefused) {
+  const struct { int w0, h0, w1, h1; } cases[] = {{120, 90, 400, 300}, {400, 300, 120, 90}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(::testing::Message() << c.w0 << "x" << c.h0 << " then " << c.w1 << "x" << c.h1);
+    Scene first = synthetic::makeScene(c.w0, c.h0, false, false);
+    Scene second = synthetic::makeScene(c.w1, c.h1, false, false);
+    ASSERT_EQ(setSourceImage(c.w0, c.h0, first.argb.data()), 0);
+    ASSERT_EQ(initSegmentationEngine(0), 0);
+    ASSERT_EQ(setSourceImage(c.w1, c.h1, second.argb.data()), 0);
+    const int x1 = c.w1 / 4, y1 = c.h1 / 4, x2 = 3 * c.w1 / 4, y2 = 3 * c.h1 / 4;
+    std::vector<int> border = {x1, y1, x2, y1, x2, y2, x1, y2};
+    std::vector<int> markers(second.argb.size(), 0);
+    for (int y = y1; y <= y2; ++y)
+      for (int x = x1; x <= x2; ++x) markers[static_cast<size_t>(y) * c.w1 + x] = LABEL_PR_FG;
+    auto cut = [&](Bytes& mask) {
+      std::vector<int> points = border;
+      setCurrentMarkerVector(static_cast<int>(points.size()), points.data());
+      setMarkerImage(c.w1, c.h1, markers.data(), 0);
+      Pixels blended = second.argb;
+      return processSegment(0, 0, 0, blended.data(), mask.data());
+    };
+    Bytes mask(second.argb.size(), 77);
+    EXPECT_EQ(testsupport::logged([&] { EXPECT_EQ(cut(mask), SEGCORE_FAILED); }),
+              testsupport::Lines{"E/Error: processSegment: the engine was built for another photo "
+                                 "(initSegmentationEngine first)"});
+    EXPECT_EQ(mask, Bytes(mask.size(), 77));
+    EXPECT_EQ(g_markerImage, nullptr) << "the refused request consumed its marks";
+    ASSERT_EQ(initSegmentationEngine(0), 0);
+    ASSERT_EQ(cut(mask), 0);
+    // The same cut on a fresh context.
+    deinitSegmentation();
+    ASSERT_EQ(setSourceImage(c.w1, c.h1, second.argb.data()), 0);
+    ASSERT_EQ(initSegmentationEngine(0), 0);
+    Bytes fresh(second.argb.size(), 77);
+    ASSERT_EQ(cut(fresh), 0);
+    EXPECT_EQ(mask, fresh);
+    deinitSegmentation();
+  }
+}
+
 TEST_F(Requests, RectanglePointListAndMarkerBlock) {
   std::mt19937 rng(1);  // strong texture everywhere: the pre-processing trims nothing
   Pixels photo(40 * 40);
