@@ -14,6 +14,19 @@
 //   getObjMask         labels back to the working label image, full-resolution
 //                      re-cut of the boundary band, post-processing, history
 //
+// Failures. Memory running out at any allocation of a stage raises
+// std::bad_alloc (a tracked or malloc'ed array that came back null, after the
+// tracked allocator's own log line) or OpenCV's out-of-memory cv::Exception;
+// the exported functions catch it (interface/boundary.h). On the way out every
+// stage releases what it made: after a throw from segment() the per-request
+// members (crops, trial labels, m_graph, m_trimapGraph, g_cancelTimer) are
+// released and null, exactly as after a normal return, and a throw from
+// intializer() leaves the working and texture images null. Worker threads
+// never let an exception escape: it is rethrown on the calling thread after
+// every worker has been joined. The one stated fall-back stays: when the
+// full-resolution band graph cannot get its arrays, the enlarged working mask
+// is the result ("Failed: intelligentUpscaling (status_flag = 1)").
+//
 // Label codes are those of interface/veldse_marker.h (LABEL_*). Graph nodes are
 // box pixels in row-major order; the source side is the object and
 // getTreeofNode() == 1 means background.

@@ -22,20 +22,37 @@
 // never given back; free ignores them. glibc's __libc_malloc would do as a
 // fallback in the plain build, but under ASan a block from it handed to the
 // sanitizer's free is reported as a bad free, so the buffer serves both.
+//
+// The dynamic linker. ld.so takes its memory from the process's malloc,
+// calloc and realloc too (a dlopen()'s search lists, dynamic TLS), so it
+// lands here. Those are not allocation points: the library never asks the
+// loader for anything, and glibc treats a loader that runs out inside
+// pthread_exit() or backtrace() as fatal. LeakSanitizer normally lets blocks
+// whose allocation was called from ld.so alone, since the loader keeps the
+// pointers to them in memory it does not scan (link maps made at start-up);
+// behind this layer their caller would be the layer, and every such block
+// would be reported as leaked. So those blocks are made with the leak
+// checker paused for the thread, which it then leaves out the same way.
 #include "tests/alloc_faults.h"
 
 #include <dlfcn.h>
 #include <execinfo.h>
 #include <errno.h>
+#include <link.h>
 #include <pthread.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/auxv.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <new>
+
+// The leak checker's pause, present under LeakSanitizer only.
+extern "C" void __lsan_disable() __attribute__((weak));
+extern "C" void __lsan_enable() __attribute__((weak));
 
 namespace {
 
@@ -82,6 +99,46 @@ struct Next {
 };
 Next g_next;
 
+// --- The dynamic linker ------------------------------------------------------
+
+// ld.so's code, from its program headers (mapped with its first segment).
+uintptr_t g_loaderBegin = 0, g_loaderEnd = 0;
+
+void findLoader() {
+  const uintptr_t base = getauxval(AT_BASE);
+  if (base == 0) return;  // no interpreter: a static program
+  const auto* header = reinterpret_cast<const ElfW(Ehdr)*>(base);
+  const auto* segments = reinterpret_cast<const ElfW(Phdr)*>(base + header->e_phoff);
+  for (int i = 0; i < header->e_phnum; ++i) {
+    const ElfW(Phdr)& s = segments[i];
+    if (s.p_type != PT_LOAD || (s.p_flags & PF_X) == 0) continue;
+    g_loaderBegin = base + s.p_vaddr;
+    g_loaderEnd = g_loaderBegin + s.p_memsz;
+  }
+}
+
+// Whether the allocation function was called by ld.so itself.
+inline bool fromLoader(const void* caller) {
+  const uintptr_t a = reinterpret_cast<uintptr_t>(caller);
+  return a >= g_loaderBegin && a < g_loaderEnd;
+}
+
+// Pauses the leak checker for this thread while a loader block is made.
+class LoaderBlock {
+ public:
+  explicit LoaderBlock(bool loader) : paused_(loader && __lsan_disable != nullptr && __lsan_enable != nullptr) {
+    if (paused_) __lsan_disable();
+  }
+  ~LoaderBlock() {
+    if (paused_) __lsan_enable();
+  }
+  LoaderBlock(const LoaderBlock&) = delete;
+  LoaderBlock& operator=(const LoaderBlock&) = delete;
+
+ private:
+  bool paused_;
+};
+
 // 0 unresolved, 1 lookup running, 2 resolved.
 std::atomic<int> g_state{0};
 
@@ -124,6 +181,7 @@ void resolve() {
   look(n.delAlignedNothrow[0], "_ZdlPvSt11align_val_tRKSt9nothrow_t");
   look(n.delAlignedNothrow[1], "_ZdaPvSt11align_val_tRKSt9nothrow_t");
   look(n.pthreadCreate, "pthread_create");
+  findLoader();
   // Without these four nothing can be served; the C++ forms fall back on them.
   if (n.malloc == nullptr || n.calloc == nullptr || n.realloc == nullptr || n.free == nullptr ||
       n.posixMemalign == nullptr) {
@@ -254,10 +312,12 @@ void* startThread(void* p) {
 
 // --- Shared bodies ----------------------------------------------------------
 
-void* plainAlloc(size_t n) {
+// `loader`: called by ld.so (fromLoader()); such a call never fails here.
+void* plainAlloc(size_t n, bool loader = false) {
   if (!ready()) return bootAlloc(n);
   Layer layer;
-  if (layer.fails()) return nullptr;
+  if (!loader && layer.fails()) return nullptr;
+  const LoaderBlock pause(loader);
   void* p = g_next.malloc(n);
   layer.made(p);
   return p;
@@ -384,27 +444,31 @@ long liveBlocks() { return g_live.load(); }
 
 extern "C" {
 
-void* malloc(size_t n) { return plainAlloc(n); }
+// Kept out of line: the caller's address has to be the real caller's.
+__attribute__((noinline)) void* malloc(size_t n) { return plainAlloc(n, fromLoader(__builtin_return_address(0))); }
 
 void free(void* p) { release(p); }
 
-void* calloc(size_t count, size_t size) {
+__attribute__((noinline)) void* calloc(size_t count, size_t size) {
   if (!ready()) {
     if (size != 0 && count > SIZE_MAX / size) return nullptr;
     return bootAlloc(count * size);
   }
+  const bool loader = fromLoader(__builtin_return_address(0));
   Layer layer;
-  if (layer.fails()) return nullptr;
+  if (!loader && layer.fails()) return nullptr;
+  const LoaderBlock pause(loader);
   void* p = g_next.calloc(count, size);
   layer.made(p);
   return p;
 }
 
-void* realloc(void* p, size_t n) {
-  if (p == nullptr) return plainAlloc(n);
+__attribute__((noinline)) void* realloc(void* p, size_t n) {
+  const bool loader = fromLoader(__builtin_return_address(0));
+  if (p == nullptr) return plainAlloc(n, loader);
   if (fromBoot(p)) {
     // Moved out of the buffer; the old block stays there.
-    void* q = plainAlloc(n);
+    void* q = plainAlloc(n, loader);
     if (q != nullptr) {
       const size_t old = bootSize(p);
       memcpy(q, p, old < n ? old : n);
@@ -413,7 +477,8 @@ void* realloc(void* p, size_t n) {
   }
   Layer layer;
   // realloc(p, 0) releases p: not an allocation point.
-  if (n != 0 && layer.fails()) return nullptr;  // p stays valid, as on a real failure
+  if (n != 0 && !loader && layer.fails()) return nullptr;  // p stays valid, as on a real failure
+  const LoaderBlock pause(loader);
   void* q = g_next.realloc(p, n);
   // Grown or moved: still one block. Released by a zero size: one less.
   if (n == 0 && q == nullptr) layer.count(-1); else layer.count(0);

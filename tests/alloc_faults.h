@@ -12,7 +12,9 @@
 // every operator new / new[] (plain, nothrow, aligned) and pthread_create.
 // Allocations that the next definition makes on behalf of one of these (the
 // malloc inside libstdc++'s operator new, the thread's bookkeeping inside
-// pthread_create) belong to the outer call and are not counted again.
+// pthread_create) belong to the outer call and are not counted again. Nor
+// are those of the dynamic linker (a dlopen()'s bookkeeping): they never fail,
+// and LeakSanitizer leaves them out as it does without this layer.
 //
 // The armed allocation fails the way the real one reports exhaustion: null
 // from malloc and its kin (and from nothrow new), std::bad_alloc from the
