@@ -737,7 +737,12 @@ bool selected(const std::string& label, long* only) {
 
 // Sweeps the calls named in `labels` (all of kCalls when empty).
 void sweepCalls(const Photo& p, const std::vector<std::string>& labels = {}) {
-  void* warm[1];  // loads the unwinder now, not in a crashing child
+  // glibc dlopen()s libgcc_s.so.1 the first time it unwinds: for
+  // backtrace(), and for pthread_exit(), with which the library's graph
+  // threads end. Loaded here once, so that no child (a crashing one least of
+  // all) loads it; the loader's own blocks are no allocation points and are
+  // not leaks (tests/alloc_faults.cpp).
+  void* warm[1];
   backtrace(warm, 1);
   // OpenCV sets up its error reporting on its first error and keeps that for
   // the process. Done here once, so that it does not show as a block left
