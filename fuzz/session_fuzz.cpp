@@ -42,61 +42,30 @@
 #include "interface/undo_redo.h"
 #include "interface/veldse_marker.h"
 #include "tests/alloc_faults.h"
+#include "tests/static_log.h"
 
-// The library's log lines, recorded into static storage: taking
-// __android_log_print here (rather than linking the tests' log capture,
-// which allocates) keeps an armed allocation failure inside the library.
+// The library's log lines, recorded into static storage (tests/static_log.h)
+// rather than through the tests' log capture, which allocates: an armed
+// allocation failure stays inside the library.
 namespace fuzzlog {
 struct Record {
   int priority;
   std::string tag, text;
 };
-struct Line {
-  int priority;
-  char tag[32];
-  char text[224];
-};
-constexpr int kMaxLines = 32;
-Line lines[kMaxLines];
-std::atomic<int> used{0};
-std::atomic<bool> capturing{false};
-
-void start() { used = 0, capturing = true; }
+void start() { staticlog::start(); }
 std::vector<Record> stop() {
-  capturing = false;
+  staticlog::stop();
   std::vector<Record> out;
-  const int n = std::min(used.load(), kMaxLines);
-  for (int i = 0; i < n; ++i) out.push_back({lines[i].priority, lines[i].tag, lines[i].text});
+  const int n = std::min(staticlog::count(), staticlog::kMaxLines);
+  for (int i = 0; i < n; ++i) {
+    const staticlog::Line& l = staticlog::line(i);
+    out.push_back({l.priority, l.tag, l.text});
+  }
   // More lines than the storage holds: surely more than one refusal line.
-  if (used.load() > kMaxLines) out.push_back({ANDROID_LOG_ERROR, "Error", "(lines lost)"});
+  if (staticlog::count() > staticlog::kMaxLines) out.push_back({ANDROID_LOG_ERROR, "Error", "(lines lost)"});
   return out;
 }
 }  // namespace fuzzlog
-
-extern "C" int __android_log_write(int prio, const char* tag, const char* text) {
-  if (!fuzzlog::capturing) return 1;
-  const int i = fuzzlog::used++;
-  if (i >= fuzzlog::kMaxLines) return 1;
-  fuzzlog::Line& l = fuzzlog::lines[i];
-  l.priority = prio;
-  std::snprintf(l.tag, sizeof l.tag, "%s", tag != nullptr ? tag : "");
-  std::snprintf(l.text, sizeof l.text, "%s", text != nullptr ? text : "");
-  return 1;
-}
-
-extern "C" int __android_log_vprint(int prio, const char* tag, const char* fmt, va_list ap) {
-  char text[224];
-  std::vsnprintf(text, sizeof text, fmt, ap);
-  return __android_log_write(prio, tag, text);
-}
-
-extern "C" int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
-  va_list ap;
-  va_start(ap, fmt);
-  const int n = __android_log_vprint(prio, tag, fmt, ap);
-  va_end(ap);
-  return n;
-}
 
 namespace {
 

@@ -67,53 +67,11 @@
 #include "interface/undo_redo.h"
 #include "interface/veldse_marker.h"
 #include "tests/alloc_faults.h"
+#include "tests/static_log.h"
 #include "tests/synthetic_scene.h"
 #include "tests/test_support.h"
 
 extern "C" int __lsan_do_recoverable_leak_check() __attribute__((weak));
-
-// --- Log lines, recorded without the heap --------------------------------------
-
-namespace {
-
-struct LogLine {
-  int priority;
-  char tag[32];
-  char text[208];
-};
-constexpr int kMaxLines = 64;
-LogLine g_lines[kMaxLines];
-std::atomic<int> g_lineCount{0};
-
-void record(int priority, const char* tag, const char* text) {
-  const int k = g_lineCount.fetch_add(1);
-  if (k >= kMaxLines) return;
-  g_lines[k].priority = priority;
-  std::snprintf(g_lines[k].tag, sizeof(g_lines[k].tag), "%s", tag != nullptr ? tag : "");
-  std::snprintf(g_lines[k].text, sizeof(g_lines[k].text), "%s", text != nullptr ? text : "");
-}
-
-}  // namespace
-
-extern "C" int __android_log_write(int prio, const char* tag, const char* text) {
-  record(prio, tag, text);
-  return 1;
-}
-
-extern "C" int __android_log_vprint(int prio, const char* tag, const char* fmt, va_list ap) {
-  char text[512];
-  const int n = std::vsnprintf(text, sizeof(text), fmt, ap);
-  record(prio, tag, text);
-  return n;
-}
-
-extern "C" int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
-  va_list ap;
-  va_start(ap, fmt);
-  const int n = __android_log_vprint(prio, tag, fmt, ap);
-  va_end(ap);
-  return n;
-}
 
 namespace {
 
@@ -478,7 +436,7 @@ void childReference(const Call& c, const Photo& p, int fd) {
   r.outlineAfter.reserve(1 << 18);
   if (c.run != runFetch) fetchInto(r.outlineBefore);
   o.reset(p);
-  g_lineCount = 0;
+  staticlog::start();
   const long live = alloc_faults::liveBlocks();
   alloc_faults::failAt(-1);
   r.status = c.run(p, o);
@@ -507,7 +465,7 @@ void childPoint(const Call& c, const Photo& p, const Reference& ref, long index,
   const History before = history();
   const void* engine = pHybrid;
   o.reset(p);
-  g_lineCount = 0;
+  staticlog::start();
   const long live = alloc_faults::liveBlocks();
 
   alloc_faults::failAt(index);
@@ -515,22 +473,22 @@ void childPoint(const Call& c, const Photo& p, const Reference& ref, long index,
   alloc_faults::stop();
   const bool fired = alloc_faults::fired();
 
-  const int lines = std::min<int>(g_lineCount.load(), kMaxLines);
+  const int lines = std::min(staticlog::count(), staticlog::kMaxLines);
   int errorLines = 0, ranOut = 0, upscalingFallBack = 0;
   char expected[96];
   std::snprintf(expected, sizeof(expected), "%s: memory ran out", c.name);
   for (int k = 0; k < lines; ++k) {
-    if (std::strcmp(g_lines[k].tag, "Error") != 0) continue;
-    if (std::strncmp(g_lines[k].text, "Failed: intelligentUpscaling", 28) == 0) {
+    if (std::strcmp(staticlog::line(k).tag, "Error") != 0) continue;
+    if (std::strncmp(staticlog::line(k).text, "Failed: intelligentUpscaling", 28) == 0) {
       ++upscalingFallBack;
       continue;
     }
     ++errorLines;
-    ranOut += g_lines[k].priority == ANDROID_LOG_ERROR && std::strcmp(g_lines[k].text, expected) == 0;
+    ranOut += staticlog::line(k).priority == ANDROID_LOG_ERROR && std::strcmp(staticlog::line(k).text, expected) == 0;
   }
   auto listErrorLines = [&] {
     for (int k = 0; k < lines; ++k)
-      if (std::strcmp(g_lines[k].tag, "Error") == 0) f.add("  logged: %d/Error: %s", g_lines[k].priority, g_lines[k].text);
+      if (std::strcmp(staticlog::line(k).tag, "Error") == 0) f.add("  logged: %d/Error: %s", staticlog::line(k).priority, staticlog::line(k).text);
   };
 
   if (!fired) {
