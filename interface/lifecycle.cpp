@@ -95,13 +95,16 @@ void startEngine() {
     throw;
   }
   before.discard();
+  // An engine built again on the same context replaces the old one, which
+  // nothing else refers to: released rather than lost.
+  delete pHybrid;
   pHybrid = engine.release();
   context::engineGeneration = context::photoGeneration;
 }
 
 // Needs the photo (setSourceImage) first: the engine builds its working image
 // from it; without one the call is refused. An engine that already exists is
-// not released here.
+// replaced.
 int initSegmentationEngine(int /*unused*/) {
   return boundary::guardCall("initSegmentationEngine", [] {
     startEngine();

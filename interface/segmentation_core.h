@@ -18,7 +18,8 @@
 // thread while a request runs: the request stops and tears the context down.
 //
 // A photo stored over another without deinitSegmentation replaces it and its
-// history (both are released).
+// history, and initSegmentationEngine on a context that has an engine
+// replaces the engine (what is replaced is released).
 //
 // Buffers: photos are 0xAARRGGBB per pixel, row-major; markers are label codes
 // (0 unknown, 1 background, 2 object, 3 probable background, 4 probable object);
