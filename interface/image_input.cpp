@@ -33,9 +33,6 @@ void convertRows(const unsigned int* pixels, int width, IplImage* image, int y0,
 }
 }  // namespace
 
-// OpenCV keeps an image's row step and byte count in ints: a grid whose rows
-// or bytes do not fit cannot be made (also when it has no rows), and a
-// product that wraps would make a smaller one than asked for.
 bool fitsAnImage(int width, int height, int bytesPerPixel) {
   const long long rowBytes = (static_cast<long long>(width) * bytesPerPixel + 3) / 4 * 4;
   return rowBytes <= INT_MAX && rowBytes * height <= INT_MAX;

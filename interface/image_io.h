@@ -14,6 +14,12 @@
 // entries). Does nothing when no photo is stored. Allocates nothing.
 void writePlainPhoto(unsigned int* out);
 
+// OpenCV keeps an image's row step and byte count in ints: a grid whose rows
+// or bytes do not fit cannot be made (also when it has no rows), and a
+// product that wraps would make a smaller one than asked for. For sides of 0
+// or more.
+bool fitsAnImage(int width, int height, int bytesPerPixel);
+
 // setSourceImage: the photo and a history sized for it. O(pixels).
 int storeSourceImage(int width, int height, unsigned int* pixels);
 // setMarkerImage: the marker grid as bytes, and the marking mode. O(pixels).

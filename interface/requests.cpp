@@ -319,9 +319,7 @@ int runRectangle(int width, int height, unsigned int* pixels, int x1, int y1, in
   if (width < 1 || height < 1) boundary::refuse("photo size %d x %d", width, height);
   if (pixels == nullptr) boundary::refuse("null pixel buffer");
   if (mask == nullptr) boundary::refuse("null mask buffer");
-  if ((static_cast<long long>(width) * 3 + 3) / 4 * 4 * height > INT_MAX) {
-    boundary::refuse("photo of %d x %d pixels is too large", width, height);
-  }
+  if (!fitsAnImage(width, height, 3)) boundary::refuse("photo of %d x %d pixels is too large", width, height);
   const size_t pixelCount = static_cast<size_t>(width) * static_cast<size_t>(height);
 
   // The outline is painted into a private copy of the photo; only the mask

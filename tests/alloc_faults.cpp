@@ -45,9 +45,11 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/auxv.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdio>
 #include <new>
 
 // The leak checker's pause, present under LeakSanitizer only.
@@ -142,8 +144,21 @@ class LoaderBlock {
 // 0 unresolved, 1 lookup running, 2 resolved.
 std::atomic<int> g_state{0};
 
+// Where the sanitizer runtime is linked into the program itself (clang's
+// AddressSanitizer), the next definition after the program's is glibc's, past
+// the sanitizer: its allocations would escape ASan's heap and its threads ASan's
+// bookkeeping. The runtime also exports each of its C interceptors as
+// __interceptor_<name>; when that exists it is the next definition. (With
+// GCC's shared runtime it is the same function RTLD_NEXT finds.)
 template <class Fn>
 void look(Fn& fn, const char* name) {
+  char interceptor[64];
+  if (name[0] != '_' && std::snprintf(interceptor, sizeof(interceptor), "__interceptor_%s", name) > 0) {
+    if (void* f = dlsym(RTLD_DEFAULT, interceptor)) {
+      fn = reinterpret_cast<Fn>(f);
+      return;
+    }
+  }
   fn = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
 }
 
@@ -262,6 +277,21 @@ bool armedHere() {
 // one in the field either. The start routine runs at 0 (startThread below),
 // and so does the main thread once this file's constructor has run.
 __thread int t_depth __attribute__((tls_model("initial-exec"))) = 1;
+// Whether the thread is the main one or runs its start routine through
+// startThread: only such a thread's allocations are points that can fail.
+// Kept apart from t_depth and cleared when the routine ends, however it ends
+// (pthread_exit too), so that a thread that reuses the stack and TLS of an
+// earlier one never inherits its state: with the sanitizer runtime linked
+// into the program (clang), the runtime's set-up of a new thread was seen
+// failing on such a stale depth.
+__thread bool t_started __attribute__((tls_model("initial-exec"))) = false;
+// The kernel's id of the thread that set t_started. With clang's runtime the
+// set-up of a new thread (before its start routine) was still seen with the
+// flag of an earlier thread; a thread id is never that of an earlier live or
+// recent thread, so a flag that is not the thread's own is recognised.
+__thread pid_t t_startedBy __attribute__((tls_model("initial-exec"))) = 0;
+
+pid_t threadId() { return static_cast<pid_t>(syscall(SYS_gettid)); }
 // Set once a layer below the current one has counted a block made or
 // released, so that the layers above leave it alone.
 __thread bool t_counted __attribute__((tls_model("initial-exec"))) = false;
@@ -282,7 +312,7 @@ class Layer {
 
   // Whether this call is an allocation point of the caller's (not one made
   // inside another replacement) and is the armed one.
-  bool fails() const { return t_depth == 1 && armedHere(); }
+  bool fails() const { return t_depth == 1 && t_started && t_startedBy == threadId() && armedHere(); }
   // Records `delta` live blocks unless a layer below did.
   void count(long delta) {
     if (delta != 0 && !t_counted) g_live.fetch_add(delta, std::memory_order_relaxed);
@@ -295,7 +325,17 @@ class Layer {
   bool mine_ = false;
 };
 
-__attribute__((constructor)) void mainThreadCounts() { t_depth = 0; }
+// A forked child's one thread is the forking thread under a new id.
+void forkedChild() {
+  if (t_started) t_startedBy = threadId();
+}
+
+__attribute__((constructor)) void mainThreadCounts() {
+  t_depth = 0;
+  t_started = true;
+  t_startedBy = threadId();
+  pthread_atfork(nullptr, nullptr, forkedChild);
+}
 
 // What a new thread is to run, handed to it through startThread.
 struct Start {
@@ -303,11 +343,22 @@ struct Start {
   void* arg;
 };
 
+void routineEnded(void*) {
+  t_depth = 1;
+  t_started = false;
+}
+
 void* startThread(void* p) {
   const Start start = *static_cast<Start*>(p);
   free(p);
+  void* result = nullptr;
+  pthread_cleanup_push(routineEnded, nullptr);
   t_depth = 0;
-  return start.routine(start.arg);
+  t_started = true;
+  t_startedBy = threadId();
+  result = start.routine(start.arg);
+  pthread_cleanup_pop(1);
+  return result;
 }
 
 // --- Shared bodies ----------------------------------------------------------
