@@ -473,6 +473,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         checkOutline(photo, step);
         break;
       case 10: {  // a rectangle on a fresh context, possibly a new photo
+        Photo previous = photo;
         if (in.flag()) {
           photo = makePhoto(in);
           blended.assign(photo.argb.size(), 0u);
@@ -493,7 +494,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
           const bool none = VELDSEMarker::m_originalImage == nullptr && pHybrid == nullptr &&
                             VELDSEManageUndoRedo::m_bitPlane == nullptr;
           CHECK(before == snapshot() || none, step);
-          if (none) model.alive = model.emptyPhoto = false;
+          if (none) {
+            model.alive = model.emptyPhoto = false;
+          } else {
+            // Failed before its teardown: the context still holds the
+            // earlier photo, so the session goes on with that one.
+            photo = std::move(previous);
+            blended.assign(photo.argb.size(), 0u);
+            mask.assign(photo.argb.size(), kUntouched);
+          }
           break;
         }
         CHECK(result == 0, step);
