@@ -26,10 +26,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <exception>
 #include <new>
-#include <system_error>
-#include <thread>
 #include <vector>
 
 #include <android/log.h>
@@ -113,23 +110,6 @@ owned::Image cropEnlarged(const Enlarged& e, int x0, int y0, int w, int h) {
   }
   return cropOwner;
 }
-
-// An image header without data of its own (cvCreateImageHeader), released
-// with cvReleaseImageHeader.
-class ImageHeader {
- public:
-  ImageHeader() = default;
-  ~ImageHeader() {
-    if (header_ != nullptr) cvReleaseImageHeader(&header_);
-  }
-  ImageHeader(const ImageHeader&) = delete;
-  ImageHeader& operator=(const ImageHeader&) = delete;
-  void create(CvSize size, int depth, int channels) { header_ = cvCreateImageHeader(size, depth, channels); }
-  IplImage* get() const { return header_; }
-
- private:
-  IplImage* header_ = nullptr;
-};
 
 // The full-resolution graph lives in m_trimapGraph while it is built and
 // solved; when a failure leaves intelligentUpscaling early it is deleted and
@@ -461,14 +441,12 @@ IplImage* VELDSEHybrid::intelligentUpscaling(IplImage* mask) {
   m_boundWidthTrimap = xmax - xmin + 1;
   m_boundHeightTrimap = ymax - ymin + 1;
 
-  owned::Image trimapCropOwner;
-  ImageHeader photoBoxHeader;
-  owned::Image horCropOwner;
-  owned::Image verCropOwner;
-  IplImage* trimapCrop = nullptr;
-  IplImage* photoBox = nullptr;
-  IplImage* horCrop = nullptr;
-  IplImage* verCrop = nullptr;
+  owned::Image trimapCrop;
+  // The builder only reads the photo, so a header on the box (kept here,
+  // nothing to allocate or release) serves as its crop.
+  IplImage photoBox;
+  owned::Image horCrop;
+  owned::Image verCrop;
   bool failed = false;
   if (xmin >= fullW || ymin >= fullH || xmax - xmin < 0 || ymax - ymin < 0 || xmax < 0 || ymax < 0) {
     __android_log_print(ANDROID_LOG_ERROR, "Error", "Failed: xmin:%d, xmax:%d, ymin:%d, ymax:%d", xmin, xmax,
@@ -482,15 +460,13 @@ IplImage* VELDSEHybrid::intelligentUpscaling(IplImage* mask) {
     __android_log_print(ANDROID_LOG_INFO, "Info", "m_boundWidthTrimap:%d, m_boundHeightTrimap:%d",
                         m_boundWidthTrimap, m_boundHeightTrimap);
 
-    trimapCropOwner = cropEnlarged(trimap, xmin, ymin, m_boundWidthTrimap, m_boundHeightTrimap);
-    trimapCrop = trimapCropOwner.get();
-    fixInertRingPixels(trimapCrop, m_lambda);
-    // The builder only reads the photo, so a header on the box serves as its
-    // crop.
+    trimapCrop = cropEnlarged(trimap, xmin, ymin, m_boundWidthTrimap, m_boundHeightTrimap);
+    fixInertRingPixels(trimapCrop.get(), m_lambda);
     const IplImage* photo = VELDSEMarker::m_originalImage;
-    photoBoxHeader.create(cvSize(m_boundWidthTrimap, m_boundHeightTrimap), IPL_DEPTH_8U, 3);
-    photoBox = photoBoxHeader.get();
-    cvSetData(photoBox, photo->imageData + static_cast<long>(ymin) * photo->widthStep + 3 * xmin,
+    constexpr int kRowAlign = 4;  // as cvCreateImageHeader
+    cvInitImageHeader(&photoBox, cvSize(m_boundWidthTrimap, m_boundHeightTrimap), IPL_DEPTH_8U, 3,
+                      IPL_ORIGIN_TL, kRowAlign);
+    cvSetData(&photoBox, photo->imageData + static_cast<long>(ymin) * photo->widthStep + 3 * xmin,
               photo->widthStep);
     if (VELDSEMarker::m_isGreyScale) {
       checkImageSize(fullW, fullH, "intelligentUpscaling", 1981);
@@ -499,13 +475,11 @@ IplImage* VELDSEHybrid::intelligentUpscaling(IplImage* mask) {
       const IplImage* ver = VELDSEMarker::m_texVer;
       const std::vector<int> texXs = nearestMap(hor->width, fullW);
       const std::vector<int> texYs = nearestMap(hor->height, fullH);
-      horCropOwner = cropEnlarged(Enlarged{hor, &texXs, &texYs}, xmin, ymin, m_boundWidthTrimap, m_boundHeightTrimap);
-      verCropOwner = cropEnlarged(Enlarged{ver, &texXs, &texYs}, xmin, ymin, m_boundWidthTrimap, m_boundHeightTrimap);
-      horCrop = horCropOwner.get();
-      verCrop = verCropOwner.get();
+      horCrop = cropEnlarged(Enlarged{hor, &texXs, &texYs}, xmin, ymin, m_boundWidthTrimap, m_boundHeightTrimap);
+      verCrop = cropEnlarged(Enlarged{ver, &texXs, &texYs}, xmin, ymin, m_boundWidthTrimap, m_boundHeightTrimap);
     }
 
-    const int status = constructGraphTrimapVELD(photoBox, horCrop, trimapCrop, horCrop, verCrop);
+    const int status = constructGraphTrimapVELD(&photoBox, horCrop.get(), trimapCrop.get(), horCrop.get(), verCrop.get());
     if (status != 0) {
       __android_log_print(ANDROID_LOG_ERROR, "Error", "Failed: intelligentUpscaling (status_flag = %d)", status);
       failed = true;
@@ -536,40 +510,19 @@ IplImage* VELDSEHybrid::intelligentUpscaling(IplImage* mask) {
         }
       }
     };
-    std::thread writer;
-    // What ended the writer thread's work early, handed to this thread once
-    // it has joined (an exception must not leave a thread's body).
-    std::exception_ptr writerFailure;
     if (static_cast<long>(fullW) * fullH >= slices::kParallelPixels) {
-      try {
-        writer = std::thread([&writeLabels, &writerFailure] {
-          try {
-            writeLabels();
-          } catch (...) {
-            writerFailure = std::current_exception();
-          }
-        });
-      } catch (const std::exception&) {
-        // No thread to be had (std::system_error, or no memory for its
-        // state): written below instead, with the same result.
-      }
-    }
-    {
-      // Joined however the solve ends.
-      struct Join {
-        std::thread& t;
-        ~Join() {
-          if (t.joinable()) t.join();
-        }
-      } join{writer};
-      const bool written = writer.joinable();
+      // The band is solved here and the labels written on a thread of their
+      // own (here too, after the solve, when no thread can be had).
+      slices::runSlices({0, 1, 2}, [&](int part, int) {
+        if (part == 0) bandMaxFlow(m_trimapGraph); else writeLabels();
+      });
+    } else {
       bandMaxFlow(m_trimapGraph);
-      if (!written) writeLabels();
+      writeLabels();
     }
-    if (writerFailure) std::rethrow_exception(writerFailure);
     int node = 0;
     for (int y = 0; y < m_boundHeightTrimap; ++y) {
-      const unsigned char* t = imageRow(trimapCrop, y);
+      const unsigned char* t = imageRow(trimapCrop.get(), y);
       unsigned char* r = imageRow(result, ymin + y) + xmin;
       const int w = m_boundWidthTrimap;
       for (int x = nextCut(t, 0, w); x < w; x = nextCut(t, x + 1, w)) {
@@ -591,9 +544,7 @@ IplImage* VELDSEHybrid::intelligentUpscaling(IplImage* mask) {
     cvResize(mask, result, CV_INTER_NN);
   }
 
-  delete m_trimapGraph;
-  m_trimapGraph = nullptr;
-  // The crops, the header, the working images and the graph guard go with
+  // The crops, the working images and the graph (its guard) go with
   // this scope; the mask is the caller's.
   return resultOwner.release();
 }

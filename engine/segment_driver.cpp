@@ -60,16 +60,13 @@ double boundaryScore(const IplImage* label, const cv::Mat& magnitude) {
 }
 
 // Runs clearMemory() when segment() is left by an exception (the normal
-// paths call now() themselves, at the point where they always did), and
-// drops a full-resolution graph a failed getObjMask() may have left.
+// paths call now() themselves, at the point where they always did). The
+// full-resolution graph is intelligentUpscaling's own to drop.
 class RequestCleanup {
  public:
   explicit RequestCleanup(VELDSEHybrid* engine) : engine_(engine) {}
   ~RequestCleanup() {
-    if (engine_ == nullptr) return;
-    delete engine_->m_trimapGraph;
-    engine_->m_trimapGraph = nullptr;
-    engine_->clearMemory();
+    if (engine_ != nullptr) engine_->clearMemory();
   }
   RequestCleanup(const RequestCleanup&) = delete;
   RequestCleanup& operator=(const RequestCleanup&) = delete;

@@ -4,13 +4,12 @@
 #include <atomic>
 #include <cstdint>
 #include <cstring>
-#include <exception>
-#include <mutex>
 #include <new>
 #include <thread>
 #include <vector>
 
 #include "graph/solver_core.h"
+#include "support/slices.h"
 
 #if defined(__linux__)
 #include <sys/mman.h>
@@ -227,14 +226,15 @@ float bandMaxFlow(VELDSEGraph* g) {
     auto size = [&p](int q) { return p.start[q + 1] - p.start[q]; };
     std::stable_sort(bySize.begin(), bySize.end(), [&](int a, int b) { return size(a) > size(b); });
     if (100L * (g->m_nodeCount - size(bySize[0])) >= kParallelShare * static_cast<long>(g->m_nodeCount)) {
-      // Largest pieces first; each worker takes the next piece left. A
-      // failure in one piece stops every worker from taking more; the first
-      // one is thrown again here once all have been joined (nothing may
-      // leave a thread's body).
+      // Largest pieces first; each worker takes the next piece left. The
+      // slices runner starts the workers (running them here when no thread
+      // can be had) and rethrows a failure once all are joined; a failure in
+      // one piece stops every worker from taking more.
       std::atomic<int> next(0);
-      std::mutex failureLock;
-      std::exception_ptr failure;
-      auto work = [&]() noexcept {
+      const int workers = std::min<int>(static_cast<int>(cores), pieces);
+      std::vector<int> bounds(static_cast<size_t>(workers) + 1);
+      for (int w = 0; w <= workers; ++w) bounds[w] = w;
+      slices::runSlices(bounds, [&](int, int) {
         try {
           for (int k = next.fetch_add(1); k < pieces; k = next.fetch_add(1)) {
             const int q = bySize[k];
@@ -242,30 +242,9 @@ float bandMaxFlow(VELDSEGraph* g) {
           }
         } catch (...) {
           next.store(pieces);
-          const std::lock_guard<std::mutex> lock(failureLock);
-          if (!failure) failure = std::current_exception();
+          throw;
         }
-      };
-      std::vector<std::thread> workers;
-      {
-        // Joined however this scope is left.
-        struct JoinAll {
-          std::vector<std::thread>& threads;
-          ~JoinAll() {
-            for (std::thread& w : threads) {
-              if (w.joinable()) w.join();
-            }
-          }
-        } joinAll{workers};
-        try {
-          workers.reserve(cores);
-          for (unsigned w = 1; w < std::min<unsigned>(cores, pieces); ++w) workers.emplace_back(work);
-        } catch (const std::exception&) {
-          // No thread to be had: the remaining pieces run here.
-        }
-        work();
-      }
-      if (failure) std::rethrow_exception(failure);
+      });
       for (int q = 0; q < pieces; ++q) g->m_flow += flows[q];
       return g->m_flow;
     }

@@ -70,20 +70,18 @@ CvRect outlineBox(CvSeq* first, int width, int height) {
 // the engine. After a cancel-and-exit the context is torn down at the end of
 // the running request - cutOutImage, undo and redo still return 0 then - so
 // the bridge can send a request into nothing. Such a request is refused. Like
-// every request it still consumes the marker image handed over for it: the
+// every request it still consumes the marker image handed over for it (the
+// request's RequestImages, declared before these checks, releases it): the
 // bridge sends a fresh one with the next request.
 void requireContext(bool needsEngine) {
   if (VELDSEMarker::m_originalImage == nullptr || VELDSEManageUndoRedo::m_bitPlane == nullptr ||
       (needsEngine && pHybrid == nullptr)) {
-    releaseImage(g_markerImage);
     boundary::refuse("no segmentation context");
   }
   if (VELDSEMarker::m_originalWidth < 1 || VELDSEMarker::m_originalHeight < 1) {
-    releaseImage(g_markerImage);
     boundary::refuse("empty photo (%d x %d)", VELDSEMarker::m_originalWidth, VELDSEMarker::m_originalHeight);
   }
   if (needsEngine && !context::engineFitsPhoto()) {
-    releaseImage(g_markerImage);
     boundary::refuse("the engine was built for another photo (initSegmentationEngine first)");
   }
 }
@@ -93,18 +91,13 @@ void requireMarkerGridOfThePhoto() {
   if (g_markerImage == nullptr) return;
   if (g_markerImage->width != VELDSEMarker::m_originalWidth ||
       g_markerImage->height != VELDSEMarker::m_originalHeight) {
-    const int w = g_markerImage->width, h = g_markerImage->height;
-    releaseImage(g_markerImage);
-    boundary::refuse("marker grid %d x %d does not match the photo %d x %d", w, h,
-                     VELDSEMarker::m_originalWidth, VELDSEMarker::m_originalHeight);
+    boundary::refuse("marker grid %d x %d does not match the photo %d x %d", g_markerImage->width,
+                     g_markerImage->height, VELDSEMarker::m_originalWidth, VELDSEMarker::m_originalHeight);
   }
 }
 
 void requireBuffer(const void* buffer, const char* what) {
-  if (buffer == nullptr) {
-    releaseImage(g_markerImage);
-    boundary::refuse("null %s buffer", what);
-  }
+  if (buffer == nullptr) boundary::refuse("null %s buffer", what);
 }
 
 bool exitRequested() {
