@@ -86,9 +86,17 @@ class PlaygroundServer : public ::testing::Test {
     return cv::imdecode(std::vector<unsigned char>(res->body.begin(), res->body.end()), cv::IMREAD_UNCHANGED);
   }
 
+  friend struct PlaygroundServerAccess;
   static inline playground::Server* server_ = nullptr;
   static inline std::thread* thread_ = nullptr;
   static inline int port_ = 0;
+};
+
+struct PlaygroundServerAccess {
+  static std::pair<int, std::string> post(const std::string& path, const std::string& body) {
+    return PlaygroundServer::post(path, body);
+  }
+  static json state() { return PlaygroundServer::state(); }
 };
 
 TEST_F(PlaygroundServer, ServesOnlyItsPageAndApiToItsOwnHost) {
@@ -145,6 +153,11 @@ TEST_F(PlaygroundServer, HistoryFlagsFollowRequests) {
   EXPECT_TRUE(px[4] < px[1] && px[1] < px[0] && px[7] > 0);
 }
 
+// Starts `path` on another thread, waits until the server shows it running,
+// cancels it and returns its answer.
+json cancelWhileRunning(const std::string& path, const std::string& body,
+                        std::pair<int, std::string>* cancelAnswer = nullptr);
+
 TEST_F(PlaygroundServer, SecondRequestIsBusyAndCancelStopsTheCut) {
   EXPECT_EQ(post("/api/cancel", "").first, 409);  // nothing runs yet
   std::pair<int, std::string> answer;
@@ -165,9 +178,142 @@ TEST_F(PlaygroundServer, SecondRequestIsBusyAndCancelStopsTheCut) {
   ASSERT_EQ(answer.first, 200) << answer.second;
   const json r = json::parse(answer.second, nullptr, false);
   EXPECT_TRUE(r.value("cancelled", false)) << answer.second;
-  // The photo was set up again: plain photo, empty history, ready for more.
+  // Nothing was there before: plain photo, empty history, ready for more.
   EXPECT_TRUE(r["state"]["hasMask"] == false && r["state"]["canUndo"] == false) << answer.second;
   EXPECT_GT(postJson("/api/rect", kRect)["state"]["objectPixels"].get<long>(), 0);
+}
+
+json cancelWhileRunning(const std::string& path, const std::string& body,
+                        std::pair<int, std::string>* cancelAnswer) {
+  std::pair<int, std::string> answer;
+  std::thread cut([&] { answer = PlaygroundServerAccess::post(path, body); });
+  bool busy = false;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (!busy && std::chrono::steady_clock::now() < deadline) {
+    busy = PlaygroundServerAccess::state().value("busy", false);
+    if (!busy) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  const auto cancel = PlaygroundServerAccess::post("/api/cancel", "");
+  if (cancelAnswer) *cancelAnswer = cancel;
+  cut.join();
+  EXPECT_TRUE(busy);
+  EXPECT_EQ(answer.first, 200) << answer.second;
+  return json::parse(answer.second, nullptr, false);
+}
+
+TEST_F(PlaygroundServer, CancelledStrokeKeepsTheMaskAndTheHistory) {
+  const std::string bgStroke = R"({"points":[[200,200],[300,210]],"object":false,"width":12})";
+  postJson("/api/rect", kRect);
+  postJson("/api/stroke", bgStroke);
+  const json before = postJson("/api/loop", R"({"points":[[70,60],[480,60],[480,390],[70,390]]})")["state"];
+  postJson("/api/undo", "");  // a redo step ahead, which the resumption must not take
+  const json shown = state();
+  ASSERT_TRUE(shown["canUndo"] == true && shown["canRedo"] == true) << shown.dump();
+  const cv::Mat maskBefore = getImage("/api/mask.png");
+  const cv::Mat previewBefore = getImage("/api/preview.png");
+
+  std::pair<int, std::string> cancel;
+  const json r = cancelWhileRunning("/api/stroke", R"({"points":[[100,100],[500,300]],"object":true,"width":30})", &cancel);
+  EXPECT_EQ(cancel.first, 200) << cancel.second;
+  ASSERT_TRUE(r.value("cancelled", false)) << r.dump();
+  EXPECT_NE(r.value("message", "").find("history are kept"), std::string::npos) << r.dump();
+  const json after = r["state"];
+  EXPECT_EQ(std::make_tuple(after["hasMask"], after["canUndo"], after["canRedo"], after["objectPixels"]),
+            std::make_tuple(shown["hasMask"], shown["canUndo"], shown["canRedo"], shown["objectPixels"]));
+  EXPECT_EQ(cv::norm(getImage("/api/mask.png"), maskBefore, cv::NORM_INF), 0.0);
+  EXPECT_EQ(cv::norm(getImage("/api/preview.png"), previewBefore, cv::NORM_INF), 0.0);
+  // The redo step is still the loop's mask, and cuts work again (the cancel
+  // flag was cleared).
+  EXPECT_EQ(postJson("/api/redo", "")["state"]["objectPixels"], before["objectPixels"]);
+  postJson("/api/undo", "");
+  const json next = postJson("/api/stroke", bgStroke);
+  EXPECT_TRUE(next["delivered"].get<bool>()) << next.dump();
+  EXPECT_FALSE(next["state"]["canRedo"].get<bool>());
+}
+
+TEST_F(PlaygroundServer, CancelledRectangleRebuildsTheWholeHistory) {
+  // 34 recorded masks: more than the history holds (31 steps).
+  postJson("/api/rect", kRect);
+  std::vector<long> pixels{state()["objectPixels"].get<long>()};
+  for (int i = 0; i < 33; ++i) {
+    const int x = 80 + 12 * i;
+    const std::string edit = "{\"points\":[[" + std::to_string(x) + ",80],[" + std::to_string(x) +
+                             ",380]],\"object\":" + (i % 3 ? "false" : "true") +
+                             ",\"width\":6,\"edit\":true}";
+    pixels.push_back(postJson("/api/stroke", edit)["state"]["objectPixels"].get<long>());
+  }
+  for (int i = 0; i < 3; ++i) postJson("/api/undo", "");
+  const json shown = state();
+  const cv::Mat maskBefore = getImage("/api/mask.png");
+  ASSERT_EQ(shown["objectPixels"].get<long>(), pixels[30]);
+
+  const json r = cancelWhileRunning("/api/rect", R"({"x1":20,"y1":20,"x2":300,"y2":300})");
+  ASSERT_TRUE(r.value("cancelled", false)) << r.dump();
+  EXPECT_EQ(std::make_tuple(r["state"]["canUndo"], r["state"]["canRedo"], r["state"]["objectPixels"]),
+            std::make_tuple(true, true, shown["objectPixels"]));
+  EXPECT_EQ(cv::norm(getImage("/api/mask.png"), maskBefore, cv::NORM_INF), 0.0);
+  // Redo reaches the newest mask; undo goes down through the 31 reachable
+  // steps (recordings 4 to 34) and then to the plain photo, as before.
+  for (int i = 31; i <= 33; ++i) EXPECT_EQ(postJson("/api/redo", "")["state"]["objectPixels"], pixels[i]);
+  EXPECT_FALSE(state()["canRedo"].get<bool>());
+  for (int i = 32; i >= 3; --i) {
+    const json s = postJson("/api/undo", "")["state"];
+    EXPECT_EQ(s["objectPixels"].get<long>(), pixels[i]) << "step " << i;
+    EXPECT_EQ(s["canUndo"].get<bool>(), i > 3) << "step " << i;
+  }
+  EXPECT_FALSE(postJson("/api/undo", "")["state"]["hasMask"].get<bool>());
+}
+
+TEST_F(PlaygroundServer, AStalePageIsToldToReload) {
+  const json s = state();
+  const std::string view = s["photoId"].get<std::string>() + "." + std::to_string(s["version"].get<long>());
+  const json r = postJson("/api/rect?view=" + view, kRect);
+  const std::string newView = view.substr(0, view.find('.') + 1) + std::to_string(r["state"]["version"].get<long>());
+  // Another page still showing the photo before that rectangle, and a page of
+  // another photo (or of the server before a restart), are refused.
+  for (const std::string& old : {view, std::string("1-1.") + std::to_string(r["state"]["version"].get<long>())}) {
+    for (const char* path : {"/api/loop", "/api/undo", "/api/reset"}) {
+      const json refused = postJson(std::string(path) + "?view=" + old,
+                                    R"({"points":[[70,60],[480,60],[480,390]]})", 409);
+      EXPECT_TRUE(refused.value("stale", false)) << path << refused.dump();
+      EXPECT_NE(refused.value("error", "").find("Reload the page"), std::string::npos);
+    }
+  }
+  EXPECT_EQ(state()["version"], r["state"]["version"]);  // nothing ran
+  EXPECT_TRUE(postJson("/api/reset?view=" + newView, "")["state"]["hasMask"] == false);
+}
+
+TEST_F(PlaygroundServer, TransparentPhotoIsCompositedOnWhite) {
+  cv::Mat rgba(40, 60, CV_8UC4, cv::Scalar(0, 0, 200, 255));
+  rgba(cv::Rect(0, 0, 30, 40)).setTo(cv::Scalar(0, 0, 0, 0));      // transparent black
+  rgba(cv::Rect(30, 0, 10, 40)).setTo(cv::Scalar(100, 0, 0, 128));  // half-transparent blue
+  const json r = json::parse(post("/api/photo?name=t.png", encode(rgba, ".png"), "image/png").second, nullptr, false);
+  ASSERT_TRUE(r["state"]["onWhite"].get<bool>()) << r.dump();
+  const cv::Mat preview = getImage("/api/preview.png");
+  ASSERT_EQ(preview.size(), cv::Size(60, 40));
+  EXPECT_EQ(preview.at<cv::Vec3b>(5, 5), cv::Vec3b(255, 255, 255));
+  // 100 * 128/255 + 255 * 127/255 = 177.2; 255 * 127/255 = 127.
+  EXPECT_EQ(preview.at<cv::Vec3b>(5, 35), cv::Vec3b(177, 127, 127));
+  EXPECT_EQ(preview.at<cv::Vec3b>(5, 50), cv::Vec3b(0, 0, 200));
+  // An opaque four-channel file is not marked.
+  cv::Mat opaque(40, 60, CV_8UC4, cv::Scalar(10, 20, 30, 255));
+  EXPECT_FALSE(json::parse(post("/api/photo", encode(opaque, ".png"), "image/png").second)["state"]["onWhite"].get<bool>());
+}
+
+TEST(PlaygroundDecode, GreyAlphaAndSixteenBitFiles) {
+  cv::Mat bgr;
+  bool onWhite = true;
+  std::string error;
+  cv::Mat grey16(4, 4, CV_16UC1, cv::Scalar(257 * 40));
+  ASSERT_TRUE(playground::decodePhoto(encode(grey16, ".png"), &bgr, &onWhite, &error)) << error;
+  EXPECT_TRUE(bgr.type() == CV_8UC3 && !onWhite);
+  EXPECT_EQ(bgr.at<cv::Vec3b>(2, 2), cv::Vec3b(40, 40, 40));
+  cv::Mat rgba16(4, 4, CV_16UC4, cv::Scalar(0, 257 * 60, 0, 0));
+  ASSERT_TRUE(playground::decodePhoto(encode(rgba16, ".png"), &bgr, &onWhite, &error)) << error;
+  EXPECT_TRUE(onWhite);
+  EXPECT_EQ(bgr.at<cv::Vec3b>(1, 1), cv::Vec3b(255, 255, 255));
+  EXPECT_FALSE(playground::decodePhoto("\x89PNG\r\n\x1a\nnonsense", &bgr, &onWhite, &error));
+  EXPECT_NE(error.find("could not be decoded"), std::string::npos);
 }
 
 TEST_F(PlaygroundServer, BadInputIsRefusedAndThePhotoStays) {

@@ -9,6 +9,7 @@
 #include <cstdlib>
 
 #include "interface/segmentation_core.h"
+#include "interface/veldse_marker.h"
 
 namespace segtools {
 
@@ -246,6 +247,56 @@ RequestOutcome LibrarySession::redo() {
 void LibrarySession::reset() {
   resetSegmentationInterface();
   showPlainPhoto();
+}
+
+RequestOutcome LibrarySession::resumeAfterStop() {
+  VELDSEMarker::resetMarkers();
+  RequestOutcome out;
+  const bool stepsAhead = canRedo() != 0;
+  if (!hasMask_ && !stepsAhead) {
+    // Empty history, or nothing recorded below the plain photo on screen.
+    showPlainPhoto();
+    out.note = "the plain photo stays";
+    return out;
+  }
+  prepareBuffers();
+  const auto start = std::chrono::steady_clock::now();
+  if (::redo(previewBuffer_.data(), maskBuffer_.data()) == SEGCORE_FAILED) {
+    out.note = kFailedNote;
+    return out;
+  }
+  if (stepsAhead) {
+    // redo stepped forward; undo steps back and delivers the step we were on.
+    int* array = nullptr;
+    int count = 0;
+    fetch_path_array(&array, &count);  // the outline of the step we leave
+    delete[] array;
+    prepareBuffers();
+    if (::undo(previewBuffer_.data(), maskBuffer_.data()) == SEGCORE_FAILED) {
+      out.note = kFailedNote;
+      return out;
+    }
+  }
+  out.millis = millisSince(start);
+  out.delivered = collect();
+  if (!out.delivered) {
+    showPlainPhoto();
+    out.note = "back at the plain photo";
+  }
+  return out;
+}
+
+RequestOutcome LibrarySession::recordMask(const cv::Mat& mask) {
+  CV_Assert(mask.type() == CV_8UC1 && mask.cols == width_ && mask.rows == height_);
+  std::vector<int> grid(static_cast<size_t>(width_) * height_);
+  for (int y = 0; y < height_; ++y) {
+    const unsigned char* row = mask.ptr<unsigned char>(y);
+    int* dst = &grid[static_cast<size_t>(y) * width_];
+    for (int x = 0; x < width_; ++x) dst[x] = row[x] != 0 ? 2 : 1;
+  }
+  // Every pixel is marked, so the uncleared mask that cutOutImage starts from
+  // on an empty history is overwritten everywhere.
+  return runWithMarks({}, grid, 2, cutOutImage, "the mask could not be recorded");
 }
 
 void LibrarySession::showPlainPhoto() {

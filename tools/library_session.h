@@ -76,6 +76,19 @@ class LibrarySession {
   // Forgets marks and history; the photo stays.
   void reset();
 
+  // After a cut through marks() that stopped without a result (a
+  // cancelSegmentation from another thread, or the solver's time-out): the
+  // cancel flag stays set and would stop every later cut, so resetMarkers()
+  // clears it together with the spent marks; the history is untouched and redo
+  // at its top re-delivers the mask on screen. With redo steps ahead, redo
+  // then undo comes back to the same step. Nothing is called when the history
+  // is empty (redo would hand back an unwritten slot).
+  RequestOutcome resumeAfterStop();
+  // Records `mask` (8U, photo size, non-zero = object) as a new history step,
+  // whatever is on screen: cutOutImage with every pixel marked, 2 for object
+  // and 1 for background, so the recorded mask is exactly `mask`.
+  RequestOutcome recordMask(const cv::Mat& mask);
+
   bool hasMask() const { return hasMask_; }
   const cv::Mat& mask() const { return mask_; }        // 8U, 255 = object
   const cv::Mat& preview() const { return preview_; }  // BGR

@@ -6,10 +6,11 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <thread>
 
-#include "tools/library_session.h"
 #include "tools/playground/playground_server.h"
 
 int main(int argc, char** argv) {
@@ -35,8 +36,12 @@ int main(int argc, char** argv) {
       return 2;
     }
   }
-  const cv::Mat photo = segtools::readPhoto(photoPath);
-  if (photo.empty()) {
+  std::ifstream file(photoPath, std::ios::binary);
+  const std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  cv::Mat photo;
+  bool onWhite = false;
+  std::string why;
+  if (!file || !playground::decodePhoto(bytes, &photo, &onWhite, &why)) {
     std::fprintf(stderr, "playground: cannot read '%s' as an image\n", photoPath.c_str());
     return 1;
   }
@@ -51,7 +56,7 @@ int main(int argc, char** argv) {
   playground::Server server;
   std::string error;
   const std::string name = photoPath.substr(photoPath.find_last_of('/') + 1);
-  if (!server.loadPhoto(photo, name, &error)) {
+  if (!server.loadPhoto(photo, name, &error, onWhite)) {
     std::fprintf(stderr, "playground: %s\n", error.c_str());
     return 1;
   }

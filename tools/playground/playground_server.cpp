@@ -2,14 +2,17 @@
 
 #include <nlohmann/json.hpp>
 #include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
 
+#include <algorithm>
 #include <chrono>
 #include <exception>
+#include <random>
 #include <utility>
 #include <vector>
 
 #include "interface/segmentation_core.h"
-#include "tools/edit_requests.h"
+#include "interface/veldse_marker.h"
 #include "tools/playground/playground_page.h"
 
 namespace playground {
@@ -26,6 +29,8 @@ struct Server::Snapshot {
   long version = 0;
   double millis = 0.0;  // the library's time for the latest request
   std::string photoName;
+  std::string photoId;
+  bool onWhite = false;
   cv::Mat preview;  // BGR
   cv::Mat mask;     // 255 = object
   // PNG files, encoded on first demand.
@@ -37,6 +42,62 @@ struct Server::Snapshot {
 namespace {
 
 constexpr int kBusyStatus = 409;
+// Steps of the library's history that undo can reach (32 slots, one of them
+// the plain photo's).
+constexpr size_t kHistorySteps = 31;
+
+// A mask as one bit per pixel, row-major; 12 MP take 1.5 MB.
+std::vector<unsigned char> packMask(const cv::Mat& mask) {
+  std::vector<unsigned char> bits((mask.total() + 7) / 8, 0);
+  size_t i = 0;
+  for (int y = 0; y < mask.rows; ++y) {
+    const unsigned char* row = mask.ptr<unsigned char>(y);
+    for (int x = 0; x < mask.cols; ++x, ++i) {
+      if (row[x] != 0) bits[i >> 3] |= static_cast<unsigned char>(1u << (i & 7));
+    }
+  }
+  return bits;
+}
+
+cv::Mat unpackMask(const std::vector<unsigned char>& bits, int width, int height) {
+  cv::Mat mask(height, width, CV_8UC1);
+  size_t i = 0;
+  for (int y = 0; y < height; ++y) {
+    unsigned char* row = mask.ptr<unsigned char>(y);
+    for (int x = 0; x < width; ++x, ++i) row[x] = (bits[i >> 3] >> (i & 7)) & 1u ? 255 : 0;
+  }
+  return mask;
+}
+
+// 8-bit, 2 or 4 channels (grey or BGR with alpha) -> BGR over white.
+cv::Mat compositeOnWhite(const cv::Mat& withAlpha, bool* anyTransparent) {
+  std::vector<cv::Mat> planes;
+  cv::split(withAlpha, planes);
+  const cv::Mat alpha = planes.back();
+  double lowest = 255.0;
+  cv::minMaxLoc(alpha, &lowest);
+  *anyTransparent = lowest < 255.0;
+  cv::Mat colour;
+  if (planes.size() == 2) {
+    cv::merge(std::vector<cv::Mat>{planes[0], planes[0], planes[0]}, colour);
+  } else {
+    cv::merge(std::vector<cv::Mat>{planes[0], planes[1], planes[2]}, colour);
+  }
+  if (!*anyTransparent) return colour;
+  cv::Mat out(colour.size(), CV_8UC3);
+  for (int y = 0; y < colour.rows; ++y) {
+    const unsigned char* c = colour.ptr<unsigned char>(y);
+    const unsigned char* a = alpha.ptr<unsigned char>(y);
+    unsigned char* o = out.ptr<unsigned char>(y);
+    for (int x = 0; x < colour.cols; ++x) {
+      for (int k = 0; k < 3; ++k) {
+        // c * a + 255 * (1 - a), rounded, with a in 0..255.
+        o[3 * x + k] = static_cast<unsigned char>((c[3 * x + k] * a[x] + 255 * (255 - a[x]) + 127) / 255);
+      }
+    }
+  }
+  return out;
+}
 
 std::string errorJson(const std::string& message) { return json{{"error", message}}.dump(); }
 
@@ -72,6 +133,39 @@ bool intField(const json& body, const char* key, int* out) {
 }
 
 }  // namespace
+
+bool decodePhoto(const std::string& bytes, cv::Mat* bgr, bool* onWhite, std::string* error) {
+  *onWhite = false;
+  const std::vector<unsigned char> data(bytes.begin(), bytes.end());
+  // Of the two formats only PNG carries transparency; JPEG is decoded in
+  // colour so that its EXIF orientation is applied.
+  const bool png = bytes.size() >= 8 && bytes.compare(0, 8, "\x89PNG\r\n\x1a\n", 8) == 0;
+  cv::Mat decoded = cv::imdecode(data, png ? cv::IMREAD_UNCHANGED : cv::IMREAD_COLOR);
+  if (decoded.empty()) {
+    *error = "the file could not be decoded as an image";
+    return false;
+  }
+  if (decoded.depth() == CV_16U) decoded.convertTo(decoded, CV_8U, 1.0 / 257.0);
+  if (decoded.depth() != CV_8U) {
+    *error = "the image has an unusual sample format; save it as an 8-bit PNG or a JPEG";
+    return false;
+  }
+  switch (decoded.channels()) {
+    case 1:
+      cv::cvtColor(decoded, *bgr, cv::COLOR_GRAY2BGR);
+      return true;
+    case 3:
+      *bgr = decoded;
+      return true;
+    case 2:
+    case 4:
+      *bgr = compositeOnWhite(decoded, onWhite);
+      return true;
+    default:
+      *error = "the image has " + std::to_string(decoded.channels()) + " channels";
+      return false;
+  }
+}
 
 bool readImageHeader(const std::string& bytes, int* width, int* height, std::string* error) {
   static const char kPng[] = "\x89PNG\r\n\x1a\n";
@@ -128,6 +222,8 @@ bool readImageHeader(const std::string& bytes, int* width, int* height, std::str
 }
 
 Server::Server(Limits limits) : limits_(limits) {
+  std::random_device random;
+  serverTag_ = random() & 0xFFFFFFu;
   // A cut occupies one worker; idle keep-alive connections give theirs back
   // after a second, so a cancel always finds a free one.
   http_.new_task_queue = [] { return new httplib::ThreadPool(16); };
@@ -142,7 +238,8 @@ Server::~Server() {
   session_.reset();
 }
 
-bool Server::loadPhoto(const cv::Mat& bgr, const std::string& name, std::string* error) {
+bool Server::loadPhoto(const cv::Mat& bgr, const std::string& name, std::string* error,
+                       bool onWhite) {
   if (bgr.empty() || bgr.type() != CV_8UC3) {
     *error = "the photo is empty or not an 8-bit colour image";
     return false;
@@ -159,6 +256,9 @@ bool Server::loadPhoto(const cv::Mat& bgr, const std::string& name, std::string*
   }
   photo_ = bgr;
   photoName_ = name;
+  photoOnWhite_ = onWhite;
+  photoId_ = std::to_string(serverTag_) + "-" + std::to_string(++photoCount_);
+  history_ = History();
   setUpPhoto();
   publish(0.0);
   return true;
@@ -194,6 +294,8 @@ void Server::publish(double millis) {
   s->objectPixels = s->hasMask ? cv::countNonZero(session_->mask()) : 0;
   s->millis = millis;
   s->photoName = photoName_;
+  s->photoId = photoId_;
+  s->onWhite = photoOnWhite_;
   // The session replaces its images after each request rather than writing
   // into them, so sharing them is safe.
   s->preview = session_->preview();
@@ -212,6 +314,8 @@ std::string Server::stateJson(const Snapshot& s, bool busy) const {
   return json{{"width", s.width},
               {"height", s.height},
               {"photo", s.photoName},
+              {"photoId", s.photoId},
+              {"onWhite", s.onWhite},
               {"hasMask", s.hasMask},
               {"canUndo", s.canUndo},
               {"canRedo", s.canRedo},
@@ -233,7 +337,7 @@ void Server::exclusive(httplib::Response& res, bool cancellable, Work work) {
     std::lock_guard<std::mutex> lock(stateMutex_);
     if (running_) {
       sendJson(res, kBusyStatus,
-               json{{"error", "busy: another request is running; wait for it or cancel it"},
+               json{{"error", "Another request is still running: wait for it or cancel it."},
                     {"busy", true}}
                    .dump());
       return;
@@ -248,46 +352,59 @@ void Server::exclusive(httplib::Response& res, bool cancellable, Work work) {
   } catch (const std::exception& e) {
     // Whatever failed, the server must not stay busy for ever.
     reply.status = 500;
-    reply.json = errorJson(std::string("the request failed: ") + e.what());
-  }
-  bool cancelled = false;
-  {
-    std::lock_guard<std::mutex> lock(stateMutex_);
-    cancellable_ = false;  // too late for a cancel from here on
-    cancelled = cancelRequested_;
-  }
-  if (cancelled) {
-    // The request may or may not have torn the context down; start afresh.
-    setUpPhoto();
-    publish(0.0);
-    const auto s = snapshot();
-    reply.status = 200;
-    reply.json = json{{"cancelled", true},
-                      {"message", "request cancelled; the photo was set up again"},
-                      {"state", json::parse(stateJson(*s, false))}}
-                     .dump();
+    reply.json = errorJson(std::string("The request failed: ") + e.what());
   }
   {
     std::lock_guard<std::mutex> lock(stateMutex_);
     running_ = false;
+    cancellable_ = false;
     cancelRequested_ = false;
   }
+  requestDone_.notify_all();
   sendJson(res, reply.status, reply.json);
 }
 
-void Server::handleCancel(httplib::Response& res) {
+bool Server::closeCancelWindow() {
   std::lock_guard<std::mutex> lock(stateMutex_);
+  cancellable_ = false;
+  return cancelRequested_;
+}
+
+void Server::handleCancel(httplib::Response& res) {
+  std::unique_lock<std::mutex> lock(stateMutex_);
   if (!running_ || !cancellable_) {
-    sendJson(res, 409, errorJson("nothing to cancel: no cut is running"));
+    sendJson(res, 409, errorJson("There is no cut running to cancel."));
     return;
   }
-  if (!cancelRequested_) {
-    cancelRequested_ = true;
-    // The cancel protocol: both calls, from this thread, while the request runs.
+  if (cancelRequested_) {
+    sendJson(res, 200, json{{"cancelling", true}}.dump());
+    return;
+  }
+  cancelRequested_ = true;
+  // Only the cancel flag: the context, and with it the history, stays (an
+  // exitSegmentation as well would tear it down). A rectangle clears the flag
+  // while it builds its new context, so it is set again until the request
+  // closes its cancel window; the store is one atomic byte.
+  while (running_ && cancellable_) {
     cancelSegmentation();
-    exitSegmentation();
+    requestDone_.wait_for(lock, std::chrono::milliseconds(20));
   }
   sendJson(res, 200, json{{"cancelling", true}}.dump());
+}
+
+bool Server::staleView(const httplib::Request& req, Reply* refusal) const {
+  if (!req.has_param("view")) return false;
+  const auto s = snapshot();
+  const std::string shown = s ? s->photoId + "." + std::to_string(s->version) : std::string();
+  if (req.get_param_value("view") == shown) return false;
+  refusal->status = 409;
+  refusal->json =
+      json{{"stale", true},
+           {"error",
+            "This page is out of date: the photo or its result was changed in another tab, or "
+            "the server was restarted. Reload the page to go on from what is there now."}}
+          .dump();
+  return true;
 }
 
 Server::Reply Server::outcomeReply(const std::string& what,
@@ -333,7 +450,7 @@ Server::Reply Server::runMarks(const std::string& kind, const std::string& body)
       bad.json = errorJson(error);
       return bad;
     }
-    return outcomeReply(kind, segtools::runRequest(*session_, request));
+    return runCut(kind, true, false, request);
   }
   // Loops and strokes: a list of [x, y] points inside the photo.
   auto it = req.find("points");
@@ -368,7 +485,7 @@ Server::Reply Server::runMarks(const std::string& kind, const std::string& body)
       bad.json = errorJson(error);
       return bad;
     }
-    return outcomeReply(kind, segtools::runRequest(*session_, request));
+    return runCut(kind, false, false, request);
   }
   // Strokes.
   auto object = req.find("object");
@@ -402,10 +519,73 @@ Server::Reply Server::runMarks(const std::string& kind, const std::string& body)
       none.json = errorJson("there is no mask to edit yet: make a selection first");
       return none;
     }
-    return outcomeReply("edit",
-                        session_->cutOut(request.points, request.markers, request.mode));
+    return runCut("edit", false, true, request);
   }
-  return outcomeReply(kind, segtools::runRequest(*session_, request));
+  return runCut(kind, false, false, request);
+}
+
+Server::Reply Server::runCut(const std::string& kind, bool rectangle, bool edit,
+                             const segtools::EditRequest& request) {
+  const segtools::RequestOutcome outcome =
+      edit ? session_->cutOut(request.points, request.markers, request.mode)
+           : segtools::runRequest(*session_, request);
+  const bool cancelled = closeCancelWindow();
+  bool kept = true;  // the previous mask and history are as before the request
+  if (outcome.delivered) {
+    if (rectangle) history_ = History();
+    rememberMask();
+    // A cancel that came as the result was being delivered leaves its flag,
+    // which would stop the next cut at once.
+    if (cancelled) VELDSEMarker::resetMarkers();
+  } else if (rectangle) {
+    // The rectangle began a new context: the old history is rebuilt.
+    kept = restoreHistory();
+  } else if (!edit) {
+    session_->resumeAfterStop();
+  }
+  publish(outcome.millis);
+  const auto s = snapshot();
+  Reply r;
+  json answer{{"request", kind},
+              {"delivered", outcome.delivered},
+              {"note", outcome.note},
+              {"millis", outcome.millis},
+              {"state", json::parse(stateJson(*s, false))}};
+  if (cancelled) {
+    answer["cancelled"] = !outcome.delivered;
+    answer["message"] =
+        outcome.delivered ? "The cut had finished before the cancel reached it; its result is shown."
+        : kept ? "Cancelled: the previous result and the whole history are kept."
+               : "Cancelled, but the history could not be rebuilt; the plain photo is shown.";
+  }
+  r.json = answer.dump();
+  return r;
+}
+
+void Server::rememberMask() {
+  auto& steps = history_.steps;
+  steps.resize(history_.current);  // recording drops the redo steps
+  steps.push_back(packMask(session_->mask()));
+  if (steps.size() > kHistorySteps) steps.erase(steps.begin());
+  history_.current = steps.size();
+}
+
+bool Server::restoreHistory() {
+  // The stopped rectangle may have left its cancel flag set.
+  VELDSEMarker::resetMarkers();
+  const History wanted = std::move(history_);
+  history_ = History();
+  bool ok = true;
+  for (const auto& step : wanted.steps) {
+    ok = ok && session_->recordMask(unpackMask(step, session_->width(), session_->height())).delivered;
+  }
+  for (size_t i = wanted.current; ok && i < wanted.steps.size(); ++i) session_->undo();
+  if (!ok) {
+    session_->reset();
+    return false;
+  }
+  history_ = wanted;
+  return true;
 }
 
 void Server::handlePhoto(const httplib::Request& req, httplib::Response& res) {
@@ -432,11 +612,15 @@ void Server::handlePhoto(const httplib::Request& req, httplib::Response& res) {
                        std::to_string(static_cast<int>(limits_.maxMegapixels)) + " megapixels"));
     return;
   }
-  const std::vector<unsigned char> bytes(req.body.begin(), req.body.end());
-  const cv::Mat bgr = cv::imdecode(bytes, cv::IMREAD_COLOR);
+  cv::Mat bgr;
+  bool onWhite = false;
+  if (!decodePhoto(req.body, &bgr, &onWhite, &error)) {
+    sendJson(res, 400, errorJson(error));
+    return;
+  }
   // Decoding turns a JPEG by its EXIF orientation, which may swap the sides.
   const bool sizeOk = (bgr.cols == w && bgr.rows == h) || (bgr.cols == h && bgr.rows == w);
-  if (bgr.empty() || !sizeOk) {
+  if (!sizeOk) {
     sendJson(res, 400, errorJson("the file could not be decoded as an image"));
     return;
   }
@@ -445,7 +629,7 @@ void Server::handlePhoto(const httplib::Request& req, httplib::Response& res) {
   exclusive(res, false, [&] {
     Reply r;
     std::string why;
-    if (!loadPhoto(bgr, name, &why)) {
+    if (!loadPhoto(bgr, name, &why, onWhite)) {
       r.status = 400;
       r.json = errorJson(why);
       return r;
@@ -538,18 +722,37 @@ void Server::routes() {
   for (const char* kind : {"rect", "loop", "stroke"}) {
     http_.Post(std::string("/api/") + kind,
                [this, kind](const httplib::Request& req, httplib::Response& res) {
-                 exclusive(res, true, [&] { return runMarks(kind, req.body); });
+                 exclusive(res, true, [&] {
+                   Reply refusal;
+                   if (staleView(req, &refusal)) return refusal;
+                   return runMarks(kind, req.body);
+                 });
                });
   }
-  http_.Post("/api/undo", [this](const httplib::Request&, httplib::Response& res) {
-    exclusive(res, false, [&] { return outcomeReply("undo", session_->undo()); });
-  });
-  http_.Post("/api/redo", [this](const httplib::Request&, httplib::Response& res) {
-    exclusive(res, false, [&] { return outcomeReply("redo", session_->redo()); });
-  });
-  http_.Post("/api/reset", [this](const httplib::Request&, httplib::Response& res) {
+  http_.Post("/api/undo", [this](const httplib::Request& req, httplib::Response& res) {
     exclusive(res, false, [&] {
+      Reply refusal;
+      if (staleView(req, &refusal)) return refusal;
+      // The library steps back unless it is at the bottom already.
+      if (history_.current > 0) --history_.current;
+      return outcomeReply("undo", session_->undo());
+    });
+  });
+  http_.Post("/api/redo", [this](const httplib::Request& req, httplib::Response& res) {
+    exclusive(res, false, [&] {
+      Reply refusal;
+      if (staleView(req, &refusal)) return refusal;
+      const segtools::RequestOutcome outcome = session_->redo();
+      if (outcome.delivered && history_.current < history_.steps.size()) ++history_.current;
+      return outcomeReply("redo", outcome);
+    });
+  });
+  http_.Post("/api/reset", [this](const httplib::Request& req, httplib::Response& res) {
+    exclusive(res, false, [&] {
+      Reply refusal;
+      if (staleView(req, &refusal)) return refusal;
       session_->reset();
+      history_ = History();
       return outcomeReply("reset", segtools::RequestOutcome());
     });
   });
