@@ -218,8 +218,8 @@ TEST_F(PlaygroundServer, CancelledStrokeKeepsTheMaskAndTheHistory) {
   ASSERT_TRUE(r.value("cancelled", false)) << r.dump();
   EXPECT_NE(r.value("message", "").find("history are kept"), std::string::npos) << r.dump();
   const json after = r["state"];
-  EXPECT_EQ(std::make_tuple(after["hasMask"], after["canUndo"], after["canRedo"], after["objectPixels"]),
-            std::make_tuple(shown["hasMask"], shown["canUndo"], shown["canRedo"], shown["objectPixels"]));
+  EXPECT_EQ(std::make_tuple(after["hasMask"], after["canUndo"], after["canRedo"], after["objectPixels"], after["version"]),
+            std::make_tuple(shown["hasMask"], shown["canUndo"], shown["canRedo"], shown["objectPixels"], shown["version"]));
   EXPECT_EQ(cv::norm(getImage("/api/mask.png"), maskBefore, cv::NORM_INF), 0.0);
   EXPECT_EQ(cv::norm(getImage("/api/preview.png"), previewBefore, cv::NORM_INF), 0.0);
   // The redo step is still the loop's mask, and cuts work again (the cancel

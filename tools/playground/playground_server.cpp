@@ -543,7 +543,11 @@ Server::Reply Server::runCut(const std::string& kind, bool rectangle, bool edit,
   } else if (!edit) {
     session_->resumeAfterStop();
   }
-  publish(outcome.millis);
+  // A stopped cut leaves the history and the mask on screen as they were; the
+  // published version stays, so pages need not load the same pictures again
+  // and other tabs stay current.
+  const bool unchanged = !outcome.delivered && !rectangle;
+  if (!unchanged) publish(outcome.millis);
   const auto s = snapshot();
   Reply r;
   json answer{{"request", kind},

@@ -409,17 +409,31 @@ try {
     const touch = (type, points) => phoneCdp.send('Input.dispatchTouchEvent', {
       type, touchPoints: points.map(([x, y], id) => ({ x, y, id, radiusX: 2, radiusY: 2, force: 1 })),
     });
-    // One finger draws a background stroke.
-    await phone.tap('label[title^="Background brush"]');
+    const fingerDrag = async (photoPoints) => {
+      const pts = [];
+      for (const pt of photoPoints) pts.push(await screenPoint(...pt, phone));
+      await touch('touchStart', [pts[0]]);
+      for (const pt of pts.slice(1)) await touch('touchMove', [pt]);
+      await touch('touchEnd', []);
+    };
+    // One finger draws a rectangle, then a background stroke.
+    await phone.tap('label[title^="Rectangle"]');
+    await phone.waitForFunction(() => document.querySelector('input[name="tool"]:checked').value === 'rect',
+      { timeout: 5000 });
     n = await seq(phone);
-    const fingerPath = [[240, 200], [290, 204], [340, 210]];
-    const pts = [];
-    for (const pt of fingerPath) pts.push(await screenPoint(...pt, phone));
-    await touch('touchStart', [pts[0]]);
-    for (const pt of pts.slice(1)) await touch('touchMove', [pt]);
-    await touch('touchEnd', []);
+    await fingerDrag([[65, 50], [200, 150], [485, 392]]);
     await settled(n, { p: phone });
-    const sent = await phone.evaluate(() => window.playground.lastRequest);
+    let sent = await phone.evaluate(() => window.playground.lastRequest);
+    check(sent.kind === 'rect' && sent.body.x1 === 65 && sent.body.y1 === 50 && sent.body.x2 === 485 &&
+      sent.body.y2 === 392,
+      'one finger drew the rectangle (photo pixels hit exactly at 62 %)');
+    await phone.tap('label[title^="Background brush"]');
+    await phone.waitForFunction(() => document.querySelector('input[name="tool"]:checked').value === 'background',
+      { timeout: 5000 });
+    n = await seq(phone);
+    await fingerDrag([[240, 200], [290, 204], [340, 210]]);
+    await settled(n, { p: phone });
+    sent = await phone.evaluate(() => window.playground.lastRequest);
     check(sent.kind === 'stroke' && sent.body.object === false && sent.body.points.length >= 3,
       'one finger drew a background stroke');
     n = await seq(phone);
@@ -485,7 +499,7 @@ try {
     n = await seq();
     await drag([[300, 260], [3700, 300], [3650, 2750], [350, 2700]]);
     await page.waitForSelector('#busy:not([hidden])');
-    await sleep(400);
+    await page.waitForFunction(() => document.getElementById('elapsed').textContent !== '0.0 s');
     const busy = await page.evaluate(() => {
       const c = document.getElementById('draw');
       const d = c.getContext('2d').getImageData(0, 0, c.width, c.height).data;
@@ -500,8 +514,9 @@ try {
       /^\d+\.\d s$/.test(busy.elapsed),
       `while the cut runs the loop stays drawn (${busy.mark} pixels), ${busy.elapsed} elapsed shows, ` +
       'undo, redo, reset and open are disabled and cancel is enabled');
-    await shot('busy-12mp.png');
     await page.keyboard.press('Escape');
+    await page.waitForFunction(() => document.getElementById('busyText').textContent.startsWith('Cancelling'));
+    await shot('busy-12mp.png');
     await settled(n);
     const cancelled = await page.evaluate(() => window.playground.lastCancel);
     const after = await state();
