@@ -54,7 +54,32 @@ install(FILES ${PROJECT_BINARY_DIR}/package/SegmentationCoreConfig.cmake
 # folder lies below the prefix (two for lib/pkgconfig, three for Debian's
 # lib/<triplet>/pkgconfig).
 file(RELATIVE_PATH SEGCORE_PC_TO_PREFIX /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
+string(REGEX REPLACE "/$" "" SEGCORE_PC_TO_PREFIX "${SEGCORE_PC_TO_PREFIX}")
 configure_file(${PROJECT_SOURCE_DIR}/cmake/SegmentationCore.pc.in
   ${PROJECT_BINARY_DIR}/package/SegmentationCore.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/package/SegmentationCore.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# The example bridge (examples/bridge) is built against this installation, in
+# a scratch folder of the build, and run as a test. Not in sanitizer builds:
+# an instrumented library needs the sanitizer runtime loaded first, which the
+# example, built plainly as an app's bridge is, does not do.
+if(SEGCORE_TESTS AND NOT ANDROID AND NOT SEGCORE_SANITIZE)
+  set(_segcore_check_args
+    -DBUILD_DIR=${PROJECT_BINARY_DIR}
+    -DWORK_DIR=${PROJECT_BINARY_DIR}/installed-package-check
+    -DEXAMPLE_DIR=${PROJECT_SOURCE_DIR}/examples/bridge)
+  if(CMAKE_CROSSCOMPILING)
+    string(REPLACE ";" "|" _segcore_emulator "${CMAKE_CROSSCOMPILING_EMULATOR}")
+    list(APPEND _segcore_check_args -DTOOLCHAIN_FILE=${CMAKE_TOOLCHAIN_FILE}
+         "-DEMULATOR=${_segcore_emulator}")
+    if(SEGCORE_ARMHF_SYSROOT)
+      list(APPEND _segcore_check_args -DTOOLCHAIN_ARGS=-DSEGCORE_ARMHF_SYSROOT=${SEGCORE_ARMHF_SYSROOT})
+    endif()
+  else()
+    list(APPEND _segcore_check_args -DCXX=${CMAKE_CXX_COMPILER})
+  endif()
+  add_test(NAME InstalledPackage.BridgeExample
+           COMMAND ${CMAKE_COMMAND} ${_segcore_check_args} -P ${PROJECT_SOURCE_DIR}/examples/bridge/check_installed.cmake)
+  set_tests_properties(InstalledPackage.BridgeExample PROPERTIES TIMEOUT 600)
+endif()
