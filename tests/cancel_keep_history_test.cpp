@@ -213,4 +213,37 @@ TEST(CancelKeepingHistory, LateCancelKeepsTheFinishedCut) {
   EXPECT_EQ(canRedo(), 0);
 }
 
+// A cancel-and-exit tears the context down and leaves the exit armed
+// (processSegment returns -1 and keeps it, so the bridge can tell). On the
+// next photo a plain cancel of the first cut then tears that context down
+// too, unless exitSegmentation, called with no cancel pending, disarmed it.
+TEST(CancelAndExit, LeavesTheExitArmedForTheNextPhoto) {
+  struct Case {
+    const char* name;
+    bool disarm;
+    int firstCutStatus;
+    bool contextAfter;
+  };
+  const Case cases[] = {{"not disarmed", false, -1, false}, {"disarmed", true, 0, true}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    {
+      Editing first;
+      ASSERT_EQ(first.rectangle(), 0);
+      cancelSegmentation();
+      EXPECT_EQ(exitSegmentation(), 1);
+      EXPECT_EQ(first.objectStroke(), -1);
+    }
+    Editing next;
+    if (c.disarm) {
+      EXPECT_EQ(exitSegmentation(), 0);
+    }
+    cancelSegmentation();
+    EXPECT_EQ(next.rectangle(), c.firstCutStatus);
+    VELDSEMarker::resetMarkers();
+    EXPECT_EQ(next.undoStep() == 0, c.contextAfter) << "a request without a context is refused";
+    exitSegmentation();  // disarmed for the next case
+  }
+}
+
 }  // namespace

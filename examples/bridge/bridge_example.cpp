@@ -15,7 +15,7 @@
 //    7. undo and redo
 //    8. a cut cancelled by the user, the history kept
 //    9. teardown; a request after it is refused
-//   10. leaving the photo while a cut runs      (cancel and exit)
+//   10. leaving the photo while a cut runs      (cancel and exit), the next photo
 //
 // Exit status 0 when every check holds, 1 otherwise (each failed check is
 // printed). Built against the installed package:
@@ -24,6 +24,7 @@
 #include <segmentation_core.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -384,6 +385,9 @@ int main() {
   // result, unless undo went back to the bare photo.
   const bool maskOnScreen = true;
   drawStroke({{260, 250}, {300, 280}}, 12, kObject, &s.points, &s.grid);
+  // The Cancel button: the bridge notes the tap and tells the library.
+  std::atomic<bool> cancelTapped{false};
+  cancelTapped = true;   // UI thread
   cancelSegmentation();  // UI thread
   bool stopped = false;
   std::thread worker([&] {
@@ -393,13 +397,15 @@ int main() {
     s.mask[0] = kNotWritten;
     status = s.cut(kObjectStroke);
     stopped = s.mask[0] == kNotWritten;
+    // Clear the stop: it is sticky, every later cut would stop at once. Also
+    // when the tap came too late to stop this cut, which then delivered its
+    // result as usual.
+    if (stopped || cancelTapped.exchange(false)) VELDSEMarker::resetMarkers();
     if (stopped) {
-      // Clear the stop (it is sticky: every later cut would stop at once),
-      // then show the mask on screen again. redo re-delivers it when there is
+      // Show the mask on screen again. redo re-delivers it when there is
       // nothing to redo; with redo steps (the user had undone some) undo
       // first, so that redo comes back to it. With nothing on screen the
       // preview already holds the photo and there is nothing to show.
-      VELDSEMarker::resetMarkers();
       if (maskOnScreen) {
         if (canRedo()) undo(s.preview.data(), s.mask.data());
         s.freshPreview();
@@ -449,6 +455,22 @@ int main() {
   check(status == -1, "exit", "the cut returns -1: the context was torn down");
   status = undo(s.preview.data(), s.mask.data());
   check(status == SEGCORE_FAILED, "exit", "nothing is left to undo");
+
+  // The next photo. processSegment left the exit armed (so that the bridge
+  // could tell); exitSegmentation with no cancel pending disarms it. Without
+  // that, a plain cancel of the first cut on the new photo would tear the new
+  // context down as well.
+  setSourceImage(kWidth, kHeight, s.photo.data());
+  initSegmentationEngine(0);
+  check(exitSegmentation() == 0, "next photo", "exitSegmentation disarms the exit");
+  s.mask.assign(s.photo.size(), kNotWritten);
+  cancelSegmentation();  // UI thread: the user cancels the first cut
+  status = s.cut(kObjectLoop);
+  VELDSEMarker::resetMarkers();
+  check(status == 0 && s.mask[0] == kNotWritten, "next photo", "the first cut stopped, returning 0");
+  status = s.cut(kObjectLoop);
+  check(status == 0 && overlap(s.mask, inDisc).covered > 0.97, "next photo", "the context lives on: the cut again works");
+  deinitSegmentation();
 
   if (g_failures == 0) std::printf("bridge example: every check passed\n");
   return g_failures == 0 ? 0 : 1;
