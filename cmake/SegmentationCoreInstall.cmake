@@ -68,7 +68,8 @@ if(SEGCORE_TESTS AND NOT ANDROID AND NOT SEGCORE_SANITIZE)
   set(_segcore_check_args
     -DBUILD_DIR=${PROJECT_BINARY_DIR}
     -DWORK_DIR=${PROJECT_BINARY_DIR}/installed-package-check
-    -DEXAMPLE_DIR=${PROJECT_SOURCE_DIR}/examples/bridge)
+    -DEXAMPLE_DIR=${PROJECT_SOURCE_DIR}/examples/bridge
+    -DGUIDE=${PROJECT_SOURCE_DIR}/docs/bridge.md)
   if(CMAKE_CROSSCOMPILING)
     string(REPLACE ";" "|" _segcore_emulator "${CMAKE_CROSSCOMPILING_EMULATOR}")
     list(APPEND _segcore_check_args -DTOOLCHAIN_FILE=${CMAKE_TOOLCHAIN_FILE}

@@ -1,11 +1,12 @@
-# Installs a built SegmentationCore into a scratch folder, builds the example
+# Checks that the bridge guide's code quotes are the example's own, then
+# installs a built SegmentationCore into a scratch folder, builds the example
 # bridge against the installed package - as another project would, knowing
 # nothing of this source tree - and runs it. Natively the example is built
 # twice, through the CMake package and through pkg-config; in a cross build
 # once, with the same toolchain, and run under the build's emulator.
 #
 #   cmake -DBUILD_DIR=<library build> -DWORK_DIR=<scratch> -DEXAMPLE_DIR=<examples/bridge>
-#         [-DTOOLCHAIN_FILE=<file> -DTOOLCHAIN_ARGS=<a|b|...> -DEMULATOR=<a|b|...>]
+#         [-DGUIDE=<docs/bridge.md>] [-DTOOLCHAIN_FILE=<file> -DTOOLCHAIN_ARGS=<a|b|...> -DEMULATOR=<a|b|...>]
 #         [-DCXX=<compiler>] -P check_installed.cmake
 #
 # Lists are passed with '|' between items (ctest would split them at ';').
@@ -24,6 +25,34 @@ function(run what)
     message(FATAL_ERROR "check_installed: ${what} failed (${status})")
   endif()
 endfunction()
+
+# 0. The bridge guide quotes the example: every ```cpp block of it must be
+# found in the example word for word.
+if(GUIDE)
+  file(READ "${GUIDE}" rest)
+  file(READ "${EXAMPLE_DIR}/bridge_example.cpp" example)
+  set(quotes 0)
+  foreach(attempt RANGE 100)
+    string(FIND "${rest}" "```cpp\n" start)
+    if(start EQUAL -1)
+      break()
+    endif()
+    math(EXPR start "${start} + 7")
+    string(SUBSTRING "${rest}" ${start} -1 rest)
+    string(FIND "${rest}" "```" end)
+    string(SUBSTRING "${rest}" 0 ${end} quote)
+    string(FIND "${example}" "${quote}" at)
+    if(at EQUAL -1)
+      message(FATAL_ERROR "check_installed: the guide quotes code the example does not have:\n${quote}")
+    endif()
+    math(EXPR quotes "${quotes} + 1")
+    string(SUBSTRING "${rest}" ${end} -1 rest)
+  endforeach()
+  if(quotes EQUAL 0)
+    message(FATAL_ERROR "check_installed: no quotes of the example found in ${GUIDE}")
+  endif()
+  message(STATUS "the guide's ${quotes} quotes of the example match it")
+endif()
 
 file(REMOVE_RECURSE "${WORK_DIR}")
 file(MAKE_DIRECTORY "${WORK_DIR}")
