@@ -1,7 +1,8 @@
 #!/bin/sh
 # Cross-builds the library and its tests for 32-bit ARM (Debian armhf: 4-byte
-# pointers and long, unsigned char, like the armeabi-v7a phones) and runs the
-# tests under qemu-arm user-mode emulation.
+# pointers and long, unsigned char, like the armeabi-v7a phones), installs the
+# library into the sysroot and runs the tests under qemu-arm user-mode
+# emulation.
 #
 # Usage: scripts/armhf.sh [build-dir]          (default: build-armhf)
 # Environment:
@@ -119,4 +120,10 @@ cmake --build "$BUILD" -j"$JOBS"
 $TRIPLET-readelf -h "$BUILD/libSegmentationCore.camera.tavrin.so" | grep -q 'Class:.*ELF32' &&
   $TRIPLET-readelf -h "$BUILD/libSegmentationCore.camera.tavrin.so" | grep -q 'Machine:.*ARM' ||
   { echo "armhf: the library was not built for 32-bit ARM" >&2; exit 1; }
+# The installed form, as on the host, into the sysroot's /usr/local: a bridge
+# cross-built against this sysroot finds it by find_package(SegmentationCore)
+# or pkg-config. (InstalledPackage.BridgeExample checks the same install,
+# staged in the build, by building the example bridge and running it.)
+DESTDIR="$SYSROOT" cmake --install "$BUILD" >/dev/null
+log "installed into $SYSROOT/usr/local"
 SEGCORE_EMULATED=1 ctest --test-dir "$BUILD" --output-on-failure -j"$JOBS"

@@ -1,5 +1,6 @@
 #!/bin/sh
-# Installs the build and test dependencies on Debian 12 (needs root), plus any
+# Installs the build and test dependencies on Debian 12 (needs root; pkgconf
+# checks the installed package's pkg-config file), plus any
 # packages named as arguments (the reliability scripts add theirs), and the
 # npm packages of the playground's browser test (puppeteer-core, npm ci).
 # Idempotent: returns at once when everything is already installed.
@@ -8,7 +9,7 @@ set -eu
 cd "$(dirname "$0")/.."
 PACKAGES="cmake g++ make libopencv-core-dev libopencv-imgproc-dev libopencv-imgcodecs-dev \
 libgtest-dev libgmock-dev libbenchmark-dev android-liblog-dev android-liblog \
-libcpp-httplib-dev nlohmann-json3-dev chromium $*"
+libcpp-httplib-dev nlohmann-json3-dev chromium pkgconf $*"
 # Node and npm from Debian, unless a Node installation is there already (a
 # packaged Node that bundles npm conflicts with Debian's npm package).
 command -v node >/dev/null 2>&1 || PACKAGES="$PACKAGES nodejs"
