@@ -50,6 +50,9 @@ class VELDSEHybrid {
   // --- Per-photo initialisation ------------------------------------------
   // Working image (area about 320 x 240), grey-scale test, texture images of
   // grey photos, neighbour weights. Reads VELDSEMarker::m_originalImage.
+  // A reduced side is truncated but kept at 1 pixel or more (a photo of
+  // 100000 x 1 works on 87635 x 1); only a photo side of 0 gives a working
+  // side of 0, logged as "MEMORY_CRASH : intializer 103".
   void intializer();
   bool greyScaleTest(IplImage* image);
   void computeTexture();
