@@ -34,6 +34,17 @@ class PhotoImagesOnFailure {
   bool done_ = false;
 };
 
+// A side of the photo reduced by s, truncated - but never below one pixel
+// while the photo has one. The reduction keeps the area near 320 x 240, so a
+// photo much longer than wide (a few pixels by a hundred thousand) would
+// otherwise get a working side of 0 and no working image at all; with one
+// row (or column) it is segmented like any other photo, the short side
+// simply not reduced any further. An empty side stays empty.
+int workingSide(int originalSide, float s) {
+  const int side = static_cast<int>(static_cast<float>(originalSide) / s);
+  return side < 1 && originalSide >= 1 ? 1 : side;
+}
+
 }  // namespace
 
 void VELDSEHybrid::intializer() {
@@ -64,8 +75,8 @@ void VELDSEHybrid::intializer() {
         createImage(cvSize(originalWidth, originalHeight), IPL_DEPTH_8U, 3);
     cvCopy(VELDSEMarker::m_originalImage, VELDSEMarker::m_srcImage, nullptr);
   } else {
-    VELDSEMarker::m_height = static_cast<int>(static_cast<float>(originalHeight) / s);
-    VELDSEMarker::m_width = static_cast<int>(static_cast<float>(originalWidth) / s);
+    VELDSEMarker::m_height = workingSide(originalHeight, s);
+    VELDSEMarker::m_width = workingSide(originalWidth, s);
     if (VELDSEMarker::m_width < 1 || VELDSEMarker::m_height < 1) logMemoryCrash("intializer", 103);
     VELDSEMarker::m_srcImage = createImage(
         cvSize(VELDSEMarker::m_width, VELDSEMarker::m_height), IPL_DEPTH_8U, 3);

@@ -7,12 +7,14 @@
 // follows a colour contrast, and then either the tightest blob that still
 // spans the box or, when none spans, a weight chosen from how much the blob
 // areas differ between the trials.
+#include <algorithm>
 #include <cmath>
+#include <vector>
 
-#include <opencv2/core.hpp>
-#include <opencv2/imgproc.hpp>
+#include <opencv2/core/core_c.h>
 
 #include "engine/engine_util.h"
+#include "engine/mask_components.h"
 #include "engine/veldse_hybrid.h"
 #include "interface/veldse_marker.h"
 #include "support/owned.h"
@@ -74,16 +76,16 @@ int VELDSEHybrid::optimalLamda(IplImage** labels, float* /*unused*/) {
       }
     }
 
-    // Number the 4-connected object blobs 2, 3, ... (ids above 255 saturate).
-    cv::Mat view = cv::cvarrToMat(blobs);
+    // Number the 4-connected object blobs 2, 3, ... in the order a row-major
+    // scan meets them; the ids are kept in the bytes of the blob image, so
+    // from 255 on they saturate and the later blobs share 255.
     int next = 2;
-    for (int y = 0; y < height; ++y) {
-      for (int x = 0; x < width; ++x) {
-        if (imageRow(blobs, y)[x] != 1) continue;
-        cv::floodFill(view, cv::Point(x, y), cv::Scalar(next), nullptr, cv::Scalar(), cv::Scalar(),
-                      4);
-        ++next;
-      }
+    {
+      const MaskComponents found(blobs, 1);
+      std::vector<unsigned char> ids(static_cast<size_t>(found.count()));
+      for (int c = 0; c < found.count(); ++c) ids[c] = static_cast<unsigned char>(std::min(c + 2, 255));
+      found.paintEach(blobs, ids);
+      next += found.count();
     }
 
     // One count per blob id: nothing to fall back on without it.

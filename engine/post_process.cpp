@@ -8,9 +8,8 @@
 #include <algorithm>
 #include <vector>
 
-#include <opencv2/imgproc/imgproc_c.h>
-
 #include "engine/engine_util.h"
+#include "engine/mask_components.h"
 #include "engine/veldse_hybrid.h"
 #include "interface/veldse_marker.h"
 #include "support/owned.h"
@@ -24,83 +23,6 @@ const int kHoleLimit = 5;
 // Stroke-connected change markers.
 const unsigned char kChanged = 127;
 const unsigned char kReached = 255;
-
-// The 4-connected components of the pixels equal to `value`, found in one
-// pass over the rows: each row's runs of `value` are joined (union-find) with
-// the runs of the row above that share a column with them. A component is the
-// same pixel set a 4-connected flood fill from any of its pixels reaches, at
-// the cost of the runs rather than of one flood (and its bookkeeping) per
-// component.
-class RunComponents {
- public:
-  RunComponents(const IplImage* mask, unsigned char value) {
-    int previousBegin = 0, previousEnd = 0;
-    for (int y = 0; y < mask->height; ++y) {
-      const unsigned char* row = imageRow(mask, y);
-      const int begin = static_cast<int>(runs_.size());
-      int above = previousBegin;
-      for (int x = 0; x < mask->width;) {
-        if (row[x] != value) {
-          ++x;
-          continue;
-        }
-        const int x0 = x;
-        while (x < mask->width && row[x] == value) ++x;
-        const int id = static_cast<int>(runs_.size());
-        runs_.push_back({y, x0, x, id, x - x0});
-        // Runs above that end before this one starts cannot touch it or any
-        // later run of this row.
-        while (above < previousEnd && runs_[above].x1 <= x0) ++above;
-        for (int a = above; a < previousEnd && runs_[a].x0 < x; ++a) join(a, id);
-      }
-      previousBegin = begin;
-      previousEnd = static_cast<int>(runs_.size());
-    }
-  }
-
-  // Pixel count of the component of run r.
-  int size(int r) { return runs_[find(r)].size; }
-  int largest() {
-    int best = 0;
-    for (int r = 0; r < static_cast<int>(runs_.size()); ++r) {
-      if (runs_[r].parent == r) best = std::max(best, runs_[r].size);
-    }
-    return best;
-  }
-  // Paints every component smaller than `limit` pixels with `value`.
-  void paintSmaller(IplImage* mask, int limit, unsigned char value) {
-    for (int r = 0; r < static_cast<int>(runs_.size()); ++r) {
-      if (size(r) >= limit) continue;
-      unsigned char* row = imageRow(mask, runs_[r].y);
-      std::fill(row + runs_[r].x0, row + runs_[r].x1, value);
-    }
-  }
-
- private:
-  struct Run {
-    int y, x0, x1;
-    int parent;
-    int size;  // pixels of the component, valid at its root
-  };
-
-  int find(int r) {
-    while (runs_[r].parent != r) {
-      runs_[r].parent = runs_[runs_[r].parent].parent;
-      r = runs_[r].parent;
-    }
-    return r;
-  }
-  void join(int a, int b) {
-    a = find(a);
-    b = find(b);
-    if (a == b) return;
-    if (a > b) std::swap(a, b);
-    runs_[b].parent = a;
-    runs_[a].size += runs_[b].size;
-  }
-
-  std::vector<Run> runs_;
-};
 
 }  // namespace
 
@@ -146,13 +68,13 @@ void VELDSEHybrid::postProcessForLoop(IplImage* mask) {
   // Islands: object components smaller than a tenth of the largest one go.
   // Removing one island never joins or splits another.
   {
-    RunComponents objects(mask, kObject);
+    const MaskComponents objects(mask, kObject);
     const int threshold = static_cast<int>(static_cast<double>(objects.largest()) * 0.1);
     objects.paintSmaller(mask, threshold, kBackground);
   }
   // Holes: background components of 1 to 4 pixels are filled, wherever they
   // lie, the image border included (found on the mask without its islands).
-  RunComponents holes(mask, kBackground);
+  const MaskComponents holes(mask, kBackground);
   holes.paintSmaller(mask, kHoleLimit, kObject);
 }
 
@@ -177,16 +99,18 @@ void VELDSEHybrid::postProcessForStroke(IplImage* mask) {
     for (int x = 0; x < mask->width; ++x) c[x] = (m[x] == v && p[x] == u) ? kChanged : 0;
   }
 
-  // Keep the changed areas the stroke passes through.
-  const int count = static_cast<int>(points.size());
-  for (int i = 0; i + 1 < count; i += 2) {
-    const int x = points.at(i);
-    const int y = points.at(i + 1);
-    // Stroke points are clamped to the photo on input; a stray one is skipped.
-    if (x < 0 || y < 0 || x >= changed->width || y >= changed->height) continue;
-    if (imageRow(changed, y)[x] != kChanged) continue;
-    cvFloodFill(changed, cvPoint(x, y), cvScalar(kReached, 0, 0, 0), cvScalarAll(0), cvScalarAll(0),
-                nullptr, 4, nullptr);
+  // Keep the changed areas the stroke passes through: every 4-connected
+  // component of changed pixels that holds a stroke point. (Stroke points are
+  // clamped to the photo on input; a stray one touches nothing.)
+  {
+    const MaskComponents areas(changed, kChanged);
+    std::vector<bool> touched(static_cast<size_t>(areas.count()), false);
+    const int count = static_cast<int>(points.size());
+    for (int i = 0; i + 1 < count; i += 2) {
+      const int c = areas.componentAt(points.at(i), points.at(i + 1));
+      if (c >= 0) touched[c] = true;
+    }
+    areas.paint(changed, touched, kReached);
   }
 
   // Everything else reverts to the previous result.

@@ -50,6 +50,9 @@ class VELDSEHybrid {
   // --- Per-photo initialisation ------------------------------------------
   // Working image (area about 320 x 240), grey-scale test, texture images of
   // grey photos, neighbour weights. Reads VELDSEMarker::m_originalImage.
+  // A reduced side is truncated but kept at 1 pixel or more (a photo of
+  // 100000 x 1 works on 87635 x 1); only a photo side of 0 gives a working
+  // side of 0, logged as "MEMORY_CRASH : intializer 103".
   void intializer();
   bool greyScaleTest(IplImage* image);
   void computeTexture();
@@ -98,6 +101,16 @@ class VELDSEHybrid {
   IplImage* cropImageTrimap(IplImage* src, int w, int h, int y0, int x0);
   int constructGraphTrimapVELD(IplImage* img, IplImage* extraTex, IplImage* trimap,
                                IplImage* texHor, IplImage* texVer);
+  // Clean-up of the full-size 0/255 mask, in place, by the stroke type of
+  // VELDSEMarker::currentStroke, then the merge with m_prevResult inside the
+  // working region. All connectivity is 4-connected components of the whole
+  // mask (engine/mask_components.h), exact at any width.
+  //   postProcessForLoop: object components under a tenth of the largest one
+  //     become background, then background components of 1 to 4 pixels
+  //     become object. O(pixels) plus O(runs) memory.
+  //   postProcessForStroke (needs m_prevResult): only the changed pixels
+  //     (mask against m_prevResult in the stroke's direction) 4-connected to
+  //     a stroke point stay changed. One photo-sized byte image plus O(runs).
   void postProcess(IplImage* mask);
   void postProcessForLoop(IplImage* mask);
   void postProcessForStroke(IplImage* mask);

@@ -175,7 +175,11 @@ float solvePiece(VELDSEGraph* g, const graphcore::BandTopology& shared, const in
     const float r = base[i].trCap;
     t.next[i] = {-1, -1};
     t.terminals[i] = r;
-    if (r != 0.0f) {
+    // The grid solver's three-way rule, literally: a NaN terminal capacity
+    // (a colour that neither model can have produced gives +inf - +inf) is
+    // neither above nor below zero, so that node starts free, as it does in
+    // the grid. "Not zero, then which sign" would put it in the sink tree.
+    if (r > 0.0f || r < 0.0f) {
       t.slots[i] = t.ups[i] = VELDSEGraph::TERMINAL;
       t.trees[i] = static_cast<unsigned char>(r > 0.0f ? VELDSEGraph::SOURCE_TREE : VELDSEGraph::SINK_TREE);
       t.pushActive(view, i);

@@ -54,8 +54,10 @@ void setBandNeighbours(VELDSEGraph* g, int i, int left, int upLeft, int up, int 
 // upper-left, up, upper-right, right, lower-right, down, lower-left), or -1.
 int bandNeighbour(const VELDSEGraph* g, int i, int k);
 
-// maxFlow() of a band graph: tree initialisation in node order, then the
-// serial two-tree solver with the same cancel and time-limit checks. A large
+// maxFlow() of a band graph: tree initialisation in node order (terminal
+// capacity above zero: source tree, below zero: sink tree, otherwise - zero
+// or NaN - free, exactly as maxflowInit does for a grid), then the serial
+// two-tree solver with the same cancel and time-limit checks. A large
 // band made of several separate pieces (an object and the holes in it, say)
 // has its pieces solved side by side on up to four threads: no augmenting
 // path, growth or adoption ever crosses from one piece to another, and each

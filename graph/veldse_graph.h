@@ -105,7 +105,9 @@
 //       and 0 is returned; m_flow still receives the flow.
 //   maxflowInit(), maxFlowSerialCall()
 //       The two halves of the serial maxFlow(): tree initialisation over all
-//       added nodes (terminal-linked nodes queued in index order), and the
+//       added nodes (trCap above zero: source tree, below zero: sink tree,
+//       otherwise - zero or NaN - free; terminal-linked nodes queued in index
+//       order), and the
 //       main loop over whatever the active queue holds.
 //   InitBlock()
 //       maxflowInit() restricted to a block view's rectangle; also clears the

@@ -59,6 +59,28 @@ TEST_F(EngineInit, WorkingSizeAndBilinearReduction) {
   EXPECT_EQ(cv::Size(VELDSEMarker::m_width, VELDSEMarker::m_height), cv::Size(100, 50));
 }
 
+// Photos so long and thin that the reduction to about 320 x 240 pixels of
+// area takes their short side below one pixel keep one row (or column); the
+// long side is reduced as usual. No size problem is logged.
+TEST_F(EngineInit, ThinPhotosKeepAWorkingSideOfOnePixel) {
+  const struct { int w, h; float factor; int workW, workH; } cases[] = {
+      {100000, 1, 1.14108872f, 87635, 1}, {1, 100000, 1.14108872f, 1, 87635}, {3, 400001, 3.95285201f, 1, 101193},
+      {2, 179065, 2.15943313f, 1, 82922}, {195765, 2, 2.25788546f, 86702, 1}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::to_string(c.w) + "x" + std::to_string(c.h));
+    setPhoto(c.w, c.h);
+    const testsupport::Lines log = testsupport::logged([] { ASSERT_EQ(initSegmentationEngine(0), 0); });
+    EXPECT_EQ(log, testsupport::Lines());
+    EXPECT_EQ(g_imageResizeFactor, c.factor);
+    EXPECT_EQ(cv::Size(VELDSEMarker::m_width, VELDSEMarker::m_height), cv::Size(c.workW, c.workH));
+    EXPECT_EQ(cv::Size(pHybrid->m_imgWidth, pHybrid->m_imgHeight), cv::Size(c.workW, c.workH));
+    cv::Mat expected;
+    cv::resize(M(VELDSEMarker::m_originalImage), expected, cv::Size(c.workW, c.workH), 0, 0, cv::INTER_LINEAR);
+    EXPECT_EQ(cv::norm(M(VELDSEMarker::m_srcImage), expected, cv::NORM_INF), 0.0);
+    deinitSegmentation();
+  }
+}
+
 TEST_F(EngineInit, GreyDecisionAtItsThreshold) {
   // 10 x 10 pixels of (50, 50, 50) except pixel 0: the image is colour once
   // |c0 - c1| + |c0 - c2| summed over all pixels reaches 100.

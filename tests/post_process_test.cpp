@@ -1,10 +1,12 @@
 // Mask clean-up after a cut: islands and holes for loop selections (against
-// one flood fill per component), stroke connectivity for strokes, and the
+// one flood fill per component), stroke connectivity for strokes (also on
+// masks wider or taller than 65,535 pixels, against a plain flood), and the
 // merge with the previous result.
 #include <sstream>
 
 #include "engine/veldse_hybrid.h"
 #include "interface/veldse_marker.h"
+#include "tests/flood_reference.h"
 #include "tests/test_support.h"
 
 namespace {
@@ -106,6 +108,94 @@ TEST_F(PostProcessTest, StrokeKeepsOnlyChangesConnectedToIt) {
     hybrid_.postProcessForStroke(mask);
     expectSameAndRelease(mask, maskFromRows(tc.expected));
     cvReleaseImage(&VELDSEMarker::m_prevResult);
+  }
+}
+
+// Masks with a side above 65,535 pixels, where OpenCV's flood fill keeps
+// wrapped 16-bit positions: the loop clean-up and the stroke step against a
+// plain flood fill per component (tests/flood_reference.h).
+TEST_F(PostProcessTest, MasksWiderThan65535FollowTrueComponents) {
+  std::mt19937 rng(70000);
+  auto uni = [&rng](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
+  const cv::Size shapes[] = {{70000, 3}, {131075, 2}, {100000, 1}, {2, 70000}};
+  for (const cv::Size& s : shapes) {
+    SCOPED_TRACE(testing::Message() << s.width << "x" << s.height);
+    // Long object stretches broken by gaps and specks: components of every
+    // size, many of them reaching past 65,535, pin-holes and islands.
+    auto randomMask = [&]() {
+      cv::Mat m(s.height, s.width, CV_8UC1, cv::Scalar(0));
+      const bool wide = s.width >= s.height;
+      const int length = wide ? s.width : s.height;
+      for (int x = 0; x < length;) {
+        const int run = uni(1, 30000);
+        const int across = wide ? s.height : s.width;
+        const cv::Rect r = wide ? cv::Rect(x, 0, std::min(run, length - x), across)
+                                : cv::Rect(0, x, across, std::min(run, length - x));
+        if (uni(0, 2) > 0) m(r).setTo(255);
+        x += run;
+      }
+      for (int p = uni(0, 2000); p > 0; --p) m.at<unsigned char>(uni(0, s.height - 1), uni(0, s.width - 1)) ^= 255;
+      return m;
+    };
+
+    // Loop: islands under a tenth of the largest go, then holes of 1 to 4
+    // pixels are filled.
+    {
+      const cv::Mat m = randomMask();
+      cv::Mat expected = m.clone();
+      const flood_reference::Labels objects = flood_reference::flood(expected, 255);
+      const int largest = objects.size.empty() ? 0 : *std::max_element(objects.size.begin(), objects.size.end());
+      const int threshold = static_cast<int>(largest * 0.1);
+      for (size_t p = 0; p < objects.label.size(); ++p)
+        if (objects.label[p] >= 0 && objects.size[objects.label[p]] < threshold) expected.data[p] = 0;
+      const flood_reference::Labels holes = flood_reference::flood(expected, 0);
+      for (size_t p = 0; p < holes.label.size(); ++p)
+        if (holes.label[p] >= 0 && holes.size[holes.label[p]] < 5) expected.data[p] = 255;
+      IplImage* mask = cvCreateImage(cvSize(s.width, s.height), IPL_DEPTH_8U, 1);
+      m.copyTo(M(mask));
+      hybrid_.postProcessForLoop(mask);
+      IplImage copy = cvIplImage(expected);
+      SCOPED_TRACE("loop");
+      expectSameAndRelease(mask, cvCloneImage(&copy));
+    }
+
+    // Strokes of both kinds: only the changed components holding a point.
+    for (int type : {2, 3}) {
+      SCOPED_TRACE(type);
+      const cv::Mat prev = randomMask(), next = randomMask();
+      const unsigned char v = type == 3 ? 0 : 255, u = 255 - v;
+      cv::Mat changed = (next == v) & (prev == u);
+      const flood_reference::Labels areas = flood_reference::flood(changed, 255);
+      std::vector<bool> touched(areas.size.size(), false);
+      std::vector<int> points;
+      for (int k = uni(1, 12); k > 0; --k) {
+        const int x = uni(0, s.width - 1), y = uni(0, s.height - 1);
+        points.insert(points.end(), {x, y});
+        const int c = areas.label[static_cast<size_t>(y) * s.width + x];
+        if (c >= 0) touched[c] = true;
+      }
+      // And one point on a change past position 65,535, where a wrapped
+      // flood would go wrong.
+      for (size_t p = 65536 * static_cast<size_t>(s.width >= s.height ? 1 : s.width); p < areas.label.size(); ++p) {
+        if (areas.label[p] < 0 || p % s.width < (s.width >= s.height ? 65536u : 0u)) continue;
+        points.insert(points.end(), {static_cast<int>(p % s.width), static_cast<int>(p / s.width)});
+        touched[areas.label[p]] = true;
+        break;
+      }
+      ASSERT_TRUE(std::find(touched.begin(), touched.end(), true) != touched.end());
+      cv::Mat expected = prev.clone();
+      for (size_t p = 0; p < areas.label.size(); ++p)
+        if (areas.label[p] >= 0 && touched[areas.label[p]]) expected.data[p] = v;
+      VELDSEMarker::currentStroke = {points, type};
+      VELDSEMarker::m_prevResult = cvCreateImage(cvSize(s.width, s.height), IPL_DEPTH_8U, 1);
+      prev.copyTo(M(VELDSEMarker::m_prevResult));
+      IplImage* mask = cvCreateImage(cvSize(s.width, s.height), IPL_DEPTH_8U, 1);
+      next.copyTo(M(mask));
+      hybrid_.postProcessForStroke(mask);
+      IplImage copy = cvIplImage(expected);
+      expectSameAndRelease(mask, cvCloneImage(&copy));
+      cvReleaseImage(&VELDSEMarker::m_prevResult);
+    }
   }
 }
 

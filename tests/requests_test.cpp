@@ -127,6 +127,91 @@ TEST_F(Requests, RectanglePointListAndMarkerBlock) {
     }
 }
 
+// Photos so thin that the reduction would leave no working row or column
+// (working image of one pixel across, see EngineInit): a rectangle, an object
+// stroke, the outline and an undo all complete. The marks run along the long
+// side over a warm object segment in the middle of cool noisy background.
+TEST_F(Requests, ThinPhotosGetAResult) {
+  const cv::Size shapes[] = {{1, 100000}, {100000, 1}, {3, 400001}, {2, 179065}, {195765, 2}};
+  for (const cv::Size& shape : shapes) {
+    SCOPED_TRACE(::testing::Message() << shape.width << "x" << shape.height);
+    const int w = shape.width, h = shape.height;
+    const bool wide = w > h;
+    const int length = wide ? w : h, across = wide ? h : w;
+    auto index = [&](int along, int side) { return wide ? static_cast<size_t>(side) * w + along : static_cast<size_t>(along) * w + side; };
+    std::mt19937 rng(static_cast<unsigned>(length));
+    Pixels photo(static_cast<size_t>(w) * h);
+    for (int a = 0; a < length; ++a)
+      for (int c = 0; c < across; ++c) {
+        const bool object = a >= length * 2 / 5 && a < length * 3 / 5;
+        const unsigned n = rng() % 24;
+        photo[index(a, c)] = 0xFF000000u | (object ? (195 + n) << 16 | (60 + n) << 8 | (40 + n)
+                                                   : (40 + n) << 16 | (120 + n) << 8 | (70 + n + (a / 997) % 30));
+      }
+    auto point = [&](int along, int side) { return wide ? std::vector<int>{along, side} : std::vector<int>{side, along}; };
+    auto expectMask = [&](const Bytes& mask) {
+      size_t other = 0;
+      for (unsigned char m : mask) other += m != 0 && m != 255;
+      EXPECT_EQ(other, 0u);
+    };
+    auto expectOutline = [&]() {
+      int* array = nullptr;
+      int count = 0;
+      ASSERT_EQ(fetch_path_array(&array, &count), 0);
+      ASSERT_TRUE(array != nullptr && count >= 1);
+      int k = 1, points = 0;
+      for (int c = 0; c < array[0]; ++c) {
+        ASSERT_LT(k, count);
+        const int m = array[k++];
+        for (int i = 0; i < m; ++i, k += 2) {
+          ASSERT_LT(k + 1, count);
+          EXPECT_TRUE(array[k] >= 0 && array[k] < w && array[k + 1] >= 0 && array[k + 1] < h);
+        }
+        points += m;
+        ASSERT_LT(k, count);
+        EXPECT_EQ(array[k++], -1);
+      }
+      EXPECT_EQ(count, 2 * (array[0] + points) + 1);
+      delete[] array;
+    };
+
+    const testsupport::Lines log = testsupport::logged([&] {
+      // Rectangle round the object segment, the full short side.
+      const int a0 = length * 2 / 5 - length / 20, a1 = length * 3 / 5 + length / 20;
+      const std::vector<int> p0 = point(a0, 0), p1 = point(a1, across - 1);
+      Bytes mask(photo.size(), 77);
+      Pixels pixels = photo;
+      ASSERT_EQ(doSegmentationBB(w, h, pixels.data(), p0[0], p0[1], p1[0], p1[1], mask.data()), 0);
+      expectMask(mask);
+      for (int a = 0; a < length; ++a)
+        for (int c = 0; c < across; ++c)
+          if (a < a0 || a > a1) {
+            ASSERT_EQ(mask[index(a, c)], 255) << "object outside the rectangle at " << a;
+          }
+      expectOutline();
+
+      // An object stroke along the object: it can only add.
+      const Bytes before = mask;
+      std::vector<int> stroke = point(length / 2 - length / 50, across / 2);
+      const std::vector<int> end = point(length / 2 + length / 50, across / 2);
+      stroke.insert(stroke.end(), end.begin(), end.end());
+      std::vector<int> markers(photo.size(), 0);
+      for (int a = length / 2 - length / 50; a <= length / 2 + length / 50; ++a) markers[index(a, across / 2)] = LABEL_FG;
+      setCurrentMarkerVector(4, stroke.data());
+      setMarkerImage(w, h, markers.data(), 2);
+      Pixels blended = photo;
+      ASSERT_EQ(processSegment(0, 0, 0, blended.data(), mask.data()), 0);
+      expectMask(mask);
+      for (size_t i = 0; i < mask.size(); ++i) ASSERT_FALSE(before[i] == 0 && mask[i] != 0) << "removed at " << i;
+      expectOutline();
+      EXPECT_EQ(undo(blended.data(), mask.data()), 0);
+      EXPECT_EQ(mask, before);
+    });
+    for (const std::string& line : log) EXPECT_EQ(line.find("MEMORY_CRASH"), std::string::npos) << line;
+    deinitSegmentation();
+  }
+}
+
 // Context with a photo and a history but no engine: enough for edits.
 class Edits : public Requests {
  protected:

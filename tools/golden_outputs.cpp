@@ -27,6 +27,7 @@
 #include <map>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "interface/segmentation_core.h"
@@ -72,7 +73,21 @@ std::string hex(uint64_t v) {
   return s;
 }
 
+// Odd shapes (panoramas, slivers): with a size, the photo is resized to
+// exactly that size by nearest neighbour instead of being scaled, and the
+// script's coordinates are those of the resized photo. Then, in this order:
+// the photo made grey, the strips filled with their colours (BGR).
+struct Reshape {
+  cv::Size size;
+  bool grey = false;
+  std::vector<std::pair<cv::Rect, cv::Scalar>> strips;
+};
+
 struct Case {
+  Case(std::string name_, std::string photo_, double megapixels_, double scale_, std::vector<std::string> script_,
+       Reshape reshape_ = {})
+      : name(std::move(name_)), photo(std::move(photo_)), megapixels(megapixels_), scale(scale_),
+        script(std::move(script_)), reshape(std::move(reshape_)) {}
   std::string name;
   std::string photo;        // path
   double megapixels = 0.0;  // > 0: photo scaled (cubic) to about this size
@@ -81,6 +96,7 @@ struct Case {
   //   cut-object X Y ... / cut-background X Y ...  a stroke edit (cutOutImage)
   // Coordinates are those of the unscaled photo and are scaled with it.
   std::vector<std::string> script;
+  Reshape reshape;
 };
 
 class Recorder {
@@ -148,6 +164,18 @@ cv::Mat loadPhoto(const Case& c, double* scale) {
   cv::Mat src = segtools::readPhoto(c.photo);
   *scale = 1.0;
   if (src.empty()) return src;
+  const Reshape& r = c.reshape;
+  if (!r.size.empty()) {
+    cv::Mat out;
+    cv::resize(src, out, r.size, 0, 0, cv::INTER_NEAREST);
+    if (r.grey) {
+      cv::Mat grey;
+      cv::cvtColor(out, grey, cv::COLOR_BGR2GRAY);
+      cv::cvtColor(grey, out, cv::COLOR_GRAY2BGR);
+    }
+    for (const auto& strip : r.strips) out(strip.first & cv::Rect(0, 0, out.cols, out.rows)).setTo(strip.second);
+    return out;
+  }
   double s = c.scale;
   if (c.megapixels > 0.0) s = std::sqrt(c.megapixels * 1e6 / (static_cast<double>(src.cols) * src.rows));
   if (s <= 0.0 || s == 1.0) return src;
@@ -257,7 +285,7 @@ bool runCase(const Case& c, std::vector<std::string>* out, std::string* error) {
 
 std::vector<Case> smallCorpus(const std::string& root) {
   const std::string s = root + "/samples/";
-  return {
+  std::vector<Case> v = {
       {"coffee-rect", s + "coffee.png", 0, 0, {"rect 65 50 485 392", "undo", "redo"}},
       {"coffee-loop-session",
        s + "coffee.png",
@@ -274,6 +302,30 @@ std::vector<Case> smallCorpus(const std::string& root) {
       {"astronaut-rect", s + "astronaut.png", 0, 0, {"rect 100 20 420 511"}},
       {"rocket-rect", s + "rocket.jpg", 0, 0, {"rect 150 20 330 420"}},
   };
+  // Odd photos. A grey photo with a green border and thin green and magenta
+  // lines: colours neither model has seen, so their band pixels get +inf on
+  // both terminal links (a NaN capacity, which starts free). A panorama wider
+  // than 65,535 pixels, with strokes and an edit on both sides of column
+  // 65,536. A sliver one pixel wide, whose working image keeps one column.
+  Reshape nan;
+  nan.size = cv::Size(900, 600);
+  nan.grey = true;
+  nan.strips = {{cv::Rect(0, 0, 20, 600), cv::Scalar(0, 255, 0)},
+                {cv::Rect(0, 326, 900, 1), cv::Scalar(255, 0, 255)},
+                {cv::Rect(306, 0, 1, 600), cv::Scalar(0, 255, 0)},
+                {cv::Rect(781, 0, 2, 600), cv::Scalar(0, 255, 0)}};
+  v.push_back(Case("chelsea-nan-band", s + "chelsea.png", 0, 0, {"rect 86 89 674 581"}, nan));
+  Reshape panorama;
+  panorama.size = cv::Size(70000, 4);
+  v.push_back(Case("coffee-panorama-70000", s + "coffee.png", 0, 0,
+                   {"rect 52000 0 68000 3", "object 66500 1 67500 2", "background 67000 1 67200 2", "undo", "redo",
+                    "cut-object 69000 0 69500 3", "reset", "loop 30000 0 67000 0 67000 3 30000 3"},
+                   panorama));
+  Reshape sliver;
+  sliver.size = cv::Size(1, 100000);
+  v.push_back(Case("rocket-sliver-1", s + "rocket.jpg", 0, 0,
+                   {"rect 0 30000 0 70000", "object 0 10000 0 12000", "background 0 50000 0 52000", "undo"}, sliver));
+  return v;
 }
 
 // GrabCut photos: rects.tsv (id, x1, y1, x2, y2) and manifest.tsv (id, photo
