@@ -4,6 +4,7 @@
 #include <cfloat>
 #include <cmath>
 #include <cstdlib>
+#include <ios>
 
 #include "colormodel/kmeans_init.h"
 #include "colormodel/training.h"
@@ -122,14 +123,16 @@ TEST_F(ColorModelTest, DensityRoundsEveryProductAndSumAsWritten) {
       const double asWritten = stepByStepDensity(m, x, false);
       sensitive += stepByStepDensity(m, x, true) != asWritten;
       VELDSEColorModel copy = m;
-      EXPECT_EQ(copy.GMMProb(x), asWritten);
+      const double got = copy.GMMProb(x);
+      EXPECT_EQ(got, asWritten) << std::hexfloat << got << " against " << asWritten;
       // One component alone: the same steps with weight 1 and no sum.
       const int k = i % 5;
       VELDSEColorModel one;
       one.weight[k] = 1.0, one.determinant[k] = m.determinant[k], one.normFactor[k] = m.normFactor[k];
       for (int c = 0; c < 3; ++c) one.mean[k][c] = m.mean[k][c];
       for (int e = 0; e < 9; ++e) one.inverseCovariance[k][e] = m.inverseCovariance[k][e];
-      EXPECT_EQ(copy.gaussianProb(k, x), stepByStepDensity(one, x, false));
+      const double gotOne = copy.gaussianProb(k, x), oneAsWritten = stepByStepDensity(one, x, false);
+      EXPECT_EQ(gotOne, oneAsWritten) << std::hexfloat << gotOne << " against " << oneAsWritten;
     }
   }
   // The samples would notice a fused build: about a third of them change
