@@ -40,7 +40,7 @@
 // A graph of nodeCount band nodes in a width x height box: node records, four
 // capacity pairs per node and the neighbour links (no neighbours yet), one
 // thread. The arrays may be null when memory is short; the caller checks as
-// for a grid. Cost per node: 20 bytes of record (32-bit ARM; 32 on x86_64),
+// for a grid. Cost per node: 20 bytes of record (32-bit ARM; 32 on 64-bit ARM and x86_64),
 // 32 of capacities, 9 of neighbour links, 21 of the solver's own node state.
 VELDSEGraph* createBandGraph(int nodeCount, int width, int height);
 

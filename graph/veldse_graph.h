@@ -2,12 +2,14 @@
 //
 // This is not a general graph. It holds one node per pixel of a width x height
 // box, in row-major order, and stores every edge implicitly by position, so a
-// node costs five 32-bit words (on 32-bit ARM) plus eight capacity floats and
-// nothing else. The solver is a two-search-tree augmenting-path method: a
-// source tree and a sink tree grow from the terminals over non-saturated
-// edges; where they touch the path is augmented; nodes cut off by saturation
-// become orphans and are re-adopted or freed. After maxFlow() returns,
-// getTreeofNode(i) tells on which side of the minimum cut node i lies.
+// node costs a record of five fields (20 bytes on 32-bit ARM; 32 on 64-bit
+// ARM and x86_64, where its two queue pointers take 8 bytes each and 4 bytes
+// pad) and eight capacity floats, and nothing else. The solver is a
+// two-search-tree augmenting-path method: a source tree and a sink tree grow
+// from the terminals over non-saturated edges; where they touch the path is
+// augmented; nodes cut off by saturation become orphans and are re-adopted or
+// freed. After maxFlow() returns, getTreeofNode(i) tells on which side of the
+// minimum cut node i lies.
 //
 // Conventions
 //   * Source side = object, sink side = background. getTreeofNode answers 1
@@ -125,7 +127,8 @@
 #ifndef SEGCORE_GRAPH_VELDSE_GRAPH_H
 #define SEGCORE_GRAPH_VELDSE_GRAPH_H
 
-// One grid node: five 32-bit words on the device.
+// One grid node: five 32-bit words on 32-bit ARM (20 bytes); 32 bytes on the
+// 64-bit targets (8-byte pointers, aligned).
 struct nodes {
   int parent;          // slot from this node to its tree parent, TERMINAL or NONE
   int tree;            // SOURCE_TREE, SINK_TREE or FREE_TREE

@@ -10,7 +10,10 @@
 //
 // Sizes whose products overflow 32 bits come with a small buffer: the call
 // must refuse before it reads a byte, so AddressSanitizer and the 32-bit ARM
-// build catch a library that trusts a wrapped product.
+// build catch a library that trusts a wrapped product. The refusal itself
+// (status, log line, untouched state) is checked on every target, 32- and
+// 64-bit alike: the sizes are refused for what they are, not for what their
+// product wraps to on one of them.
 #include <gmock/gmock.h>
 
 #include <climits>

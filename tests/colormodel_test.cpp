@@ -2,7 +2,9 @@
 // singular components, the single-colour criteria, training data, refits, EM
 // and the k-means initialisation against its literal schedule.
 #include <cfloat>
+#include <cmath>
 #include <cstdlib>
+#include <ios>
 
 #include "colormodel/kmeans_init.h"
 #include "colormodel/training.h"
@@ -74,6 +76,68 @@ TEST_F(ColorModelTest, GMMProbMatchesIndependentEvaluation) {
       EXPECT_NEAR(m.GMMProb(x), ref, 1e-9 * ref + 1e-300);
     }
   }
+}
+
+// A product rounded on its own: the volatile keeps the compiler from fusing it
+// with a following sum, whatever its contraction setting.
+double mul(double a, double b) {
+  volatile double p = a * b;
+  return p;
+}
+
+// The mixture density step by step, in the order of its formula: per
+// component the quadratic form row by row, exp(-q/2) times the normaliser,
+// weighted into the running sum. With `fused`, every a*b+c of it is one fused
+// multiply-add with a single rounding (std::fma), which is what a compiler
+// free to contract makes of it where the target has the instruction (64-bit
+// ARM always, x86 with FMA).
+double stepByStepDensity(const VELDSEColorModel& m, pixelVal x, bool fused) {
+  auto madd = [fused](double a, double b, double c) { return fused ? std::fma(a, b, c) : mul(a, b) + c; };
+  double p = 0.0;
+  for (int k = 0; k < 5; ++k) {
+    if (m.determinant[k] == 0) continue;  // adds w * 0: nothing
+    const double* a = m.inverseCovariance[k];
+    const double d0 = x.val[0] - m.mean[k][0], d1 = x.val[1] - m.mean[k][1], d2 = x.val[2] - m.mean[k][2];
+    const double r0 = madd(a[6], d2, madd(a[3], d1, mul(a[0], d0)));
+    const double r1 = madd(a[7], d2, madd(a[4], d1, mul(a[1], d0)));
+    const double r2 = madd(a[8], d2, madd(a[5], d1, mul(a[2], d0)));
+    const double q = madd(r2, d2, madd(r1, d1, mul(r0, d0)));
+    p = madd(m.weight[k], mul(std::exp(mul(-0.5, q)), m.normFactor[k]), p);
+  }
+  return p;
+}
+
+TEST_F(ColorModelTest, DensityRoundsEveryProductAndSumAsWritten) {
+  // Exact equality with the step-by-step evaluation, on samples where fusing
+  // the multiply-adds gives another double: a build that fuses them (on any
+  // target) fails here rather than in a mask that moves by a few pixels.
+  const struct { uint64_t seed; int empty; } cases[] = {{21, -1}, {22, 1}, {23, -1}};
+  int samples = 0, sensitive = 0;
+  for (const auto& tc : cases) {
+    SCOPED_TRACE(testing::Message() << "seed " << tc.seed << " empty " << tc.empty);
+    cv::RNG rng(tc.seed);
+    const VELDSEColorModel m = randomModel(rng, tc.empty);
+    for (int i = 0; i < 30; ++i, ++samples) {
+      SCOPED_TRACE(i);
+      const pixelVal x = near(rng, m.mean[i % 5], 10.0);
+      const double asWritten = stepByStepDensity(m, x, false);
+      sensitive += stepByStepDensity(m, x, true) != asWritten;
+      VELDSEColorModel copy = m;
+      const double got = copy.GMMProb(x);
+      EXPECT_EQ(got, asWritten) << std::hexfloat << got << " against " << asWritten;
+      // One component alone: the same steps with weight 1 and no sum.
+      const int k = i % 5;
+      VELDSEColorModel one;
+      one.weight[k] = 1.0, one.determinant[k] = m.determinant[k], one.normFactor[k] = m.normFactor[k];
+      for (int c = 0; c < 3; ++c) one.mean[k][c] = m.mean[k][c];
+      for (int e = 0; e < 9; ++e) one.inverseCovariance[k][e] = m.inverseCovariance[k][e];
+      const double gotOne = copy.gaussianProb(k, x), oneAsWritten = stepByStepDensity(one, x, false);
+      EXPECT_EQ(gotOne, oneAsWritten) << std::hexfloat << gotOne << " against " << oneAsWritten;
+    }
+  }
+  // The samples would notice a fused build: about a third of them change
+  // when fused (30 of 90).
+  EXPECT_GE(sensitive, samples / 4) << sensitive << " of " << samples;
 }
 
 TEST_F(ColorModelTest, SingularCovarianceIsRegularisedUntilInvertible) {

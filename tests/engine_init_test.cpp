@@ -116,7 +116,9 @@ TEST_F(EngineInit, TextureValuesIncludingRowZeroAndLastColumn) {
 
 // Independent reference: every pixel visits its 8 neighbours and counts the
 // pair once (from the lower index), summing squared colour distances in 64
-// bits; the 32-bit wrap is applied at the end.
+// bits; the 32-bit wrap is applied at the end. The engine wraps in a uint32_t
+// whatever the width of long, so the wrap, and the test, hold on every target
+// (32-bit ARM, 64-bit ARM, x86_64).
 void bruteForcePairs(IplImage* image, long long& count, int32_t& wrapped) {
   const int w = image->width, h = image->height;
   uint64_t sum = 0;

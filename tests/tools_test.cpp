@@ -54,9 +54,10 @@ class SegmentPhoto : public ::testing::Test {
     std::ofstream(dir_ + "/" + name) << text;
     return dir_ + "/" + name;
   }
-  // Runs the tool; returns its exit status and stores its output.
+  // Runs the tool (in a cross build through the emulator that runs this test);
+  // returns its exit status and stores its output.
   int run(const std::string& args) {
-    FILE* p = popen(("'" SEGCORE_SEGMENT_PHOTO "' " + args + " 2>&1").c_str(), "r");
+    FILE* p = popen((SEGCORE_TOOL_LAUNCHER "'" SEGCORE_SEGMENT_PHOTO "' " + args + " 2>&1").c_str(), "r");
     output_.clear();
     if (p == nullptr) return -1;
     char buf[512];
