@@ -5,6 +5,7 @@
 #include "colormodel/kmeans_init.h"
 #include "interface/veldse_marker.h"
 #include "support/owned.h"
+#include "support/slices.h"
 #include "support/veld_memory.h"
 
 namespace {
@@ -79,7 +80,12 @@ void updateModel(const std::vector<pixelVal>& samples, VELDSEColorModel& model) 
   // refitted from nothing.
   if (n > 0) needMemory(labelOwner.get());
   int* const labelBlock = labelOwner.get();
-  for (int i = 0; i < n; ++i) labelBlock[i] = model.assignCluster(samples[i]);
+  // Up to five exp per sample and each sample on its own: in slices side by
+  // side on a large set (the sums below keep the sample order).
+  slices::forSlicesFrom(n, n, slices::kParallelItems, [&](int begin, int end) {
+    VELDSEColorModel local = model;
+    for (int i = begin; i < end; ++i) labelBlock[i] = local.assignCluster(samples[i]);
+  });
   std::vector<int> labels(labelBlock, labelBlock + n);
   VELD_Free_Msg(labelOwner.release(), "updateModel", 741);
 

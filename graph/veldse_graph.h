@@ -103,6 +103,11 @@
 //       walks whole parent chains (no distance cache). With a thread count
 //       above 1 the block-parallel solver (graph/parallel_gc.h) runs instead
 //       and 0 is returned; m_flow still receives the flow.
+//   maxFlow(limit)
+//       The serial maxFlow() with the time limit watched by `limit`
+//       (graph/solver_core.h) instead of a watcher thread of its own: graphs
+//       solved side by side share one. Same steps, same result. A graph with
+//       a thread count above 1 runs maxFlow() instead.
 //   maxflowInit(), maxFlowSerialCall()
 //       The two halves of the serial maxFlow(): tree initialisation over all
 //       added nodes (terminal-linked nodes queued in index order), and the
@@ -122,6 +127,10 @@
 // cross-block edges have been removed.
 #ifndef SEGCORE_GRAPH_VELDSE_GRAPH_H
 #define SEGCORE_GRAPH_VELDSE_GRAPH_H
+
+namespace graphcore {
+class LimitWatch;
+}
 
 // One grid node: five 32-bit words on the device.
 struct nodes {
@@ -162,6 +171,7 @@ class VELDSEGraph {
   int getTreeofNode(int i);
 
   float maxFlow();
+  float maxFlow(const graphcore::LimitWatch& limit);
   void maxflowInit();
   float maxFlowSerialCall();
   void InitBlock();

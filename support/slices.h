@@ -6,10 +6,18 @@
 // likelihoods. On a large photo such a pass is mostly the first touch of fresh
 // pages or plain arithmetic per pixel, and several cores get through it
 // faster than one. Small images run on the calling thread alone.
+//
+// The working box's passes (terminal weights, neighbour links, the colour
+// models' assignments, the three trial cuts) are costly per item rather than
+// per byte: they go side by side from kParallelItems items of work on.
+//
+// Never more than four threads work at once (the calling thread included),
+// and none is left running when a call returns.
 #ifndef SEGCORE_SUPPORT_SLICES_H
 #define SEGCORE_SUPPORT_SLICES_H
 
 #include <algorithm>
+#include <atomic>
 #include <exception>
 #include <new>
 #include <system_error>
@@ -21,11 +29,34 @@ namespace slices {
 // Below this many pixels a pass is not worth a thread.
 constexpr long kParallelPixels = 1L << 20;
 
-// How many slices `count` items are cut into: one per core (at most four and
-// at most `count`) when `parallel`, else one.
+// Below this many items of per-pixel model work (likelihoods, assignments)
+// a working-box pass is not worth a thread.
+constexpr long kParallelItems = 1L << 13;
+
+// The most slices partsFor() hands out: 4 unless lowered. Lowering it to 1
+// gives the single-core path (everything on the calling thread), which tests
+// compare with the path side by side; the results are the same. Reads and
+// writes are atomic; O(1).
+int coreLimit();
+void setCoreLimit(int limit);
+
+// How many slices `count` items are cut into: one per core (at most four,
+// at most coreLimit() and at most `count`) when `parallel`, else one.
 inline int partsFor(int count, bool parallel) {
   if (!parallel) return 1;
-  return std::max(1, std::min({4, count, static_cast<int>(std::thread::hardware_concurrency())}));
+  return std::max(1, std::min({4, coreLimit(), count, static_cast<int>(std::thread::hardware_concurrency())}));
+}
+
+// Bounds of `parts` slices of equal size over 0 .. count-1 (parts + 1
+// entries) into `bounds`; false when memory for them runs out.
+inline bool equalBounds(int count, int parts, std::vector<int>* bounds) {
+  try {
+    bounds->resize(static_cast<size_t>(parts) + 1);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  for (int k = 0; k <= parts; ++k) (*bounds)[k] = static_cast<int>(static_cast<long>(count) * k / parts);
+  return true;
 }
 
 // Calls run(bounds[k], bounds[k + 1]) for every non-empty slice k, slice 0 on
@@ -83,21 +114,27 @@ void runSlices(const std::vector<int>& bounds, const Run& run) {
 }
 
 // Calls run(begin, end) on non-empty slices of equal size that together cover
+// 0 .. count-1 exactly once: side by side (runSlices) when `work` reaches
+// `threshold`, else once on the calling thread. The working box's passes use
+// kParallelItems.
+template <class Run>
+void forSlicesFrom(int count, long work, long threshold, const Run& run) {
+  if (count < 1) return;
+  const int parts = partsFor(count, work >= threshold);
+  std::vector<int> bounds;
+  if (!equalBounds(count, parts, &bounds)) {
+    run(0, count);  // no memory to share the pass out: the same pass, serially
+    return;
+  }
+  runSlices(bounds, run);
+}
+
+// Calls run(begin, end) on non-empty slices of equal size that together cover
 // 0 .. count-1 exactly once: side by side (runSlices) when `pixels` reaches
 // kParallelPixels, else once on the calling thread.
 template <class Run>
 void forSlices(int count, long pixels, const Run& run) {
-  if (count < 1) return;
-  const int parts = partsFor(count, pixels >= kParallelPixels);
-  std::vector<int> bounds;
-  try {
-    bounds.resize(static_cast<size_t>(parts) + 1);
-  } catch (const std::bad_alloc&) {
-    run(0, count);  // no memory to share the pass out: the same pass, serially
-    return;
-  }
-  for (int k = 0; k <= parts; ++k) bounds[k] = static_cast<int>(static_cast<long>(count) * k / parts);
-  runSlices(bounds, run);
+  forSlicesFrom(count, pixels, kParallelPixels, run);
 }
 
 }  // namespace slices
