@@ -82,7 +82,7 @@ void updateModel(const std::vector<pixelVal>& samples, VELDSEColorModel& model) 
   int* const labelBlock = labelOwner.get();
   // Up to five exp per sample and each sample on its own: in slices side by
   // side on a large set (the sums below keep the sample order).
-  slices::forSlicesFrom(n, n, slices::kParallelItems, [&](int begin, int end) {
+  slices::forSlicesFrom(n, n, slices::parallelItems(), [&](int begin, int end) {
     VELDSEColorModel local = model;
     for (int i = begin; i < end; ++i) labelBlock[i] = local.assignCluster(samples[i]);
   });

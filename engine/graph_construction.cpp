@@ -100,7 +100,7 @@ void terminalWeightRows(const VELDSEHybrid& h, const IplImage* label, float* pai
 
 void terminalWeights(const VELDSEHybrid& h, const IplImage* label, float* pairs) {
   const int height = h.m_boundHeight;
-  slices::forSlicesFrom(height, static_cast<long>(height) * h.m_boundWidth, slices::kParallelItems,
+  slices::forSlicesFrom(height, static_cast<long>(height) * h.m_boundWidth, slices::parallelItems(),
                         [&](int r0, int r1) { terminalWeightRows(h, label, pairs, r0, r1); });
 }
 
@@ -180,7 +180,7 @@ void VELDSEHybrid::constructGraphVELD_Whole_Image() {
   if (pairs.get() != nullptr) {
     float* const p = pairs.get();
     const int height = m_boundHeight;
-    slices::forSlicesFrom(height, static_cast<long>(n), slices::kParallelItems, [&](int r0, int r1) {
+    slices::forSlicesFrom(height, static_cast<long>(n), slices::parallelItems(), [&](int r0, int r1) {
       workingcuts::terminalWeightRows(*this, m_cropLabel, p, r0, r1);
       workingcuts::neighbourLinkRows(*this, m_lambda, caps, r0, r1);
     });

@@ -8,6 +8,8 @@
 // cutting one after the other. With one core (or when the memory for more
 // graphs cannot be had) the trials run one after the other on the request's
 // graph, still with the shared weights.
+#include <sys/time.h>
+
 #include <memory>
 #include <new>
 #include <vector>
@@ -15,6 +17,7 @@
 #include "engine/working_cuts.h"
 #include "graph/solver_core.h"
 #include "interface/veldse_marker.h"
+#include "support/cpu_timer.h"
 #include "support/owned.h"
 #include "support/slices.h"
 #include "support/veld_memory.h"
@@ -27,7 +30,19 @@ namespace {
 
 const int kTrials = 3;
 
-bool exitRequested() { return VELDSEMarker::m_exitApp.load(std::memory_order_relaxed); }
+// Whether a trial may be followed by the next: not after a cancel, nor once
+// the request's ten seconds are spent (the driver abandons the request then,
+// as after any cut). The timer is only read: workers may ask at once.
+bool stopAfterTrial() {
+  if (VELDSEMarker::m_exitApp.load(std::memory_order_relaxed)) return true;
+  const CpuTimer* t = g_cancelTimer;
+  if (t == nullptr) return false;
+  struct timeval now;
+  gettimeofday(&now, nullptr);
+  const double elapsedMs = (static_cast<double>(now.tv_sec - t->start.tv_sec) * 1e6 +
+                            static_cast<double>(now.tv_usec - t->start.tv_usec)) * 0.001;
+  return elapsedMs > VELDSEGraph::TIME_LIMIT_MS;
+}
 
 }  // namespace
 
@@ -59,7 +74,7 @@ void trialCuts(VELDSEHybrid& h) {
       if (g_trialStarts != nullptr) g_trialStarts(k);
       h.m_graph->maxFlow();
       writeCut(h.m_graph, h.m_iterLabel[k]);
-      if (exitRequested()) return;
+      if (stopAfterTrial()) return;
     }
     cvCopy(h.m_iterLabel[kTrials - 1], h.m_cropLabel);
     return;
@@ -68,7 +83,7 @@ void trialCuts(VELDSEHybrid& h) {
 
   // One graph per slice of trials: the request's own and, with the cores for
   // it, up to two more, made here so that no worker allocates.
-  const int wanted = slices::partsFor(kTrials, static_cast<long>(n) >= slices::kParallelItems);
+  const int wanted = slices::partsFor(kTrials, static_cast<long>(n) >= slices::parallelItems());
   std::vector<std::unique_ptr<VELDSEGraph>> extra;
   try {
     extra.reserve(static_cast<size_t>(wanted - 1));
@@ -102,7 +117,7 @@ void trialCuts(VELDSEHybrid& h) {
       if (g_trialStarts != nullptr) g_trialStarts(k);
       g->maxFlow(limit);
       writeCut(g, h.m_iterLabel[k]);
-      if (exitRequested()) return;
+      if (stopAfterTrial()) return;
     }
   };
   if (bounds.empty()) {

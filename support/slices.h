@@ -9,7 +9,7 @@
 //
 // The working box's passes (terminal weights, neighbour links, the colour
 // models' assignments, the three trial cuts) are costly per item rather than
-// per byte: they go side by side from kParallelItems items of work on.
+// per byte: they go side by side from parallelItems() items of work on.
 //
 // Never more than four threads work at once (the calling thread included),
 // and none is left running when a call returns.
@@ -30,21 +30,24 @@ namespace slices {
 constexpr long kParallelPixels = 1L << 20;
 
 // Below this many items of per-pixel model work (likelihoods, assignments)
-// a working-box pass is not worth a thread.
+// a working-box pass is not worth a thread: parallelItems(), 8192 unless set.
 constexpr long kParallelItems = 1L << 13;
+long parallelItems();
 
-// The most slices partsFor() hands out: 4 unless lowered. Lowering it to 1
-// gives the single-core path (everything on the calling thread), which tests
-// compare with the path side by side; the results are the same. Reads and
-// writes are atomic; O(1).
-int coreLimit();
-void setCoreLimit(int limit);
+// The cores the slices are cut for: the machine's unless set. Test seams, so
+// that the single-core path (setCores(1): everything on the calling thread)
+// and the paths of a phone's four or more cores can be compared on any
+// machine, also on small images (setParallelItems(1)); the results are the
+// same on every path. 0 restores the defaults. Atomic; O(1).
+int cores();
+void setCores(int cores);
+void setParallelItems(long items);
 
-// How many slices `count` items are cut into: one per core (at most four,
-// at most coreLimit() and at most `count`) when `parallel`, else one.
+// How many slices `count` items are cut into: one per core (at most four and
+// at most `count`) when `parallel`, else one.
 inline int partsFor(int count, bool parallel) {
   if (!parallel) return 1;
-  return std::max(1, std::min({4, coreLimit(), count, static_cast<int>(std::thread::hardware_concurrency())}));
+  return std::max(1, std::min({4, count, cores()}));
 }
 
 // Bounds of `parts` slices of equal size over 0 .. count-1 (parts + 1
@@ -116,7 +119,7 @@ void runSlices(const std::vector<int>& bounds, const Run& run) {
 // Calls run(begin, end) on non-empty slices of equal size that together cover
 // 0 .. count-1 exactly once: side by side (runSlices) when `work` reaches
 // `threshold`, else once on the calling thread. The working box's passes use
-// kParallelItems.
+// parallelItems().
 template <class Run>
 void forSlicesFrom(int count, long work, long threshold, const Run& run) {
   if (count < 1) return;
