@@ -4,9 +4,9 @@
 // lambda_selection.cpp); they share their models and initial labels and are
 // made side by side (trial_cuts.cpp). The fourth cuts with the chosen weight
 // after a model update from that trial's labels, the fifth after one more
-// update. A scene
-// whose background model is nearly single-coloured skips the trials and cuts
-// five times at the default weight, and may then fall back to its first cut.
+// update. A scene whose background model is nearly single-coloured skips the
+// trials and cuts five times at the default weight, and may then fall back to
+// its first cut.
 #include <android/log.h>
 
 #include <vector>
