@@ -13,12 +13,14 @@
 // node order). The neighbour links of a row slice go straight to the floats
 // the node's four addEdge calls would write.
 #include <cmath>
+#include <cstdint>
 #include <vector>
 
 #include "engine/engine_util.h"
 #include "engine/veldse_hybrid.h"
 #include "engine/working_cuts.h"
 #include "interface/veldse_marker.h"
+#include "support/colour_memo.h"
 #include "support/owned.h"
 #include "support/slices.h"
 #include "support/veld_memory.h"
@@ -27,6 +29,11 @@ namespace {
 
 // Terminal capacity of a hard constraint; not scaled by the smoothness weight.
 const float kHardConstraint = 1000.0f;
+
+struct WeightPair {
+  float toObject;
+  float toBackground;
+};
 
 // Calls put(node, toObject, toBackground) for every pixel of box rows
 // [r0, r1), row by row.
@@ -39,6 +46,9 @@ void forTerminalWeights(const VELDSEHybrid& h, const IplImage* label, int r0, in
   // Evaluation only reads a model; copies keep each slice's on its own lines.
   VELDSEColorModel bgModel = h.m_bgModel;
   VELDSEColorModel fgModel = h.m_fgModel;
+  // The weights are a function of the pixel's three bytes: each distinct
+  // triple is worked out once.
+  ColourMemo<WeightPair> memo(static_cast<long>(r1 - r0) * width);
   for (int r = r0; r < r1; ++r) {
     const unsigned char* codes = imageRow(label, r);
     const unsigned char* src = imageRow(h.m_cropSrc, r);
@@ -55,26 +65,28 @@ void forTerminalWeights(const VELDSEHybrid& h, const IplImage* label, int r0, in
         put(node, kHardConstraint, 0.0f);
         continue;
       }
-      pixelVal sample;
       const unsigned char* px = src + 3 * c;
-      if (grey) {
-        sample.val[0] = px[0];
-        sample.val[1] = texHor[c];
-        sample.val[2] = texVer[c];
-      } else {
-        sample.val[0] = px[0];
-        sample.val[1] = px[1];
-        sample.val[2] = px[2];
-      }
-      // Background first; a zero density gives an infinite weight on purpose
-      // (the pixel cannot belong to that side), so nothing is clamped.
-      const double lb = std::log(bgModel.GMMProb(sample));
-      const double lf = std::log(fgModel.GMMProb(sample));
-      float toObject = static_cast<float>(-lb);
-      const float toBackground = static_cast<float>(-lf);
-      // Grey photos give many pixels the two models cannot tell apart; tie
-      // them exactly so that only the smoothness term decides.
-      if (grey && std::fabs(static_cast<float>(lf - lb)) < 0.0001) toObject = toBackground;
+      const unsigned char v0 = px[0];
+      const unsigned char v1 = grey ? texHor[c] : px[1];
+      const unsigned char v2 = grey ? texVer[c] : px[2];
+      const WeightPair w = memo.get(v0 | static_cast<uint32_t>(v1) << 8 | static_cast<uint32_t>(v2) << 16, [&] {
+        pixelVal sample;
+        sample.val[0] = v0;
+        sample.val[1] = v1;
+        sample.val[2] = v2;
+        // Background first; a zero density gives an infinite weight on
+        // purpose (the pixel cannot belong to that side), so nothing is
+        // clamped.
+        const double lb = std::log(bgModel.GMMProb(sample));
+        const double lf = std::log(fgModel.GMMProb(sample));
+        WeightPair pair{static_cast<float>(-lb), static_cast<float>(-lf)};
+        // Grey photos give many pixels the two models cannot tell apart; tie
+        // them exactly so that only the smoothness term decides.
+        if (grey && std::fabs(static_cast<float>(lf - lb)) < 0.0001) pair.toObject = pair.toBackground;
+        return pair;
+      });
+      const float toObject = w.toObject;
+      const float toBackground = w.toBackground;
       put(node, toObject, toBackground);
     }
   }

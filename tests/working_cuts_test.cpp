@@ -408,27 +408,36 @@ TEST_F(WorkingCuts, RequestOnEveryCoreCountEqualsOneAtATimeOrder) {
   }
 }
 
-// The models' refit with its assignments in slices equals the refit of one
-// slice, on sets large and small.
-TEST_F(WorkingCuts, ModelRefitInSlicesEqualsOneSlice) {
-  for (int n : {5, 37, 1000, 20011}) {
-    SCOPED_TRACE(::testing::Message() << n << " samples");
-    std::mt19937 rng(7u * n);
-    std::uniform_int_distribution<int> u(0, 255);
-    std::vector<pixelVal> samples(n);
-    for (pixelVal& s : samples) s = testsupport::px(u(rng), u(rng) / 2, u(rng));
-    VELDSEColorModel start;
-    slices::setCores(1);
-    initModel(samples, start, 10);
-    start.setInverseCovariance();
-    VELDSEColorModel expected = start;
-    updateModel(samples, expected);
-    for (int cores : kCores) {
-      SCOPED_TRACE(::testing::Message() << cores << " cores");
-      slices::setCores(cores);
-      VELDSEColorModel model = start;
-      updateModel(samples, model);
-      EXPECT_TRUE(testsupport::sameBits(model, expected));
+// The models' refit (assignments in slices, remembered by colour) equals a
+// refit that assigns every sample on its own, on sets large and small, of
+// 8-bit colours (which repeat) and of fractional values (never remembered).
+TEST_F(WorkingCuts, ModelRefitInSlicesEqualsSampleBySample) {
+  for (bool bytes : {true, false}) {
+    for (int n : {5, 37, 1000, 20011}) {
+      SCOPED_TRACE(::testing::Message() << n << (bytes ? " byte" : " fractional") << " samples");
+      std::mt19937 rng(7u * n);
+      std::uniform_int_distribution<int> u(0, 255);
+      std::vector<pixelVal> samples(n);
+      for (pixelVal& s : samples) {
+        s = testsupport::px(u(rng), u(rng) / 2, u(rng) / 8 * 8);
+        if (!bytes) s.val[1] += 0.25;
+      }
+      VELDSEColorModel start;
+      slices::setCores(1);
+      initModel(samples, start, 10);
+      start.setInverseCovariance();
+      std::vector<int> labels(static_cast<size_t>(n));
+      for (int i = 0; i < n; ++i) labels[static_cast<size_t>(i)] = start.assignCluster(samples[static_cast<size_t>(i)]);
+      VELDSEColorModel expected = start;
+      setComponentsFromClusters(ClusterInfo(labels, samples), n, expected);
+      expected.setDeterminant();
+      for (int cores : kCores) {
+        SCOPED_TRACE(::testing::Message() << cores << " cores");
+        slices::setCores(cores);
+        VELDSEColorModel model = start;
+        updateModel(samples, model);
+        EXPECT_TRUE(testsupport::sameBits(model, expected));
+      }
     }
   }
 }
