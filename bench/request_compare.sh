@@ -11,7 +11,8 @@
 # time:  rounds x (before, after) for every case, the two binaries taking
 #        turns so that a change in the machine's load hits both; each run is
 #        BM_Request's three requests. Prints the median wall time per request
-#        of each build and their ratio. Other work on the machine still shows:
+#        of each build and their ratio, and the same for the CPU time of the
+#        calling thread (Google Benchmark's cpu_time). Other work on the machine still shows:
 #        note the load average printed with the table.
 # count: instructions per request under callgrind (--separate-threads=yes):
 #        on the calling thread inside processSegment ("caller"), and that
@@ -45,13 +46,16 @@ if [ "$MODE" = time ]; then
       for side in before after; do
         if [ $side = before ]; then b=$BEFORE; else b=$AFTER; fi
         "$b/bench/request_bench" --benchmark_filter="$f" --benchmark_format=csv 2>/dev/null |
-          awk -F, -v f="$f" 'index($1, f) {print $3}' >>"$WORK/$side"
+          awk -F, -v f="$f" 'index($1, f) {print $3, $4}' >>"$WORK/$side"
       done
       r=$((r + 1))
     done
-    mb=$(median <"$WORK/before")
-    ma=$(median <"$WORK/after")
-    printf '%-10s before %9.1f ms  after %9.1f ms  ratio %.3f\n' "$c" "$mb" "$ma" "$(echo "$ma $mb" | awk '{print $1 / $2}')"
+    mb=$(cut -d' ' -f1 "$WORK/before" | median)
+    ma=$(cut -d' ' -f1 "$WORK/after" | median)
+    cb=$(cut -d' ' -f2 "$WORK/before" | median)
+    ca=$(cut -d' ' -f2 "$WORK/after" | median)
+    printf '%-8s wall %8.1f -> %8.1f ms (%.3f)   calling thread cpu %8.1f -> %8.1f ms (%.3f)\n' "$c" "$mb" "$ma" \
+      "$(echo "$ma $mb" | awk '{print $1 / $2}')" "$cb" "$ca" "$(echo "$ca $cb" | awk '{print $1 / $2}')"
   done
   echo "load average: $(cut -d' ' -f1-3 /proc/loadavg)"
   exit 0
