@@ -16,6 +16,11 @@
 // faults in the history's bit planes (4 bytes per pixel, allocated with the
 // context but untouched until a mask is recorded): that is included.
 //
+// BM_RequestSetUp is BM_Request without processSegment (and the outline's
+// hand-over): the instructions a request executes are BM_Request's less
+// these. bench/request_compare.sh runs two builds of this program side by
+// side: wall-time medians, and instruction counts under callgrind.
+//
 // BM_RequestAgain repeats the rectangle on a context that already holds a
 // result (the planes resident): the request's own peak.
 //
@@ -44,10 +49,14 @@
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include <sys/time.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <map>
 #include <string>
@@ -59,6 +68,30 @@
 #include "interface/segmentation_core.h"
 #include "interface/veldse_marker.h"
 #include "support/cpu_timer.h"
+
+// Counting a request's instructions under callgrind (bench/request_compare.sh)
+// runs it some fifty times slower, into the library's ten-second budget: the
+// request would be abandoned part-way, after a varying amount of work. With
+// SEGCORE_BENCH_CLOCK_REVERSED=1 in the environment the wall clock the
+// library reads (gettimeofday, replaced here for the whole program) runs
+// backwards from its first reading, so no budget ever runs out and the
+// solver's budget watcher never wakes. Otherwise this is the plain clock.
+extern "C" int gettimeofday(struct timeval* __restrict tv, void* __restrict) __THROW {
+  static const bool reversed = [] {
+    const char* v = std::getenv("SEGCORE_BENCH_CLOCK_REVERSED");
+    return v != nullptr && v[0] == '1';
+  }();
+  timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  long long micros = static_cast<long long>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
+  if (reversed) {
+    static const long long first = micros;
+    micros = 2 * first - micros;
+  }
+  tv->tv_sec = static_cast<time_t>(micros / 1000000);
+  tv->tv_usec = static_cast<suseconds_t>(micros % 1000000);
+  return 0;
+}
 
 namespace {
 
@@ -168,7 +201,10 @@ void reportPhoto(benchmark::State& state, const Photo& p, double peakBytes, cons
   state.counters["object_pixels"] = static_cast<double>(std::count(mask.begin(), mask.end(), 0));
 }
 
-void BM_Request(benchmark::State& state) {
+// The request as the app's bridge makes it; with `request` false everything
+// but processSegment and fetch_path_array (the set-up alone), so that what a
+// request executes is the difference of the two.
+void requestLoop(benchmark::State& state, bool request) {
   const Photo& p = photoOf(static_cast<int>(state.range(0)), static_cast<int>(state.range(1)));
   if (p.width == 0) {
     state.SkipWithError("photo not found");
@@ -193,6 +229,7 @@ void BM_Request(benchmark::State& state) {
     initSegmentationEngine(0);
     setCurrentMarkerVector(static_cast<int>(border.size()), border.data());
     setMarkerImage(p.width, p.height, grid.data(), 0);
+    if (!request) continue;
     const PeakMemory memory;
     processSegment(0, 0, 0, preview.data(), mask.data());
     peak += static_cast<double>(memory.added());
@@ -204,6 +241,13 @@ void BM_Request(benchmark::State& state) {
   deinitSegmentation();
   reportPhoto(state, p, peak, mask);
 }
+
+void BM_Request(benchmark::State& state) { requestLoop(state, true); }
+
+// The set-up of BM_Request alone: for counting instructions (see
+// bench/request_compare.sh), whose request share is BM_Request's count less
+// this one's.
+void BM_RequestSetUp(benchmark::State& state) { requestLoop(state, false); }
 
 // The same rectangle again on a context that already holds a result: the
 // history's planes are resident by then, so this is the request's own peak.
@@ -266,6 +310,7 @@ void photoSizes(benchmark::internal::Benchmark* b) {
   b->ArgNames({"photo", "tenths_mp"})->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(3);
 }
 BENCHMARK(BM_Request)->Apply(photoSizes);
+BENCHMARK(BM_RequestSetUp)->Apply(photoSizes);
 BENCHMARK(BM_RequestAgain)->Apply(photoSizes);
 BENCHMARK(BM_DoSegmentationBB)->Apply(photoSizes);
 

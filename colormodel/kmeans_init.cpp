@@ -35,12 +35,14 @@ unsigned int seedFromTotal(double total) {
   return static_cast<unsigned int>(total);
 }
 
-// The four assignment workers of one k_means call. The threads are started
-// once per call rather than once per pass (up to ten passes), which halves the
-// cost of a 20000-sample initialisation on a loaded two-core machine; they are
-// joined and destroyed when k_means returns, so no thread outlives the call.
-// A worker that could not be started has its share done on the caller's
-// thread, which gives the same result. Whatever a worker's share throws is
+// The four assignment shares of one k_means call: share 0 on the calling
+// thread, shares 1 to 3 on workers, so that no more than four threads work at
+// once. The threads are started once per call rather than once per pass (up
+// to ten passes), which halves the cost of a 20000-sample initialisation on a
+// loaded two-core machine; they are joined and destroyed when k_means
+// returns, so no thread outlives the call. A worker that could not be started
+// has its share done on the caller's thread, which gives the same result
+// (each share fills its own accumulator column). Whatever a worker's share throws is
 // kept and thrown again on the caller once every share of the pass is done:
 // an exception must not leave a thread's body.
 class KMeansWorkers {
@@ -51,7 +53,7 @@ class KMeansWorkers {
       sem_init(&done_[t], 0, 0);
       slot_[t].owner = this;
       slot_[t].index = t;
-      running_[t] = pthread_create(&thread_[t], nullptr, &KMeansWorkers::loop, &slot_[t]) == 0;
+      running_[t] = t > 0 && pthread_create(&thread_[t], nullptr, &KMeansWorkers::loop, &slot_[t]) == 0;
     }
   }
   ~KMeansWorkers() {
@@ -73,9 +75,10 @@ class KMeansWorkers {
     args_ = args;
     std::exception_ptr here;
     for (int t = 0; t < kThreads; ++t) {
-      if (running_[t]) {
-        sem_post(&start_[t]);
-      } else if (!here) {
+      if (running_[t]) sem_post(&start_[t]);
+    }
+    for (int t = 0; t < kThreads; ++t) {
+      if (!running_[t] && !here) {
         try {
           findMinDistance(&args[t]);
         } catch (...) {

@@ -1,10 +1,13 @@
 #include "colormodel/training.h"
 
 #include <cstddef>
+#include <cstdint>
 
 #include "colormodel/kmeans_init.h"
 #include "interface/veldse_marker.h"
+#include "support/colour_memo.h"
 #include "support/owned.h"
+#include "support/slices.h"
 #include "support/veld_memory.h"
 
 namespace {
@@ -79,7 +82,28 @@ void updateModel(const std::vector<pixelVal>& samples, VELDSEColorModel& model) 
   // refitted from nothing.
   if (n > 0) needMemory(labelOwner.get());
   int* const labelBlock = labelOwner.get();
-  for (int i = 0; i < n; ++i) labelBlock[i] = model.assignCluster(samples[i]);
+  // Up to five exp per sample and each sample on its own: in slices side by
+  // side on a large set (the sums below keep the sample order).
+  // Samples of an 8-bit image repeat: a sample whose three values are whole
+  // numbers 0 .. 255 has its component remembered by those bytes.
+  slices::forSlicesFrom(n, n, slices::parallelItems(), [&](int begin, int end) {
+    VELDSEColorModel local = model;
+    ColourMemo<int> memo(end - begin);
+    for (int i = begin; i < end; ++i) {
+      const double* v = samples[i].val;
+      uint32_t key = 0;
+      bool byte = true;
+      for (int c = 0; c < 3; ++c) {
+        if (!(v[c] >= 0.0 && v[c] <= 255.0) || v[c] != static_cast<double>(static_cast<int>(v[c]))) {
+          byte = false;
+          break;
+        }
+        key |= static_cast<uint32_t>(v[c]) << (8 * c);
+      }
+      labelBlock[i] = byte ? memo.get(key, [&] { return local.assignCluster(samples[i]); })
+                           : local.assignCluster(samples[i]);
+    }
+  });
   std::vector<int> labels(labelBlock, labelBlock + n);
   VELD_Free_Msg(labelOwner.release(), "updateModel", 741);
 

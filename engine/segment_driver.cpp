@@ -1,10 +1,12 @@
 // One segmentation request: box, crops, five graph cuts, full-size mask.
 //
 // The first three cuts are trials that choose the smoothness weight (see
-// lambda_selection.cpp); the fourth cuts with the chosen weight after a model
-// update from that trial's labels, the fifth after one more update. A scene
-// whose background model is nearly single-coloured skips the trials and cuts
-// five times at the default weight, and may then fall back to its first cut.
+// lambda_selection.cpp); they share their models and initial labels and are
+// made side by side (trial_cuts.cpp). The fourth cuts with the chosen weight
+// after a model update from that trial's labels, the fifth after one more
+// update. A scene whose background model is nearly single-coloured skips the
+// trials and cuts five times at the default weight, and may then fall back to
+// its first cut.
 #include <android/log.h>
 
 #include <vector>
@@ -17,6 +19,7 @@
 #include "colormodel/training.h"
 #include "engine/engine_util.h"
 #include "engine/veldse_hybrid.h"
+#include "engine/working_cuts.h"
 #include "interface/veldse_marker.h"
 #include "support/cpu_timer.h"
 #include "support/owned.h"
@@ -129,10 +132,17 @@ IplImage* VELDSEHybrid::segment() {
       modelAction = 1;
     }
 
-    constructGraphVELD_Whole_Image();
-    m_graph->maxFlow();
-    updateLabelImage();
-    if (i < 3) m_iterLabel[i] = cloneImage(m_cropLabel);
+    if (i == 0 && lambdaRequest) {
+      // The three trial cuts at once: they share the models just fitted and
+      // the initial labels, so they are made side by side (cuts 0 to 2).
+      workingcuts::trialCuts(*this);
+      i = 2;
+    } else {
+      constructGraphVELD_Whole_Image();
+      m_graph->maxFlow();
+      updateLabelImage();
+      if (i < 3) m_iterLabel[i] = cloneImage(m_cropLabel);
+    }
 
     stop_cpu_timer(g_cancelTimer);
     if (get_elapsed_time_in_millisec(g_cancelTimer) > kTimeoutMs ||
@@ -157,26 +167,9 @@ IplImage* VELDSEHybrid::segment() {
 }
 
 int VELDSEHybrid::updateLabelImage() {
-  const int height = m_boundHeight;
-  const int width = m_boundWidth;
-  // Four consecutive row bands; the order does not affect the result.
-  const int bands[5] = {0, height >> 2, height >> 1, 3 * (height >> 2), height};
-  int objectCount = 0;
-  for (int b = 0; b < 4; ++b) {
-    for (int r = bands[b]; r < bands[b + 1]; ++r) {
-      unsigned char* label = imageRow(m_cropLabel, r);
-      for (int c = 0; c < width; ++c) {
-        const unsigned char code = label[c];
-        if (m_graph->getTreeofNode(r * width + c) == 1) {
-          if (code == LABEL_UNKNOWN || code > LABEL_FG) label[c] = LABEL_PR_BG;
-        } else if (code != LABEL_BG && code != LABEL_FG) {
-          label[c] = LABEL_PR_FG;
-          ++objectCount;
-        }
-      }
-    }
-  }
-  return objectCount;
+  // Every pixel on its own: one pass in row order gives what the four row
+  // bands [0, H/4), [H/4, H/2), [H/2, 3(H/4)), [3(H/4), H) give.
+  return workingcuts::writeCut(m_graph, m_cropLabel);
 }
 
 void VELDSEHybrid::chooseIter() {

@@ -10,7 +10,8 @@
 // A request runs as a list of stages:
 //   setLabelImage      marks -> label image with an unknown band; previous mask
 //   segment            box, pre-processing, crops, five cuts (three trial cuts
-//                      choose the smoothness weight), then getObjMask
+//                      choose the smoothness weight; they are made side by
+//                      side, engine/working_cuts.h), then getObjMask
 //   getObjMask         labels back to the working label image, full-resolution
 //                      re-cut of the boundary band, post-processing, history
 //
@@ -79,7 +80,13 @@ class VELDSEHybrid {
 
   // --- The driver ------------------------------------------------------------
   // Full-resolution object mask (0/255), or null when cancelled or timed out.
+  // Threads: the trial cuts and the per-pixel passes of the working box run
+  // on up to four threads at once (the calling thread included), all joined
+  // before it returns; on one core everything stays on the calling thread,
+  // with the same result.
   IplImage* segment();
+  // Writes m_graph's cut into m_cropLabel (see workingcuts::writeCut);
+  // returns the count of object-side pixels not coded 1 or 2. O(box).
   int updateLabelImage();
   void chooseIter();
   bool cancelSegmentation();

@@ -2,7 +2,9 @@
 //
 // Internal to graph/: VELDSEGraph's methods and the band solver instantiate
 // these templates with their topology. Everything here works on a
-// VELDSEGraph's node records, capacity floats and queues.
+// VELDSEGraph's node records, capacity floats and queues. Outside graph/
+// only LimitWatch is used: by callers that solve several graphs side by side
+// under one watcher (VELDSEGraph::maxFlow(const LimitWatch&)).
 #ifndef SEGCORE_GRAPH_SOLVER_CORE_H
 #define SEGCORE_GRAPH_SOLVER_CORE_H
 
@@ -608,12 +610,13 @@ void adoptOrphan(VELDSEGraph* g, int i, const Topology& topo) {
   }
 }
 
+// The main loop under `limit`, a watch that other runs going on side by side
+// may share (one watcher thread for all of them).
 template <class Topology>
-float serialLoop(VELDSEGraph* g, const Topology& topo) {
+float serialLoop(VELDSEGraph* g, const Topology& topo, const LimitWatch& limit) {
   if (exitRequested()) return g->m_flow;
   nodes* const base = g->m_nodes;
   float* const caps = g->m_caps;
-  const LimitWatch limit;
 
   for (;;) {
     const int i = topo.popActive(g);
@@ -684,6 +687,15 @@ float serialLoop(VELDSEGraph* g, const Topology& topo) {
       if (limit.stop()) return g->m_flow;
     }
   }
+}
+
+// The main loop under a watch of its own (none is started when the run is
+// cancelled already).
+template <class Topology>
+float serialLoop(VELDSEGraph* g, const Topology& topo) {
+  if (exitRequested()) return g->m_flow;
+  const LimitWatch limit;
+  return serialLoop(g, topo, limit);
 }
 
 }  // namespace graphcore

@@ -218,6 +218,12 @@ float VELDSEGraph::maxFlow() {
   return maxFlowSerialCall();
 }
 
+float VELDSEGraph::maxFlow(const LimitWatch& limit) {
+  if (m_threads > 1) return maxFlow();
+  maxflowInit();
+  return serialLoop(this, GridTopology(this), limit);
+}
+
 void VELDSEGraph::AugmentPath(int middle) { augmentPath(this, GridTopology(this), middle); }
 
 void VELDSEGraph::ProcessSourceOrphans(nodes* o) { adoptOrphan<false>(this, static_cast<int>(o - m_nodes), GridTopology(this)); }

@@ -105,12 +105,16 @@
 //       walks whole parent chains (no distance cache). With a thread count
 //       above 1 the block-parallel solver (graph/parallel_gc.h) runs instead
 //       and 0 is returned; m_flow still receives the flow.
+//   maxFlow(limit)
+//       The serial maxFlow() with the time limit watched by `limit`
+//       (graph/solver_core.h) instead of a watcher thread of its own: graphs
+//       solved side by side share one. Same steps, same result. A graph with
+//       a thread count above 1 runs maxFlow() instead.
 //   maxflowInit(), maxFlowSerialCall()
 //       The two halves of the serial maxFlow(): tree initialisation over all
 //       added nodes (trCap above zero: source tree, below zero: sink tree,
 //       otherwise - zero or NaN - free; terminal-linked nodes queued in index
-//       order), and the
-//       main loop over whatever the active queue holds.
+//       order), and the main loop over whatever the active queue holds.
 //   InitBlock()
 //       maxflowInit() restricted to a block view's rectangle; also clears the
 //       view's flow and queues.
@@ -126,6 +130,10 @@
 // cross-block edges have been removed.
 #ifndef SEGCORE_GRAPH_VELDSE_GRAPH_H
 #define SEGCORE_GRAPH_VELDSE_GRAPH_H
+
+namespace graphcore {
+class LimitWatch;
+}
 
 // One grid node: five 32-bit words on 32-bit ARM (20 bytes); 32 bytes on the
 // 64-bit targets (8-byte pointers, aligned).
@@ -167,6 +175,7 @@ class VELDSEGraph {
   int getTreeofNode(int i);
 
   float maxFlow();
+  float maxFlow(const graphcore::LimitWatch& limit);
   void maxflowInit();
   float maxFlowSerialCall();
   void InitBlock();

@@ -21,11 +21,12 @@ JOBS=${JOBS:-2}
 # Tests that start threads: parallel max-flow and terminal links, the band
 # graph's pieces solved side by side, the re-cut's band likelihoods, the k-means
 # workers of the colour model, the slices of the full-size passes and the
-# history's page toucher, the cancel protocol of requests and lifecycle, and the
+# history's page toucher, the working box's cuts side by side (trials, slices,
+# cancel in each trial), the cancel protocol of requests and lifecycle, and the
 # cancellation stress test; and the engine's failure tests (threads refused,
 # failures thrown on a worker and rethrown after the join).
-TSAN_TARGETS="engine_failure_test parallel_gc_test band_graph_test intelligent_upscaling_test colormodel_test slices_test image_input_test undo_redo_test requests_test lifecycle_test cancel_stress_test"
-TSAN_TESTS='^(ParallelGC[A-Za-z]*|KMeansInit|BandGraph|IntelligentUpscaling|ColorModelTest|Slices|ImageInput|UndoRedoLargePhoto|RequestsLargePhoto|ExitProtocol|Lifecycle|CancelStress)\.'
+TSAN_TARGETS="engine_failure_test parallel_gc_test band_graph_test intelligent_upscaling_test colormodel_test slices_test working_cuts_test image_input_test undo_redo_test requests_test lifecycle_test cancel_stress_test"
+TSAN_TESTS='^(ParallelGC[A-Za-z]*|KMeansInit|BandGraph|IntelligentUpscaling|ColorModelTest|Slices|WorkingCuts|ImageInput|UndoRedoLargePhoto|RequestsLargePhoto|ExitProtocol|Lifecycle|CancelStress)\.'
 
 sh scripts/setup.sh
 

@@ -6,10 +6,18 @@
 // likelihoods. On a large photo such a pass is mostly the first touch of fresh
 // pages or plain arithmetic per pixel, and several cores get through it
 // faster than one. Small images run on the calling thread alone.
+//
+// The working box's passes (terminal weights, neighbour links, the colour
+// models' assignments, the three trial cuts) are costly per item rather than
+// per byte: they go side by side from parallelItems() items of work on.
+//
+// Never more than four threads work at once (the calling thread included),
+// and none is left running when a call returns.
 #ifndef SEGCORE_SUPPORT_SLICES_H
 #define SEGCORE_SUPPORT_SLICES_H
 
 #include <algorithm>
+#include <atomic>
 #include <exception>
 #include <new>
 #include <system_error>
@@ -21,11 +29,37 @@ namespace slices {
 // Below this many pixels a pass is not worth a thread.
 constexpr long kParallelPixels = 1L << 20;
 
+// Below this many items of per-pixel model work (likelihoods, assignments)
+// a working-box pass is not worth a thread: parallelItems(), 8192 unless set.
+constexpr long kParallelItems = 1L << 13;
+long parallelItems();
+
+// The cores the slices are cut for: the machine's unless set. Test seams, so
+// that the single-core path (setCores(1): everything on the calling thread)
+// and the paths of a phone's four or more cores can be compared on any
+// machine, also on small images (setParallelItems(1)); the results are the
+// same on every path. 0 restores the defaults. Atomic; O(1).
+int cores();
+void setCores(int cores);
+void setParallelItems(long items);
+
 // How many slices `count` items are cut into: one per core (at most four and
 // at most `count`) when `parallel`, else one.
 inline int partsFor(int count, bool parallel) {
   if (!parallel) return 1;
-  return std::max(1, std::min({4, count, static_cast<int>(std::thread::hardware_concurrency())}));
+  return std::max(1, std::min({4, count, cores()}));
+}
+
+// Bounds of `parts` slices of equal size over 0 .. count-1 (parts + 1
+// entries) into `bounds`; false when memory for them runs out.
+inline bool equalBounds(int count, int parts, std::vector<int>* bounds) {
+  try {
+    bounds->resize(static_cast<size_t>(parts) + 1);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  for (int k = 0; k <= parts; ++k) (*bounds)[k] = static_cast<int>(static_cast<long>(count) * k / parts);
+  return true;
 }
 
 // Calls run(bounds[k], bounds[k + 1]) for every non-empty slice k, slice 0 on
@@ -83,21 +117,27 @@ void runSlices(const std::vector<int>& bounds, const Run& run) {
 }
 
 // Calls run(begin, end) on non-empty slices of equal size that together cover
+// 0 .. count-1 exactly once: side by side (runSlices) when `work` reaches
+// `threshold`, else once on the calling thread. The working box's passes use
+// parallelItems().
+template <class Run>
+void forSlicesFrom(int count, long work, long threshold, const Run& run) {
+  if (count < 1) return;
+  const int parts = partsFor(count, work >= threshold);
+  std::vector<int> bounds;
+  if (!equalBounds(count, parts, &bounds)) {
+    run(0, count);  // no memory to share the pass out: the same pass, serially
+    return;
+  }
+  runSlices(bounds, run);
+}
+
+// Calls run(begin, end) on non-empty slices of equal size that together cover
 // 0 .. count-1 exactly once: side by side (runSlices) when `pixels` reaches
 // kParallelPixels, else once on the calling thread.
 template <class Run>
 void forSlices(int count, long pixels, const Run& run) {
-  if (count < 1) return;
-  const int parts = partsFor(count, pixels >= kParallelPixels);
-  std::vector<int> bounds;
-  try {
-    bounds.resize(static_cast<size_t>(parts) + 1);
-  } catch (const std::bad_alloc&) {
-    run(0, count);  // no memory to share the pass out: the same pass, serially
-    return;
-  }
-  for (int k = 0; k <= parts; ++k) bounds[k] = static_cast<int>(static_cast<long>(count) * k / parts);
-  runSlices(bounds, run);
+  forSlicesFrom(count, pixels, kParallelPixels, run);
 }
 
 }  // namespace slices
