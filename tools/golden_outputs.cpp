@@ -7,12 +7,21 @@
 //
 //   golden_outputs --corpus small|large|huge [--dataset DIR] [--only NAME]
 //                  [--record FILE | --check FILE]
+//                  [--save-photos DIR | --photos DIR]
 //
 // "small" uses only the committed sample photos (seconds; run by the tests),
 // "large" adds 3 and 12 megapixel photos and the GrabCut photos at native size
 // and enlarged (minutes; run by scripts/golden.sh), "huge" two 50 megapixel
 // photos (scripts/golden.sh check build huge). Buffers are digested with
 // 64-bit FNV-1a; log lines are kept verbatim.
+//
+// The photos of the large and huge corpora are resampled here with OpenCV's
+// cubic resize, whose 8-bit output is not the same on every target (Debian's
+// arm64 and armhf OpenCV round a few pixels of an enlargement one step off).
+// --save-photos DIR writes every photo as it is handed to the library
+// (DIR/<case>.png, lossless); --photos DIR reads them back instead of
+// resampling, so another target's engine is given exactly the photos the
+// goldens were taken from.
 #include <android/log.h>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
@@ -22,6 +31,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <map>
@@ -188,12 +198,32 @@ cv::Mat loadPhoto(const Case& c, double* scale) {
 }
 
 // Runs one case; returns false when the photo or a request cannot be made.
-bool runCase(const Case& c, std::vector<std::string>* out, std::string* error) {
+// photosIn / photosOut: see --photos and --save-photos (empty: not used).
+bool runCase(const Case& c, const std::string& photosIn, const std::string& photosOut,
+             std::vector<std::string>* out, std::string* error) {
   double s = 1.0;
-  const cv::Mat photo = loadPhoto(c, &s);
+  cv::Mat photo = loadPhoto(c, &s);
   if (photo.empty()) {
     *error = c.name + ": cannot read " + c.photo;
     return false;
+  }
+  if (!photosIn.empty()) {
+    const std::string path = photosIn + "/" + c.name + ".png";
+    const cv::Mat saved = cv::imread(path, cv::IMREAD_COLOR);
+    if (saved.empty() || saved.size() != photo.size()) {
+      *error = c.name + ": no photo of " + std::to_string(photo.cols) + "x" + std::to_string(photo.rows) +
+               " in " + path;
+      return false;
+    }
+    photo = saved;
+  }
+  if (!photosOut.empty()) {
+    std::error_code made;
+    std::filesystem::create_directories(photosOut, made);
+    if (made || !cv::imwrite(photosOut + "/" + c.name + ".png", photo)) {
+      *error = c.name + ": cannot write its photo into " + photosOut;
+      return false;
+    }
   }
   const int w = photo.cols, h = photo.rows;
   std::vector<unsigned int> argb = segtools::toArgb(photo);
@@ -376,7 +406,7 @@ std::vector<Case> hugeCorpus(const std::string& root, const std::string& dataset
 
 int usage() {
   std::cerr << "usage: golden_outputs --corpus small|large|huge [--dataset DIR] [--only NAME]\n"
-               "                      [--record FILE | --check FILE]\n";
+               "                      [--record FILE | --check FILE] [--save-photos DIR | --photos DIR]\n";
   return 2;
 }
 
@@ -384,7 +414,7 @@ int usage() {
 
 int main(int argc, char** argv) {
   std::string corpus = "small", dataset = SEGCORE_SOURCE_DIR "/../shared/datasets/grabcut";
-  std::string only, record, check;
+  std::string only, record, check, photosIn, photosOut;
   for (int i = 1; i < argc; ++i) {
     const std::string a = argv[i];
     if (i + 1 >= argc) return usage();
@@ -393,6 +423,8 @@ int main(int argc, char** argv) {
     else if (a == "--only") only = argv[++i];
     else if (a == "--record") record = argv[++i];
     else if (a == "--check") check = argv[++i];
+    else if (a == "--photos") photosIn = argv[++i];
+    else if (a == "--save-photos") photosOut = argv[++i];
     else return usage();
   }
   std::vector<Case> cases;
@@ -406,7 +438,7 @@ int main(int argc, char** argv) {
     if (!only.empty() && c.name != only) continue;
     const auto t0 = std::chrono::steady_clock::now();
     std::string error;
-    if (!runCase(c, &lines, &error)) {
+    if (!runCase(c, photosIn, photosOut, &lines, &error)) {
       std::cerr << "golden_outputs: " << error << "\n";
       return 1;
     }
