@@ -209,11 +209,11 @@ RequestOutcome LibrarySession::cutOut(const std::vector<cv::Point>& points,
   return runWithMarks(points, markers, mode, cutOutImage, "edit abandoned; the previous mask stays");
 }
 
-RequestOutcome LibrarySession::undo() {
+RequestOutcome LibrarySession::stepHistory(int (*step)(unsigned int*, unsigned char*)) {
   RequestOutcome out;
   prepareBuffers();
   const auto start = std::chrono::steady_clock::now();
-  if (::undo(previewBuffer_.data(), maskBuffer_.data()) == SEGCORE_FAILED) {
+  if (step(previewBuffer_.data(), maskBuffer_.data()) == SEGCORE_FAILED) {
     out.note = kFailedNote;
     return out;
   }
@@ -227,21 +227,15 @@ RequestOutcome LibrarySession::undo() {
   return out;
 }
 
+RequestOutcome LibrarySession::undo() { return stepHistory(::undo); }
+
 RequestOutcome LibrarySession::redo() {
-  RequestOutcome out;
   if (!canRedo()) {
+    RequestOutcome out;
     out.note = "nothing to redo";
     return out;
   }
-  prepareBuffers();
-  const auto start = std::chrono::steady_clock::now();
-  if (::redo(previewBuffer_.data(), maskBuffer_.data()) == SEGCORE_FAILED) {
-    out.note = kFailedNote;
-    return out;
-  }
-  out.millis = millisSince(start);
-  out.delivered = collect();
-  return out;
+  return stepHistory(::redo);
 }
 
 void LibrarySession::reset() {

@@ -111,6 +111,9 @@ class LibrarySession {
   void restartContext();
   // Takes over the buffers after a call that may have delivered a mask.
   bool collect();
+  // One step through the history (undo or redo) into the session's buffers;
+  // a step that delivers nothing shows the plain photo.
+  RequestOutcome stepHistory(int (*step)(unsigned int*, unsigned char*));
 
   int width_;
   int height_;

@@ -410,11 +410,25 @@ try {
       type, touchPoints: points.map(([x, y], id) => ({ x, y, id, radiusX: 2, radiusY: 2, force: 1 })),
     });
     // The emulated phone drops a tap that comes within a moment of the end of
-    // a touch sequence (seen in headless Chromium); a finger pauses anyway.
-    const phoneTap = async (selector) => {
-      await sleep(400);
-      await phone.tap(selector);
+    // a touch sequence (seen in headless Chromium, for longer on a busy
+    // machine); a finger pauses anyway, and taps again when nothing happened.
+    // `took` is a page function that is true once the tap has had its effect.
+    const phoneTap = async (selector, took, arg) => {
+      for (let attempt = 1; ; ++attempt) {
+        await sleep(400);
+        await phone.tap(selector);
+        if (!took) return;
+        try {
+          await phone.waitForFunction(took, { timeout: 2000 }, arg);
+          return;
+        } catch (e) {
+          if (attempt === 5) throw e;
+        }
+      }
     };
+    const toolIs = (value) => document.querySelector('input[name="tool"]:checked').value === value;
+    // A request's start shows as busy, its end as a higher sequence number.
+    const requestStarted = (n) => window.playground.busy || window.playground.seq > n;
     const fingerDrag = async (photoPoints) => {
       const pts = [];
       for (const pt of photoPoints) pts.push(await screenPoint(...pt, phone));
@@ -433,9 +447,7 @@ try {
     check(sent.kind === 'rect' && sent.body.x1 === 65 && sent.body.y1 === 50 && sent.body.x2 === 485 &&
       sent.body.y2 === 392,
       'one finger drew the rectangle (photo pixels hit exactly at 62 %)');
-    await phoneTap('label[title^="Background brush"]');
-    await phone.waitForFunction(() => document.querySelector('input[name="tool"]:checked').value === 'background',
-      { timeout: 5000 });
+    await phoneTap('label[title^="Background brush"]', toolIs, 'background');
     n = await seq(phone);
     await fingerDrag([[240, 200], [290, 204], [340, 210]]);
     await settled(n, { p: phone });
@@ -443,7 +455,7 @@ try {
     check(sent.kind === 'stroke' && sent.body.object === false && sent.body.points.length >= 3,
       'one finger drew a background stroke');
     n = await seq(phone);
-    await phoneTap('#undo');
+    await phoneTap('#undo', requestStarted, n);
     await settled(n, { p: phone });
     const beforePinch = await state(phone);
     check(beforePinch.canRedo, 'undo on the phone left a redo step');
