@@ -37,24 +37,24 @@ const float* candidates() {
 }  // namespace
 
 int VELDSEHybrid::parallelLamdaSwtich(int iter) {
-  if (iter >= 4) return 1;
+  if (iter >= 4) return MODELS_UPDATE;
   if (iter < 3) {
     // Trial weights are applied as whole numbers (13.513 as 13.0); the exact
     // value is only used once a trial has been chosen.
     m_lambda = static_cast<double>(static_cast<int>(candidates()[iter]));
     cvCopy(m_cropLabelInit, m_cropLabel);
     // Trials 1 and 2 reuse the models fitted at trial 0.
-    return iter == 0 ? 0 : 2;
+    return iter == 0 ? MODELS_TRAIN : MODELS_KEEP;
   }
   const int k = optimalLamda(m_iterLabel, nullptr);
   if (k == -1) {
     m_lambda = static_cast<double>(VELDSEMarker::m_isGreyScale ? kGreyFallback : kColourFallback);
     cvCopy(m_cropLabelInit, m_cropLabel);
-    return 2;
+    return MODELS_KEEP;
   }
   m_lambda = static_cast<double>(candidates()[k]);
   cvCopy(m_iterLabel[k], m_cropLabel);
-  return 1;
+  return MODELS_UPDATE;
 }
 
 int VELDSEHybrid::optimalLamda(IplImage** labels, float* /*unused*/) {

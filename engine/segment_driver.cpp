@@ -112,24 +112,24 @@ IplImage* VELDSEHybrid::segment() {
   m_lambda = 50.0;
   VELDSEMarker::m_noiseLevel = 0.1;
   bool lambdaRequest = true;
-  int modelAction = 0;
+  int modelAction = MODELS_TRAIN;
   std::vector<pixelVal> objectSamples;
   std::vector<pixelVal> backgroundSamples;
   bool cancelled = false;
 
   for (int i = 0; i < kCuts; ++i) {
     if (lambdaRequest) modelAction = parallelLamdaSwtich(i);
-    if (modelAction == 1) {
+    if (modelAction == MODELS_UPDATE) {
       extractTrainingData(m_cropSrc, m_cropLabel, objectSamples, backgroundSamples);
       updateModel(objectSamples, backgroundSamples, m_fgModel, m_bgModel);
       homogenousLamda(i);
-    } else if (modelAction == 0) {
+    } else if (modelAction == MODELS_TRAIN) {
       extractTrainingData(m_cropSrc, m_cropLabel, objectSamples, backgroundSamples);
       initModel(backgroundSamples, m_bgModel, 10);
       initModel(objectSamples, m_fgModel, 10);
       // A homogeneous scene gains nothing from trial weights: stop asking.
       lambdaRequest = homogenousLamda(i) != 0;
-      modelAction = 1;
+      modelAction = MODELS_UPDATE;
     }
 
     if (i == 0 && lambdaRequest) {
