@@ -1,11 +1,15 @@
 // Grid graph and serial max-flow: worked cases, adoption rules, cancel and
 // time-out, and a randomized cross-check against Dinic's algorithm over an
 // explicit edge list.
+#include "graph/solver_core.h"
 #include "graph/veldse_graph.h"
 #include "interface/veldse_marker.h"
 #include "support/cpu_timer.h"
 #include "tests/maxflow_reference.h"
 #include "tests/test_support.h"
+
+#include <limits>
+#include <vector>
 
 namespace {
 
@@ -239,14 +243,58 @@ TEST(VELDSEGraphCrossCheck, LongPathsMatchDinic) {
   for (auto [w, h] : {std::pair{3000, 1}, {1, 2600}, {2, 2400}}) {
     SCOPED_TRACE(std::to_string(w) + "x" + std::to_string(h));
     GridCase gc = fullGrid(w, h, 0);
-    for (int p = 0; p < 4 * w * h; ++p)
-      if (!gc.absent[p])
-        gc.cap[p] = std::uniform_int_distribution<int>(1, 9)(rng), gc.revCap[p] = std::uniform_int_distribution<int>(1, 9)(rng);
+    std::uniform_int_distribution<int> capacity(1, 9);
+    for (int p = 0; p < 4 * w * h; ++p) {
+      if (gc.absent[p]) continue;
+      gc.cap[p] = capacity(rng);
+      gc.revCap[p] = capacity(rng);
+    }
     gc.terminals[0] = {{50, 0}};
     gc.terminals[w * h - 1] = {{0, 50}};
     VELDSEGraph g(w * h, 8 * w * h, w, h, 0);
     build(gc, &g);
     expectSameCut(gc, &g, g.maxFlow());
+  }
+}
+
+// Row of node i without a divide: checked against the hardware division for
+// the edge divisors (1, powers of two and their neighbours, the largest int)
+// and the edge dividends of each (around every multiple near 0 and near the
+// top of the int range, the largest int itself), plus a sweep in between.
+TEST(RowDivider, MatchesDivisionAtEdgeDividendsAndDivisors) {
+  std::vector<int> divisors = {1, 2, 3, 5, 7, 320, 641, 4095, 4096, 4097, 65535, 65536, 65537, 1000003};
+  for (int l = 20; l <= 30; l += 5) {
+    divisors.push_back((1 << l) - 1);
+    divisors.push_back(1 << l);
+    divisors.push_back((1 << l) + 1);
+  }
+  divisors.push_back(std::numeric_limits<int>::max() - 1);
+  divisors.push_back(std::numeric_limits<int>::max());
+  const long long kTop = std::numeric_limits<int>::max();
+  for (const int w : divisors) {
+    SCOPED_TRACE(::testing::Message() << "divisor " << w);
+    const graphcore::RowDivider div(w);
+    std::vector<long long> dividends = {0, 1, kTop, kTop - 1};
+    for (long long k = 0; k <= 3; ++k) {
+      for (long long d = -1; d <= 1; ++d) {
+        dividends.push_back(k * w + d);
+        dividends.push_back((kTop / w - k) * w + d);
+      }
+    }
+    for (long long i = 0; i <= kTop; i += kTop / 9973) dividends.push_back(i);
+    for (const long long i : dividends) {
+      if (i < 0 || i > kTop) continue;
+      ASSERT_EQ(div.row(static_cast<int>(i)), static_cast<int>(i / w)) << "dividend " << i;
+    }
+  }
+}
+
+// Every dividend of a small grid's node range, for every width up to 64.
+TEST(RowDivider, MatchesDivisionForEveryNodeOfSmallGrids) {
+  for (int w = 1; w <= 64; ++w) {
+    SCOPED_TRACE(::testing::Message() << "width " << w);
+    const graphcore::RowDivider div(w);
+    for (int i = 0; i < 64 * w; ++i) ASSERT_EQ(div.row(i), i / w) << "node " << i;
   }
 }
 
