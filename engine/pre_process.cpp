@@ -89,10 +89,8 @@ cv::Rect trimFlatLines(const cv::Mat& magnitude, const cv::Rect& rect) {
   return cv::Rect(rect.x + left, rect.y + top, right - left + 1, bottom - top + 1);
 }
 
-// Pass 2 grows the trimmed rectangle back outward on the grey box, side by
-// side (left, right, top, bottom), first over similar lines, then over lines
-// of similar mean level.
-void growBack(const cv::Mat& grey, cv::Rect& rect) {
+// The first half of growBack: outer lines similar to the retained edge.
+void growOverSimilarLines(const cv::Mat& grey, cv::Rect& rect) {
   const int cols = grey.cols;
   const int rows = grey.rows;
   int& x = rect.x;
@@ -129,6 +127,17 @@ void growBack(const cv::Mat& grey, cv::Rect& rect) {
     ++h;
   }
   while (y + h - 1 < rows - 1 && similar(rowDiff(y + h - 1, y + h))) ++h;
+}
+
+// The second half of growBack: up to kMeanSteps more lines on each side (left,
+// right, top, bottom) while neighbouring line means stay within kMeanStep.
+void growOverSimilarMeans(const cv::Mat& grey, cv::Rect& rect) {
+  const int cols = grey.cols;
+  const int rows = grey.rows;
+  int& x = rect.x;
+  int& y = rect.y;
+  int& w = rect.width;
+  int& h = rect.height;
 
   auto columnMean = [&](int c) {
     int sum = 0;
@@ -172,6 +181,14 @@ void growBack(const cv::Mat& grey, cv::Rect& rect) {
     h += meanSteps([&](int i) { return rowMean(edge + i); },
                    [&](int i) { return rowMean(edge + i + 1); });
   }
+}
+
+// Pass 2 grows the trimmed rectangle back outward on the grey box, side by
+// side (left, right, top, bottom), first over similar lines, then over lines
+// of similar mean level.
+void growBack(const cv::Mat& grey, cv::Rect& rect) {
+  growOverSimilarLines(grey, rect);
+  growOverSimilarMeans(grey, rect);
 }
 
 }  // namespace
