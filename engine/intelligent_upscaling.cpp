@@ -47,12 +47,13 @@
 #include <opencv2/core/core_c.h>
 #include <opencv2/imgproc/imgproc_c.h>
 
-#include "engine/engine_util.h"
 #include "engine/veldse_hybrid.h"
 #include "graph/band_graph.h"
 #include "interface/veldse_marker.h"
 #include "support/byte_runs.h"
+#include "support/image_rows.h"
 #include "support/owned.h"
+#include "support/size_check.h"
 #include "support/slices.h"
 #include "support/veld_memory.h"
 

@@ -13,10 +13,10 @@
 
 #include <opencv2/core/core_c.h>
 
-#include "engine/engine_util.h"
 #include "engine/mask_components.h"
 #include "engine/veldse_hybrid.h"
 #include "interface/veldse_marker.h"
+#include "support/image_rows.h"
 #include "support/owned.h"
 #include "support/veld_memory.h"
 

@@ -4,9 +4,9 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "engine/engine_util.h"
 #include "engine/veldse_hybrid.h"
 #include "interface/veldse_marker.h"
+#include "support/image_rows.h"
 #include "support/owned.h"
 #include "support/veld_memory.h"
 

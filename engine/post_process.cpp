@@ -8,11 +8,12 @@
 #include <algorithm>
 #include <vector>
 
-#include "engine/engine_util.h"
 #include "engine/mask_components.h"
 #include "engine/veldse_hybrid.h"
 #include "interface/veldse_marker.h"
+#include "support/image_rows.h"
 #include "support/owned.h"
+#include "support/size_check.h"
 
 namespace {
 

@@ -17,17 +17,16 @@
 
 #include "colormodel/kmeans_init.h"
 #include "colormodel/training.h"
-#include "engine/engine_util.h"
 #include "engine/veldse_hybrid.h"
 #include "engine/working_cuts.h"
 #include "interface/veldse_marker.h"
 #include "support/cpu_timer.h"
+#include "support/image_rows.h"
 #include "support/owned.h"
 
 namespace {
 
 const int kCuts = 5;
-const double kTimeoutMs = 10000.0;
 
 // How well the inner boundary of the object in `label` follows image edges:
 // (strong-edge pixels - weak-edge pixels) / boundary pixels.
@@ -145,7 +144,7 @@ IplImage* VELDSEHybrid::segment() {
     }
 
     stop_cpu_timer(g_cancelTimer);
-    if (get_elapsed_time_in_millisec(g_cancelTimer) > kTimeoutMs ||
+    if (get_elapsed_time_in_millisec(g_cancelTimer) > kCancelTimeLimitMs ||
         VELDSEMarker::m_exitApp.load(std::memory_order_relaxed)) {
       cancelled = true;
       break;
@@ -193,6 +192,6 @@ void VELDSEHybrid::chooseIter() {
 
 bool VELDSEHybrid::cancelSegmentation() {
   stop_cpu_timer(g_cancelTimer);
-  return get_elapsed_time_in_millisec(g_cancelTimer) > kTimeoutMs ||
+  return get_elapsed_time_in_millisec(g_cancelTimer) > kCancelTimeLimitMs ||
          VELDSEMarker::m_exitApp.load(std::memory_order_relaxed);
 }

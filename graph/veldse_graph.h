@@ -129,6 +129,8 @@
 #ifndef SEGCORE_GRAPH_VELDSE_GRAPH_H
 #define SEGCORE_GRAPH_VELDSE_GRAPH_H
 
+#include "support/cpu_timer.h"
+
 namespace graphcore {
 class LimitWatch;
 }
@@ -154,8 +156,8 @@ class VELDSEGraph {
   static constexpr int FREE_TREE = 2;
   // Capacity value of both slots of an absent edge.
   static constexpr float ABSENT_EDGE = -2.0f;
-  // A run is abandoned once g_cancelTimer exceeds this.
-  static constexpr double TIME_LIMIT_MS = 10000.0;
+  // A run is abandoned once g_cancelTimer exceeds this (support/cpu_timer.h).
+  static constexpr double TIME_LIMIT_MS = kCancelTimeLimitMs;
 
   VELDSEGraph(int nodeMax, int edgeMax, int width, int height, int threads);
   VELDSEGraph(VELDSEGraph* g, int blockRow, int blockCol, int blockWidth, int blockHeight);
