@@ -23,8 +23,9 @@ TEST(ByteRuns, RunsEndingAtEveryOffsetOfAWord) {
       for (int width = 0; width <= kMaxWidth; ++width) {
         for (int start = 0; start <= width; ++start) {
           for (int end = start; end <= width; ++end) {
-            SCOPED_TRACE(::testing::Message() << "value " << int(value) << ", alignment " << align << ", width "
-                                              << width << ", run [" << start << ", " << end << ")");
+            SCOPED_TRACE(::testing::Message()
+                         << "value " << int(value) << ", alignment " << align << ", width " << width
+                         << ", run [" << start << ", " << end << ")");
             // Bytes past width hold the run's value: the skip must stop at
             // width, not run on into them.
             std::vector<unsigned char> buffer(static_cast<size_t>(align + kMaxWidth + 8), value);

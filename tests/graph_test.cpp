@@ -24,20 +24,29 @@ const int T = VELDSEGraph::TERMINAL, O = VELDSEGraph::NONE;
 const int SRC = VELDSEGraph::SOURCE_TREE, SNK = VELDSEGraph::SINK_TREE, FREE = VELDSEGraph::FREE_TREE;
 
 TEST(VELDSEGraphMaxFlow, WorkedCases) {
-  struct Case { const char* name; GridCase gc; float flow; std::vector<int> trees; };  // trees: getTreeofNode per node
-  std::vector<Case> cases = {{"1x1 source", emptyGrid(1, 1), 3, {0}},
-                             {"1x1 sink", emptyGrid(1, 1), 3, {1}},
-                             {"two nodes joined by 2", emptyGrid(2, 1), 2, {0, 1}},
-                             {"no terminal links", fullGrid(3, 2, 4), 0, {0, 0, 0, 0, 0, 0}},
-                             // The middle column is cut off: it stays free (source side).
-                             {"isolated middle", emptyGrid(3, 3), 0, {0, 0, 1, 0, 0, 1, 0, 0, 1}},
-                             {"chain bottleneck", emptyGrid(3, 1), 1, {0, 0, 1}},
-                             {"centre with all neighbours absent", fullGrid(3, 3, 5), 7, std::vector<int>(9, 0)}};
+  struct Case {
+    const char* name;
+    GridCase gc;
+    float flow;
+    std::vector<int> trees;
+  };  // trees: getTreeofNode per node
+  std::vector<Case> cases = {
+      {"1x1 source", emptyGrid(1, 1), 3, {0}},
+      {"1x1 sink", emptyGrid(1, 1), 3, {1}},
+      {"two nodes joined by 2", emptyGrid(2, 1), 2, {0, 1}},
+      {"no terminal links", fullGrid(3, 2, 4), 0, {0, 0, 0, 0, 0, 0}},
+      // The middle column is cut off: it stays free (source side).
+      {"isolated middle", emptyGrid(3, 3), 0, {0, 0, 1, 0, 0, 1, 0, 0, 1}},
+      {"chain bottleneck", emptyGrid(3, 1), 1, {0, 0, 1}},
+      {"centre with all neighbours absent", fullGrid(3, 3, 5), 7, std::vector<int>(9, 0)}};
   cases[0].gc.terminals[0] = {{5, 3}};
   cases[1].gc.terminals[0] = {{3, 5}};
   cases[2].gc.terminals = {{{5, 0}}, {{0, 3}}};
   setEdge(&cases[2].gc, 1, 0, 2, 2);
-  for (int r = 0; r < 3; ++r) cases[4].gc.terminals[3 * r] = {{4, 0}}, cases[4].gc.terminals[3 * r + 2] = {{0, 4}};
+  for (int r = 0; r < 3; ++r) {
+    cases[4].gc.terminals[3 * r] = {{4, 0}};
+    cases[4].gc.terminals[3 * r + 2] = {{0, 4}};
+  }
   cases[5].gc.terminals = {{{9, 0}}, {}, {{0, 9}}};
   setEdge(&cases[5].gc, 1, 0, 0, 5);  // 0 -> 1 is 5
   setEdge(&cases[5].gc, 2, 0, 7, 1);  // 1 -> 2 is 1
@@ -173,8 +182,14 @@ TEST_F(VELDSEGraphCancel, FlagOrTimerOverTenSecondsStopsAfterTheFirstVisit) {
   const float full = static_cast<float>(maxflow_reference::solveReference(gc).flow);
   // Flag set before: only the terminal flow. Over the limit: node 0 grows
   // into nothing and finds sink node 1 (+3), then stops.
-  const struct { const char* name; bool flag; int secondsAgo; float flow; } cases[] = {
-      {"flag set before the run", true, -1, 3.0f}, {"9 s used", false, 9, full}, {"11 s used", false, 11, 6.0f}};
+  const struct {
+    const char* name;
+    bool flag;
+    int secondsAgo;
+    float flow;
+  } cases[] = {{"flag set before the run", true, -1, 3.0f},
+               {"9 s used", false, 9, full},
+               {"11 s used", false, 11, 6.0f}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     VELDSEGraph g(4, 32, 2, 2, 0);
@@ -221,7 +236,8 @@ TEST(VELDSEGraphCrossCheck, RandomGridsMatchDinicAlsoAfterReset) {
   std::mt19937 rng(20240611u);
   for (int t = 0; t < 1200; ++t) {
     SCOPED_TRACE("grid " + std::to_string(t));
-    const int w = std::uniform_int_distribution<int>(1, 20)(rng), h = std::uniform_int_distribution<int>(1, 20)(rng);
+    const int w = std::uniform_int_distribution<int>(1, 20)(rng),
+              h = std::uniform_int_distribution<int>(1, 20)(rng);
     VELDSEGraph g(w * h, 8 * w * h, w, h, 0);
     ASSERT_NE(g.m_nodes, nullptr);
     nodes* const arr = g.m_nodes;
