@@ -90,14 +90,11 @@ cv::Rect trimFlatLines(const cv::Mat& magnitude, const cv::Rect& rect) {
   return cv::Rect(rect.x + left, rect.y + top, right - left + 1, bottom - top + 1);
 }
 
-// The first half of growBack: outer lines similar to the retained edge.
-void growOverSimilarLines(const cv::Mat& grey, cv::Rect& rect) {
+// The first half of growBack: outer lines similar to the retained edge. x, y,
+// w, h: the rectangle, grown in place.
+void growOverSimilarLines(const cv::Mat& grey, int& x, int& y, int& w, int& h) {
   const int cols = grey.cols;
   const int rows = grey.rows;
-  int& x = rect.x;
-  int& y = rect.y;
-  int& w = rect.width;
-  int& h = rect.height;
 
   // Mean absolute difference of two columns over R's rows / two rows over R's
   // columns.
@@ -132,13 +129,9 @@ void growOverSimilarLines(const cv::Mat& grey, cv::Rect& rect) {
 
 // The second half of growBack: up to kMeanSteps more lines on each side (left,
 // right, top, bottom) while neighbouring line means stay within kMeanStep.
-void growOverSimilarMeans(const cv::Mat& grey, cv::Rect& rect) {
+void growOverSimilarMeans(const cv::Mat& grey, int& x, int& y, int& w, int& h) {
   const int cols = grey.cols;
   const int rows = grey.rows;
-  int& x = rect.x;
-  int& y = rect.y;
-  int& w = rect.width;
-  int& h = rect.height;
 
   auto columnMean = [&](int c) {
     int sum = 0;
@@ -188,8 +181,8 @@ void growOverSimilarMeans(const cv::Mat& grey, cv::Rect& rect) {
 // side (left, right, top, bottom), first over similar lines, then over lines
 // of similar mean level.
 void growBack(const cv::Mat& grey, cv::Rect& rect) {
-  growOverSimilarLines(grey, rect);
-  growOverSimilarMeans(grey, rect);
+  growOverSimilarLines(grey, rect.x, rect.y, rect.width, rect.height);
+  growOverSimilarMeans(grey, rect.x, rect.y, rect.width, rect.height);
 }
 
 }  // namespace

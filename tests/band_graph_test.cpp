@@ -158,22 +158,12 @@ Terminals withNonFinite(const GridCase& gc, std::mt19937* rng, int percent) {
   for (auto& calls : t) {
     if (uni(1, 100) > percent) continue;
     const float finite = static_cast<float>(uni(-5, 25));
-    switch (uni(0, 4)) {
-      case 0:
-        calls.push_back({kInf, kInf});
-        break;
-      case 1:
-        calls.push_back({kInf, finite});
-        break;
-      case 2:
-        calls.push_back({finite, kInf});
-        break;
-      case 3:
-        calls.push_back({kNaN, finite});
-        break;
-      default:
-        calls.insert(calls.begin(), {kInf, kInf});
-        break;  // NaN first, then a finite call
+    const std::pair<float, float> kinds[4] = {{kInf, kInf}, {kInf, finite}, {finite, kInf}, {kNaN, finite}};
+    const int kind = uni(0, 4);
+    if (kind < 4) {
+      calls.push_back(kinds[kind]);
+    } else {
+      calls.insert(calls.begin(), {kInf, kInf});  // NaN first, then a finite call
     }
   }
   return t;
