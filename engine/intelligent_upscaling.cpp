@@ -26,13 +26,14 @@
 //   Enlargement       where each full-size row and column comes from
 //   findBandBox       the full-size box of every pixel that is not fixed
 //   cropBand          trimap, photo (and textures) of the box
-//   constructGraphTrimapVELD   the band graph: numberBand, addBandTerminals,
-//                     contrastTable, addBandEdges
+//   constructGraphTrimapVELD   the band graph: BandNumbering,
+//                     addBandTerminals, contrastTable, addBandEdges
 //   solveBesideLabels the cut, while the enlarged labels are written
 //   writeBandCut      the band's pixels take the cut
 //   plainEnlargement  the fall-back when there is no band or no graph
-// Every loop over band pixels walks them through BandNumbering, so that the
-// builder, the likelihoods and the write-back agree on which node is which.
+// Every loop over band pixels walks them through one walk (forEachBandNode,
+// and BandNumbering built on it), so that the builder, the likelihoods and
+// the write-back agree on which node is which.
 #include <algorithm>
 #include <climits>
 #include <cmath>
