@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <climits>
 #include <cstdint>
 #include <cstring>
 #include <new>
@@ -90,8 +91,13 @@ VELDSEGraph* createBandGraph(int nodeCount, int width, int height) {
   const long records = nodeCount > 16 ? nodeCount : 16;
   // The capacities and every array of the table, counted in the capacity
   // pairs (eight bytes) the graph's constructor allocates.
-  const long bytes = static_cast<long>(kCapacityBytes + bytesBefore(kBandArrays)) * records;
-  VELDSEGraph* g = new VELDSEGraph(nodeCount, static_cast<int>((bytes + 7) / 8), width, height, 0);
+  // In 64 bits: on a 32-bit target a band of some tens of millions of nodes
+  // would overflow long. A count beyond int asks for more than the allocator
+  // can give, so the arrays come back null as they would for any size it
+  // cannot serve.
+  const long long bytes = static_cast<long long>(kCapacityBytes + bytesBefore(kBandArrays)) * records;
+  const long long pairs = std::min<long long>((bytes + 7) / 8, INT_MAX);
+  VELDSEGraph* g = new VELDSEGraph(nodeCount, static_cast<int>(pairs), width, height, 0);
   if (g->m_nodes == nullptr || g->m_caps == nullptr) return g;
   g->m_capMax = g->m_caps + 8 * records;
   preferHugePages(g->m_nodes, g->m_nodeMax);
