@@ -508,7 +508,8 @@ void childPoint(const Call& c, const Photo& p, const Reference& ref, long index,
   alloc_faults::failAt(index);
   const auto started = std::chrono::steady_clock::now();
   const int status = c.run(p, o);
-  const double ranMs = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count();
+  const double ranMs =
+      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count();
   alloc_faults::stop();
   const bool fired = alloc_faults::fired();
 
@@ -698,7 +699,7 @@ Tally sweep(const Call& c, const Photo& p, const Reference& ref, long only) {
   // One child per core.
   const size_t kJobs = static_cast<size_t>(std::max(1L, sysconf(_SC_NPROCESSORS_ONLN)));
   std::map<pid_t, std::pair<long, int>> running;  // pid -> (index, fd)
-  std::map<long, int> reruns;                      // index -> runs past the time limit so far
+  std::map<long, int> reruns;                     // index -> runs past the time limit so far
   constexpr int kMaxReruns = 3;
   size_t next = 0;
   while (next < indices.size() || !running.empty()) {
