@@ -53,17 +53,11 @@ struct Driver {
     const int y = s.h / 10, q = s.h / 3;
     std::fill(mask.begin(), mask.end(), 77);
     switch (kind) {
-      case 0:
-        mark({x1, y1, x2, y1, x2, y2, x1, y2}, x1, y1, x2, y2, LABEL_PR_FG, 0);
-        break;
+      case 0: mark({x1, y1, x2, y1, x2, y2, x1, y2}, x1, y1, x2, y2, LABEL_PR_FG, 0); break;
       case 1:
-      case 2:
-        mark({-500, y, s.w / 3, y, s.w + 900, y}, 0, y, s.w - 1, y, LABEL_BG, 3);
-        break;
-      case 3:
-        return undo(blended.data(), mask.data());
-      case 4:
-        return redo(blended.data(), mask.data());
+      case 2: mark({-500, y, s.w / 3, y, s.w + 900, y}, 0, y, s.w - 1, y, LABEL_BG, 3); break;
+      case 3: return undo(blended.data(), mask.data());
+      case 4: return redo(blended.data(), mask.data());
       default:
         return doSegmentationBB(s.w, s.h, const_cast<unsigned int*>(s.argb.data()), s.w / 2 - q, s.h / 2 - q,
                                 s.w / 2 + q, s.h / 2 + q, mask.data());
