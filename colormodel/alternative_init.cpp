@@ -6,6 +6,7 @@
 #include <cstddef>
 
 #include "colormodel/kmeans_init.h"
+#include "support/image_rows.h"
 
 int g_maxVarDir = 0;
 
@@ -46,8 +47,7 @@ void initThirdInitalization(const IplImage* colour, const IplImage* label,
   std::vector<pixelVal> rest;
   if (label != nullptr) {
     for (int y = 0; y < colour->height; ++y) {
-      const unsigned char* lab =
-          reinterpret_cast<const unsigned char*>(label->imageData + y * label->widthStep);
+      const unsigned char* lab = imageRow(label, y);
       for (int x = 0; x < colour->width; ++x) {
         const CvScalar v = cvGet2D(colour, y, x);
         const pixelVal s = {{v.val[0], v.val[1], v.val[2]}};

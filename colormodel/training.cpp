@@ -6,6 +6,7 @@
 #include "colormodel/kmeans_init.h"
 #include "interface/veldse_marker.h"
 #include "support/colour_memo.h"
+#include "support/image_rows.h"
 #include "support/owned.h"
 #include "support/slices.h"
 #include "support/veld_memory.h"
@@ -34,17 +35,13 @@ void extractTrainingData(const IplImage* colour, const IplImage* label,
     const int yOff = VELDSEMarker::m_yMinBBox;
     const int step = colour->nChannels;
     for (int y = 0; y < colour->height; ++y) {
-      const unsigned char* src =
-          reinterpret_cast<const unsigned char*>(colour->imageData + y * colour->widthStep);
-      const unsigned char* lab =
-          reinterpret_cast<const unsigned char*>(label->imageData + y * label->widthStep);
+      const unsigned char* src = imageRow(colour, y);
+      const unsigned char* lab = imageRow(label, y);
       const unsigned char* hor = nullptr;
       const unsigned char* ver = nullptr;
       if (grey) {
-        hor = reinterpret_cast<const unsigned char*>(texHor->imageData +
-                                                     (yOff + y) * texHor->widthStep) + xOff;
-        ver = reinterpret_cast<const unsigned char*>(texVer->imageData +
-                                                     (yOff + y) * texVer->widthStep) + xOff;
+        hor = imageRow(texHor, yOff + y) + xOff;
+        ver = imageRow(texVer, yOff + y) + xOff;
       }
       for (int x = 0; x < colour->width; ++x) {
         const unsigned char code = lab[x];

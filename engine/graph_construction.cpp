@@ -16,11 +16,11 @@
 #include <cstdint>
 #include <vector>
 
-#include "engine/engine_util.h"
 #include "engine/veldse_hybrid.h"
 #include "engine/working_cuts.h"
 #include "interface/veldse_marker.h"
 #include "support/colour_memo.h"
+#include "support/image_rows.h"
 #include "support/owned.h"
 #include "support/slices.h"
 #include "support/veld_memory.h"

@@ -5,10 +5,11 @@
 #include <cmath>
 #include <cstdlib>
 
-#include "engine/engine_util.h"
 #include "engine/veldse_hybrid.h"
 #include "interface/veldse_marker.h"
+#include "support/image_rows.h"
 #include "support/owned.h"
+#include "support/size_check.h"
 
 namespace {
 

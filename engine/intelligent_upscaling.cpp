@@ -20,6 +20,20 @@
 //     nearest-neighbour enlargement is a pair of index maps (one per axis,
 //     taken from cvResize itself), read through where a pixel is needed;
 //   * the photo is read in place through a header on the box.
+//
+// The steps, in the order intelligentUpscaling takes them:
+//   workingTrimap     rings and band of the working mask, at working size
+//   Enlargement       where each full-size row and column comes from
+//   findBandBox       the full-size box of every pixel that is not fixed
+//   cropBand          trimap, photo (and textures) of the box
+//   constructGraphTrimapVELD   the band graph: BandNumbering,
+//                     addBandTerminals, contrastTable, addBandEdges
+//   solveBesideLabels the cut, while the enlarged labels are written
+//   writeBandCut      the band's pixels take the cut
+//   plainEnlargement  the fall-back when there is no band or no graph
+// Every loop over band pixels walks them through one walk (forEachBandNode,
+// and BandNumbering built on it), so that the builder, the likelihoods and
+// the write-back agree on which node is which.
 #include <algorithm>
 #include <climits>
 #include <cmath>
@@ -27,17 +41,20 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <numeric>
 #include <vector>
 
 #include <android/log.h>
 #include <opencv2/core/core_c.h>
 #include <opencv2/imgproc/imgproc_c.h>
 
-#include "engine/engine_util.h"
 #include "engine/veldse_hybrid.h"
 #include "graph/band_graph.h"
 #include "interface/veldse_marker.h"
+#include "support/byte_runs.h"
+#include "support/image_rows.h"
 #include "support/owned.h"
+#include "support/size_check.h"
 #include "support/slices.h"
 #include "support/veld_memory.h"
 
@@ -71,19 +88,55 @@ std::vector<int> nearestMap(int from, int to) {
   return map;
 }
 
-// The first x' >= x of the row below width that is not fixed (width if none).
-// Most of a box is fixed, so the rows are skimmed eight bytes at a time.
-int nextCut(const unsigned char* row, int x, int width) {
-  const uint64_t fixed8 = 0x0101010101010101ull * kFixed;
-  while (x + 8 <= width) {
-    uint64_t word;
-    std::memcpy(&word, row + x, 8);
-    if (word != fixed8) break;
-    x += 8;
+// visit(x) for every pixel of the row below width that is not fixed (a cut
+// pixel), left to right. Most of a box is fixed, so the runs of fixed pixels
+// are skimmed a word at a time.
+template <class Visit>
+void forEachCutPixel(const unsigned char* row, int width, const Visit& visit) {
+  for (int x = skipByteRun(row, 0, width, kFixed); x < width; x = skipByteRun(row, x + 1, width, kFixed)) {
+    visit(x);
   }
-  while (x < width && row[x] == kFixed) ++x;
-  return x;
 }
+
+// visit(x, y, node) for every cut pixel of the trimap's width x height box,
+// in row-major order, node counting them from 0: the band graph's numbering
+// (graph/band_graph.h). Every loop over band nodes goes through this walk or
+// BandNumbering, which is built from it.
+template <class Visit>
+void forEachBandNode(const IplImage* trimap, int width, int height, const Visit& visit) {
+  int node = 0;
+  for (int y = 0; y < height; ++y) {
+    forEachCutPixel(imageRow(trimap, y), width, [&](int x) { visit(x, y, node++); });
+  }
+}
+
+// How the band graph numbers the pixels of a cropped trimap: node k is the
+// k-th pixel that is not fixed, in row-major order; with the index of each
+// row's first node, so that slices of rows can be walked on their own.
+class BandNumbering {
+ public:
+  BandNumbering(const IplImage* trimap, int width, int height)
+      : trimap_(trimap), width_(width), rowStart_(static_cast<size_t>(height) + 1, 0) {
+    forEachBandNode(trimap, width, height, [this](int, int y, int) { ++rowStart_[y + 1]; });
+    std::partial_sum(rowStart_.begin(), rowStart_.end(), rowStart_.begin());
+  }
+  int nodes() const { return rowStart_.back(); }
+  int height() const { return static_cast<int>(rowStart_.size()) - 1; }
+  // The node of row y's first cut pixel (nodes() for y = height()).
+  int first(int y) const { return rowStart_[y]; }
+  const unsigned char* codes(int y) const { return imageRow(trimap_, y); }
+  // visit(x, node) for every cut pixel of row y, left to right.
+  template <class Visit>
+  void row(int y, const Visit& visit) const {
+    int node = rowStart_[y];
+    forEachCutPixel(codes(y), width_, [&](int x) { visit(x, node++); });
+  }
+
+ private:
+  const IplImage* trimap_;
+  int width_;
+  std::vector<int> rowStart_;
+};
 
 // A working-size image seen at full size through the nearest-neighbour maps.
 struct Enlarged {
@@ -148,8 +201,8 @@ void fixInertRingPixels(IplImage* trimap, double lambda) {
     const unsigned char* above = y > 0 ? imageRow(trimap, y - 1) : nullptr;
     unsigned char* row = imageRow(trimap, y);
     const unsigned char* below = y < h - 1 ? imageRow(trimap, y + 1) : nullptr;
-    for (int x = nextCut(row, 0, w); x < w; x = nextCut(row, x + 1, w)) {
-      if (row[x] != kOuterRing && row[x] != kInnerRing) continue;
+    forEachCutPixel(row, w, [&](int x) {
+      if (row[x] != kOuterRing && row[x] != kInnerRing) return;
       const int x0 = x > 0 ? x - 1 : x;
       const int x1 = x < w - 1 ? x + 1 : x;
       bool touches = false;
@@ -158,28 +211,163 @@ void fixInertRingPixels(IplImage* trimap, double lambda) {
                   (below != nullptr && below[i] == kBand);
       }
       if (!touches) row[x] = kFixed;
+    });
+  }
+}
+
+// --- Step: the trimap at working size ----------------------------------------
+
+// The trimap of a working mask (object 1, background 0): a new image of the
+// mask's size holding kFixed, kOuterRing, kBand or kInnerRing per pixel.
+owned::Image workingTrimap(const IplImage* mask) {
+  owned::Image sumOwner(createChecked(mask->width, mask->height, 1812));
+  const owned::Image scratchOwner(createChecked(mask->width, mask->height, 1813));
+  IplImage* const sum = sumOwner.get();
+  IplImage* const scratch = scratchOwner.get();
+
+  // How many of dilate x3, dilate x1, erode x1, erode x3 call each pixel
+  // object (the mask holds 1 for object, so the saturating sum counts).
+  cvSetZero(sum);
+  cvSetZero(scratch);
+  cvDilate(mask, scratch, nullptr, 3);
+  cvAdd(sum, scratch, sum);
+  cvDilate(mask, scratch, nullptr, 1);
+  cvAdd(sum, scratch, sum);
+  cvErode(mask, scratch, nullptr, 1);
+  cvAdd(sum, scratch, sum);
+  cvErode(mask, scratch, nullptr, 3);
+  cvAdd(sum, scratch, sum);
+
+  // 0 and 4: far from the boundary; 1: outer ring; 2: band; 3: inner ring.
+  static const unsigned char kRecode[5] = {kFixed, kOuterRing, kBand, kInnerRing, kFixed};
+  for (int y = 0; y < sum->height; ++y) {
+    unsigned char* s = imageRow(sum, y);
+    for (int x = 0; x < sum->width; ++x) {
+      if (s[x] <= 4) s[x] = kRecode[s[x]];
     }
   }
+  return sumOwner;
 }
 
-}  // namespace
+// --- Step: the enlargement ---------------------------------------------------
 
-IplImage* VELDSEHybrid::cropImageTrimap(IplImage* src, int w, int h, int y0, int x0) {
-  if (w < 1 || h < 1) logMemoryCrash("cropImageTrimap", 1762);
-  IplImage* crop = createImage(cvSize(w, h), IPL_DEPTH_8U, src->nChannels);
-  const int channels = src->nChannels;
-  // Nothing below can fail: the crop is handed over as it is.
-  if (channels < 1) return crop;
-  const int bytes = m_boundWidthTrimap * channels;
-  for (int r = 0; r < m_boundHeightTrimap; ++r) {
-    const unsigned char* in = imageRow(src, y0 + r) + x0 * channels;
-    unsigned char* out = imageRow(crop, r);
-    for (int i = 0; i < bytes; ++i) out[i] = in[i];
+// Where every full-size row and column of the trimap and of the working label
+// image comes from (the two share their maps when they share their size).
+// Nothing of full size is materialised; the images are read through these.
+class Enlargement {
+ public:
+  Enlargement(const IplImage* trimap, const IplImage* labels, int fullW, int fullH)
+      : trimap_(trimap),
+        labels_(labels),
+        xs_(nearestMap(trimap->width, fullW)),
+        ys_(nearestMap(trimap->height, fullH)),
+        sameSize_(labels->width == trimap->width && labels->height == trimap->height),
+        labelXs_(sameSize_ ? std::vector<int>() : nearestMap(labels->width, fullW)),
+        labelYs_(sameSize_ ? std::vector<int>() : nearestMap(labels->height, fullH)) {}
+  Enlarged trimap() const { return Enlarged{trimap_, &xs_, &ys_}; }
+  Enlarged labels() const {
+    return Enlarged{labels_, sameSize_ ? &xs_ : &labelXs_, sameSize_ ? &ys_ : &labelYs_};
   }
-  return crop;
+
+ private:
+  const IplImage* trimap_;
+  const IplImage* labels_;
+  std::vector<int> xs_;
+  std::vector<int> ys_;
+  bool sameSize_;
+  std::vector<int> labelXs_;
+  std::vector<int> labelYs_;
+};
+
+// --- Step: the band box ------------------------------------------------------
+
+// Full-size box of every pixel that is not fixed; INT_MAX / -1 bounds when
+// there is none.
+struct BandBox {
+  int xmin = INT_MAX;
+  int xmax = -1;
+  int ymin = INT_MAX;
+  int ymax = -1;
+
+  int width() const { return xmax - xmin + 1; }
+  int height() const { return ymax - ymin + 1; }
+  bool usable(int fullW, int fullH) const {
+    return !(xmin >= fullW || ymin >= fullH || xmax - xmin < 0 || ymax - ymin < 0 || xmax < 0 || ymax < 0);
+  }
+};
+
+// Marks in `from` the working columns (rows) that some full-size column (row)
+// is enlarged from.
+std::vector<unsigned char> usedBy(const std::vector<int>& map, int size) {
+  std::vector<unsigned char> used(static_cast<size_t>(size), 0);
+  for (int source : map) used[source] = 1;
+  return used;
 }
 
-namespace {
+// The first and last full-size index whose working index is marked.
+void extent(const std::vector<int>& map, const std::vector<unsigned char>& marked, int* lo, int* hi) {
+  for (int i = 0; i < static_cast<int>(map.size()); ++i) {
+    if (!marked[map[i]]) continue;
+    if (i < *lo) *lo = i;
+    *hi = i;
+  }
+}
+
+// The enlarged columns and rows whose working column or row holds a
+// non-fixed pixel of a used row or column.
+BandBox findBandBox(const IplImage* trimap, const Enlarged& enlarged) {
+  const std::vector<unsigned char> usedRow = usedBy(*enlarged.ys, trimap->height);
+  const std::vector<unsigned char> usedColumn = usedBy(*enlarged.xs, trimap->width);
+  std::vector<unsigned char> bandColumn(trimap->width, 0), bandRow(trimap->height, 0);
+  for (int sy = 0; sy < trimap->height; ++sy) {
+    if (!usedRow[sy]) continue;
+    const unsigned char* t = imageRow(trimap, sy);
+    for (int sx = 0; sx < trimap->width; ++sx) {
+      if (t[sx] == kFixed || !usedColumn[sx]) continue;
+      bandColumn[sx] = 1;
+      bandRow[sy] = 1;
+    }
+  }
+  BandBox box;
+  extent(*enlarged.xs, bandColumn, &box.xmin, &box.xmax);
+  extent(*enlarged.ys, bandRow, &box.ymin, &box.ymax);
+  return box;
+}
+
+// --- Step: the crops ---------------------------------------------------------
+
+// What the band graph is built from, all of the box's size.
+struct BandCrops {
+  owned::Image trimap;
+  // The builder only reads the photo, so a header on the box (nothing to
+  // allocate or release) serves as its crop.
+  IplImage photo;
+  owned::Image hor;  // grey photos only
+  owned::Image ver;
+};
+
+void cropBand(const Enlarged& trimap, int x0, int y0, int w, int h, double lambda, BandCrops* crops) {
+  crops->trimap = cropEnlarged(trimap, x0, y0, w, h);
+  fixInertRingPixels(crops->trimap.get(), lambda);
+  const IplImage* photo = VELDSEMarker::m_originalImage;
+  constexpr int kRowAlign = 4;  // as cvCreateImageHeader
+  cvInitImageHeader(&crops->photo, cvSize(w, h), IPL_DEPTH_8U, 3, IPL_ORIGIN_TL, kRowAlign);
+  cvSetData(&crops->photo, photo->imageData + static_cast<long>(y0) * photo->widthStep + 3 * x0,
+            photo->widthStep);
+  if (!VELDSEMarker::m_isGreyScale) return;
+  const int fullW = VELDSEMarker::m_originalWidth;
+  const int fullH = VELDSEMarker::m_originalHeight;
+  checkImageSize(fullW, fullH, "intelligentUpscaling", 1981);
+  checkImageSize(fullW, fullH, "intelligentUpscaling", 1982);
+  const IplImage* hor = VELDSEMarker::m_texHor;
+  const IplImage* ver = VELDSEMarker::m_texVer;
+  const std::vector<int> texXs = nearestMap(hor->width, fullW);
+  const std::vector<int> texYs = nearestMap(hor->height, fullH);
+  crops->hor = cropEnlarged(Enlarged{hor, &texXs, &texYs}, x0, y0, w, h);
+  crops->ver = cropEnlarged(Enlarged{ver, &texXs, &texYs}, x0, y0, w, h);
+}
+
+// --- Step: the band graph's terminal links -----------------------------------
 
 // Above this many band nodes the likelihoods are worked out on several
 // threads (at most four).
@@ -209,73 +397,52 @@ struct BandColours {
     pair[0] = -static_cast<float>(lb);
     pair[1] = -static_cast<float>(lf);
   }
-
-  // cost() for every band pixel of row y, into consecutive pairs from `out`
-  // on: one pair per non-fixed pixel (the rings' pairs are left unset).
-  void rowCosts(const IplImage* trimap, int y, float* out) const {
-    const unsigned char* code = imageRow(trimap, y);
-    const int width = trimap->width;
-    for (int x = nextCut(code, 0, width); x < width; x = nextCut(code, x + 1, width)) {
-      if (code[x] != kOuterRing && code[x] != kInnerRing) cost(x, y, out);
-      out += 2;
-    }
-  }
 };
 
-}  // namespace
-
-int VELDSEHybrid::constructGraphTrimapVELD(IplImage* img, IplImage* /*extraTex*/, IplImage* trimap,
-                                           IplImage* texHor, IplImage* texVer) {
-  const int width = m_boundWidthTrimap;
-  const int height = m_boundHeightTrimap;
-  // Only the pixels that take part in the cut become nodes (see the top of
-  // this file); node k is the k-th of them in row-major order.
-  // rowStart[y]: the index of row y's first node.
-  std::vector<int> rowStart(height + 1, 0);
-  for (int y = 0; y < height; ++y) {
-    const unsigned char* code = imageRow(trimap, y);
-    int count = 0;
-    for (int x = nextCut(code, 0, width); x < width; x = nextCut(code, x + 1, width)) ++count;
-    rowStart[y + 1] = rowStart[y] + count;
-  }
-  const int n = rowStart[height];
-  m_trimapGraph = createBandGraph(n, width, height);
-  VELDSEGraph* graph = m_trimapGraph;
-  if (graph->m_nodes == nullptr || graph->m_caps == nullptr) return 1;
-  graph->reset();
-  graph->addNode(n);
-
-  // Terminal links. The band pixels' two likelihoods are the costly part;
-  // they depend on the pixel alone, so on a large band they are worked out
-  // for slices of rows side by side first. The links are then added one node
-  // after another as before (addtWeights sums the flow in node order).
-  const BandColours band{img, texHor, texVer, &m_bgModel, &m_fgModel, VELDSEMarker::m_isGreyScale};
+// The band pixels' likelihood pairs, node by node (the rings' pairs left
+// unset), worked out for slices of rows side by side; empty when the band is
+// small or there is no room for them (each pair is then worked out as its
+// node is added).
+std::vector<float> bandCosts(const BandNumbering& band, const BandColours& colours) {
   std::vector<float> costs;
+  const int n = band.nodes();
+  const int height = band.height();
   const int parts = slices::partsFor(height, n >= kParallelLikelihoodNodes);
-  if (parts > 1) {
-    try {
-      costs.resize(2 * static_cast<size_t>(n));
-    } catch (const std::bad_alloc&) {
-      costs.clear();  // no room: each node's pair is worked out as it is added
-    }
+  if (parts < 2) return costs;
+  try {
+    costs.resize(2 * static_cast<size_t>(n));
+  } catch (const std::bad_alloc&) {
+    costs.clear();
+    return costs;
   }
-  if (!costs.empty()) {
-    // Row slices of about equal node counts.
-    std::vector<int> bounds(parts + 1, height);
-    bounds[0] = 0;
-    for (int k = 1, y = 0; k < parts; ++k) {
-      const long target = static_cast<long>(n) * k / parts;
-      while (y < height && rowStart[y] < target) ++y;
-      bounds[k] = y;
-    }
-    slices::runSlices(bounds, [&](int y0, int y1) {
-      for (int y = y0; y < y1; ++y) band.rowCosts(trimap, y, costs.data() + 2L * rowStart[y]);
-    });
+  // Row slices of about equal node counts.
+  std::vector<int> bounds(parts + 1, height);
+  bounds[0] = 0;
+  for (int k = 1, y = 0; k < parts; ++k) {
+    const long target = static_cast<long>(n) * k / parts;
+    while (y < height && band.first(y) < target) ++y;
+    bounds[k] = y;
   }
-  int node = 0;
-  for (int y = 0; y < height; ++y) {
-    const unsigned char* code = imageRow(trimap, y);
-    for (int x = nextCut(code, 0, width); x < width; x = nextCut(code, x + 1, width)) {
+  slices::runSlices(bounds, [&](int y0, int y1) {
+    for (int y = y0; y < y1; ++y) {
+      const unsigned char* code = band.codes(y);
+      band.row(y, [&](int x, int node) {
+        if (code[x] != kOuterRing && code[x] != kInnerRing) colours.cost(x, y, costs.data() + 2L * node);
+      });
+    }
+  });
+  return costs;
+}
+
+// Terminal links of every node, in node order (addtWeights sums the flow in
+// that order): the rings are tied to their terminal, the band pixels get
+// their likelihoods. The likelihoods are the costly part; they depend on the
+// pixel alone, so on a large band they are worked out side by side first.
+void addBandTerminals(VELDSEGraph* graph, const BandNumbering& band, const BandColours& colours) {
+  const std::vector<float> costs = bandCosts(band, colours);
+  for (int y = 0; y < band.height(); ++y) {
+    const unsigned char* code = band.codes(y);
+    band.row(y, [&](int x, int node) {
       switch (code[x]) {
         case kOuterRing:
           graph->addtWeights(node, 0.0f, kHardConstraint);
@@ -287,7 +454,7 @@ int VELDSEHybrid::constructGraphTrimapVELD(IplImage* img, IplImage* /*extraTex*/
           float pair[2];
           const float* c = pair;
           if (costs.empty()) {
-            band.cost(x, y, pair);
+            colours.cost(x, y, pair);
           } else {
             c = costs.data() + 2L * node;
           }
@@ -295,36 +462,51 @@ int VELDSEHybrid::constructGraphTrimapVELD(IplImage* img, IplImage* /*extraTex*/
           break;
         }
       }
-      ++node;
-    }
+    });
   }
+}
 
-  // Contrast table: t[d] = exp(-beta d^2), one entry per byte difference.
-  // The graph is built and kept (the caller deletes it); only the table would
-  // be lost if a failure ended the build here.
+// --- Step: the band graph's neighbour links ----------------------------------
+
+// Contrast table: t[d] = exp(-beta d^2), one entry per byte difference.
+owned::Tracked<float> contrastTable(double beta) {
   owned::Tracked<float> tableOwner(
       needMemory(static_cast<float*>(VELD_Malloc_Msg(256 * sizeof(float), "constructGraphTrimapVELD", 2385))));
   float* const table = tableOwner.get();
   for (int d = 0; d < 256; ++d) {
-    table[d] = expf(-static_cast<float>(static_cast<double>(d) * static_cast<double>(d) * m_beta));
+    table[d] = expf(-static_cast<float>(static_cast<double>(d) * static_cast<double>(d) * beta));
   }
-  // The colours are only read, so the crop itself serves.
-  const IplImage* colours = img;
+  return tableOwner;
+}
 
-  const double lambda = m_lambda;
+// The link weights between two photo pixels (three bytes each).
+struct BandContrast {
+  const float* table;
+  double lambda;
+  float diagonalScale;
+
+  BandContrast(const float* t, double l)
+      : table(t), lambda(l), diagonalScale(static_cast<float>(l * 0.7071067932881648)) {}
   // Horizontal links deliberately carry the plain smoothness weight,
   // independent of the colours; only the vertical and diagonal links follow
   // the full-resolution contrast.
-  const float horizontal = static_cast<float>(lambda * (table[0] * table[0] * table[0]));
-  const float diagonalScale = static_cast<float>(lambda * 0.7071067932881648);
-  auto diagonal = [&](const unsigned char* p, const unsigned char* q) {
+  float horizontal() const { return static_cast<float>(lambda * (table[0] * table[0] * table[0])); }
+  float diagonal(const unsigned char* p, const unsigned char* q) const {
     return table[std::abs(p[0] - q[0])] * diagonalScale * table[std::abs(p[1] - q[1])] *
            table[std::abs(p[2] - q[2])];
-  };
-  auto vertical = [&](const unsigned char* p, const unsigned char* q) {
+  }
+  float vertical(const unsigned char* p, const unsigned char* q) const {
     return static_cast<float>(lambda * table[std::abs(p[0] - q[0])] * table[std::abs(p[1] - q[1])] *
                               table[std::abs(p[2] - q[2])]);
-  };
+  }
+};
+
+// The four earlier neighbour links of every node, in node order, from the
+// colours of the photo's box.
+void addBandEdges(VELDSEGraph* graph, const BandNumbering& band, const IplImage* colours,
+                  const BandContrast& contrast) {
+  const int width = colours->width;
+  const float horizontal = contrast.horizontal();
   // Node index of each pixel of the previous and the current row (-1: fixed
   // or outside the box). Only non-fixed pixels are ever set, so before a row
   // goes into an array, the entries the row two above set there are cleared.
@@ -332,15 +514,10 @@ int VELDSEHybrid::constructGraphTrimapVELD(IplImage* img, IplImage* /*extraTex*/
   int* up = upIndex.data() + 1;
   int* cur = rowIndex.data() + 1;
   const unsigned char* rowUp = nullptr;
-  node = 0;
-  for (int y = 0; y < height; ++y) {
-    const unsigned char* code = imageRow(trimap, y);
+  for (int y = 0; y < band.height(); ++y) {
     const unsigned char* row = imageRow(colours, y);
-    if (y >= 2) {
-      const unsigned char* old = imageRow(trimap, y - 2);
-      for (int x = nextCut(old, 0, width); x < width; x = nextCut(old, x + 1, width)) cur[x] = -1;
-    }
-    for (int x = nextCut(code, 0, width); x < width; x = nextCut(code, x + 1, width)) {
+    if (y >= 2) band.row(y - 2, [cur](int x, int) { cur[x] = -1; });
+    band.row(y, [&](int x, int node) {
       cur[x] = node;
       const int left = cur[x - 1];
       const int upLeft = y > 0 ? up[x - 1] : -1;
@@ -349,19 +526,115 @@ int VELDSEHybrid::constructGraphTrimapVELD(IplImage* img, IplImage* /*extraTex*/
       setBandNeighbours(graph, node, left, upLeft, above, upRight);
       const unsigned char* p = row + 3 * x;
       graph->addEdge(node, left, horizontal, horizontal, left < 0);
-      const float wUpLeft = upLeft < 0 ? 0.0f : diagonal(p, rowUp + 3 * (x - 1));
+      const float wUpLeft = upLeft < 0 ? 0.0f : contrast.diagonal(p, rowUp + 3 * (x - 1));
       graph->addEdge(node, upLeft, wUpLeft, wUpLeft, upLeft < 0);
-      const float wUp = above < 0 ? 0.0f : vertical(p, rowUp + 3 * x);
+      const float wUp = above < 0 ? 0.0f : contrast.vertical(p, rowUp + 3 * x);
       graph->addEdge(node, above, wUp, wUp, above < 0);
-      const float wUpRight = upRight < 0 ? 0.0f : diagonal(p, rowUp + 3 * (x + 1));
+      const float wUpRight = upRight < 0 ? 0.0f : contrast.diagonal(p, rowUp + 3 * (x + 1));
       graph->addEdge(node, upRight, wUpRight, wUpRight, upRight < 0);
-      ++node;
-    }
+    });
     std::swap(up, cur);
     rowUp = row;
   }
+}
 
-  VELD_Free_Msg(tableOwner.release(), "constructGraphTrimapVELD", 2631);
+// --- Steps: solve, write back, fall back -------------------------------------
+
+// The enlarged working labels: 255 where the code is object (2 or 4), else 0.
+void writeEnlargedLabels(const Enlarged& labels, IplImage* result) {
+  const int fullW = result->width;
+  for (int y = 0; y < result->height; ++y) {
+    const unsigned char* e = labels.row(y);
+    unsigned char* r = imageRow(result, y);
+    // Consecutive rows enlarged from the same working row are equal.
+    if (y > 0 && e == labels.row(y - 1)) {
+      std::memcpy(r, imageRow(result, y - 1), static_cast<size_t>(fullW));
+      continue;
+    }
+    for (int x = 0; x < fullW; ++x) {
+      const unsigned char code = e[labels.column(x)];
+      r[x] = (code == LABEL_FG || code == LABEL_PR_FG) ? 255 : 0;
+    }
+  }
+}
+
+// Solves the band graph and writes the enlarged labels into result. The
+// labels do not depend on the cut, so on a large photo a thread of its own
+// writes them while the band is solved (much of that on one core); when no
+// thread can be had, they are written here after the solve.
+void solveBesideLabels(VELDSEGraph* graph, const Enlarged& labels, IplImage* result) {
+  if (static_cast<long>(result->width) * result->height >= slices::kParallelPixels) {
+    slices::runSlices({0, 1, 2}, [&](int part, int) {
+      if (part == 0) {
+        bandMaxFlow(graph);
+      } else {
+        writeEnlargedLabels(labels, result);
+      }
+    });
+  } else {
+    bandMaxFlow(graph);
+    writeEnlargedLabels(labels, result);
+  }
+}
+
+// The band pixels of the box at (x0, y0) take the cut (sink side, tree 1, is
+// background); the rings and the fixed pixels keep the labels.
+void writeBandCut(VELDSEGraph* graph, const IplImage* trimap, int x0, int y0, IplImage* result) {
+  forEachBandNode(trimap, graph->m_width, graph->m_height, [&](int x, int y, int node) {
+    if (imageRow(trimap, y)[x] == kBand) {
+      imageRow(result, y0 + y)[x0 + x] = graph->getTreeofNode(node) == 1 ? 0 : 255;
+    }
+  });
+}
+
+// The fall-back: the working mask made 0/255 in place and enlarged.
+owned::Image plainEnlargement(IplImage* mask, int fullW, int fullH) {
+  for (int y = 0; y < mask->height; ++y) {
+    unsigned char* m = imageRow(mask, y);
+    for (int x = 0; x < mask->width; ++x) {
+      if (m[x] == 1) m[x] = 255;
+    }
+  }
+  owned::Image result = owned::Image::create(cvSize(fullW, fullH), IPL_DEPTH_8U, 1);
+  cvResize(mask, result.get(), CV_INTER_NN);
+  return result;
+}
+
+}  // namespace
+
+IplImage* VELDSEHybrid::cropImageTrimap(IplImage* src, int w, int h, int y0, int x0) {
+  if (w < 1 || h < 1) logMemoryCrash("cropImageTrimap", 1762);
+  IplImage* crop = createImage(cvSize(w, h), IPL_DEPTH_8U, src->nChannels);
+  const int channels = src->nChannels;
+  // Nothing below can fail: the crop is handed over as it is.
+  if (channels < 1) return crop;
+  const int bytes = m_boundWidthTrimap * channels;
+  for (int r = 0; r < m_boundHeightTrimap; ++r) {
+    const unsigned char* in = imageRow(src, y0 + r) + x0 * channels;
+    unsigned char* out = imageRow(crop, r);
+    for (int i = 0; i < bytes; ++i) out[i] = in[i];
+  }
+  return crop;
+}
+
+int VELDSEHybrid::constructGraphTrimapVELD(IplImage* img, IplImage* /*extraTex*/, IplImage* trimap,
+                                           IplImage* texHor, IplImage* texVer) {
+  // Only the pixels that take part in the cut become nodes (see the top of
+  // this file).
+  const BandNumbering band(trimap, m_boundWidthTrimap, m_boundHeightTrimap);
+  const int n = band.nodes();
+  m_trimapGraph = createBandGraph(n, m_boundWidthTrimap, m_boundHeightTrimap);
+  VELDSEGraph* graph = m_trimapGraph;
+  if (graph->m_nodes == nullptr || graph->m_caps == nullptr) return 1;
+  graph->reset();
+  graph->addNode(n);
+  addBandTerminals(graph, band, BandColours{img, texHor, texVer, &m_bgModel, &m_fgModel,
+                                            VELDSEMarker::m_isGreyScale});
+  // The graph is built and kept (the caller deletes it); only the table would
+  // be lost if a failure ended the build here.
+  owned::Tracked<float> table = contrastTable(m_beta);
+  addBandEdges(graph, band, img, BandContrast(table.get(), m_lambda));
+  VELD_Free_Msg(table.release(), "constructGraphTrimapVELD", 2631);
   return 0;
 }
 
@@ -374,177 +647,37 @@ IplImage* VELDSEHybrid::intelligentUpscaling(IplImage* mask) {
   // through the enlargement maps, the second is made on the fallback path.
   checkImageSize(fullW, fullH, "intelligentUpscaling", 1810);
   checkImageSize(fullW, fullH, "intelligentUpscaling", 1811);
-  const owned::Image sumOwner(createChecked(mask->width, mask->height, 1812));
-  const owned::Image scratchOwner(createChecked(mask->width, mask->height, 1813));
-  IplImage* const sum = sumOwner.get();
-  IplImage* const scratch = scratchOwner.get();
-
-  // How many of dilate x3, dilate x1, erode x1, erode x3 call each pixel
-  // object (the mask holds 1 for object, so the saturating sum counts).
-  cvSetZero(sum);
-  cvSetZero(scratch);
-  cvDilate(mask, scratch, nullptr, 3);
-  cvAdd(sum, scratch, sum);
-  cvDilate(mask, scratch, nullptr, 1);
-  cvAdd(sum, scratch, sum);
-  cvErode(mask, scratch, nullptr, 1);
-  cvAdd(sum, scratch, sum);
-  cvErode(mask, scratch, nullptr, 3);
-  cvAdd(sum, scratch, sum);
-
-  // 0 and 4: far from the boundary; 1: outer ring; 2: band; 3: inner ring.
-  static const unsigned char kRecode[5] = {kFixed, kOuterRing, kBand, kInnerRing, kFixed};
-  for (int y = 0; y < sum->height; ++y) {
-    unsigned char* s = imageRow(sum, y);
-    for (int x = 0; x < sum->width; ++x) {
-      if (s[x] <= 4) s[x] = kRecode[s[x]];
-    }
-  }
-
+  const owned::Image trimap = workingTrimap(mask);
   // The enlarged labels (the working label image at full size).
   checkImageSize(fullW, fullH, "intelligentUpscaling", 1870);
-  const IplImage* labelImage = VELDSEMarker::m_labelImage;
-  const std::vector<int> sumXs = nearestMap(sum->width, fullW);
-  const std::vector<int> sumYs = nearestMap(sum->height, fullH);
-  const bool sameSize = labelImage->width == sum->width && labelImage->height == sum->height;
-  const std::vector<int> labelXs = sameSize ? std::vector<int>() : nearestMap(labelImage->width, fullW);
-  const std::vector<int> labelYs = sameSize ? std::vector<int>() : nearestMap(labelImage->height, fullH);
-  const Enlarged trimap{sum, &sumXs, &sumYs};
-  const Enlarged labels{labelImage, sameSize ? &sumXs : &labelXs, sameSize ? &sumYs : &labelYs};
-
-  // Box of everything that is not fixed: the enlarged columns and rows whose
-  // working column or row holds a non-fixed pixel of a used row or column.
-  std::vector<unsigned char> usedRow(sum->height, 0), usedColumn(sum->width, 0);
-  std::vector<unsigned char> bandColumn(sum->width, 0), bandRow(sum->height, 0);
-  for (int y = 0; y < fullH; ++y) usedRow[sumYs[y]] = 1;
-  for (int x = 0; x < fullW; ++x) usedColumn[sumXs[x]] = 1;
-  for (int sy = 0; sy < sum->height; ++sy) {
-    if (!usedRow[sy]) continue;
-    const unsigned char* t = imageRow(sum, sy);
-    for (int sx = 0; sx < sum->width; ++sx) {
-      if (t[sx] == kFixed || !usedColumn[sx]) continue;
-      bandColumn[sx] = 1;
-      bandRow[sy] = 1;
-    }
+  const Enlargement enlarged(trimap.get(), VELDSEMarker::m_labelImage, fullW, fullH);
+  const BandBox box = findBandBox(trimap.get(), enlarged.trimap());
+  m_boundWidthTrimap = box.width();
+  m_boundHeightTrimap = box.height();
+  if (!box.usable(fullW, fullH)) {
+    __android_log_print(ANDROID_LOG_ERROR, "Error", "Failed: xmin:%d, xmax:%d, ymin:%d, ymax:%d", box.xmin,
+                        box.xmax, box.ymin, box.ymax);
+    return plainEnlargement(mask, fullW, fullH).release();
   }
-  int xmin = INT_MAX, xmax = -1, ymin = INT_MAX, ymax = -1;
-  for (int x = 0; x < fullW; ++x) {
-    if (!bandColumn[sumXs[x]]) continue;
-    if (x < xmin) xmin = x;
-    xmax = x;
+  __android_log_print(ANDROID_LOG_INFO, "Info", "Passed: xmin:%d, xmax:%d, ymin:%d, ymax:%d", box.xmin, box.xmax,
+                      box.ymin, box.ymax);
+  m_boundWidthTrimap = std::min(m_boundWidthTrimap, fullW);
+  m_boundHeightTrimap = std::min(m_boundHeightTrimap, fullH);
+  __android_log_print(ANDROID_LOG_INFO, "Info", "m_boundWidthTrimap:%d, m_boundHeightTrimap:%d",
+                      m_boundWidthTrimap, m_boundHeightTrimap);
+
+  BandCrops crops;
+  cropBand(enlarged.trimap(), box.xmin, box.ymin, m_boundWidthTrimap, m_boundHeightTrimap, m_lambda, &crops);
+  const int status =
+      constructGraphTrimapVELD(&crops.photo, crops.hor.get(), crops.trimap.get(), crops.hor.get(), crops.ver.get());
+  if (status != 0) {
+    __android_log_print(ANDROID_LOG_ERROR, "Error", "Failed: intelligentUpscaling (status_flag = %d)", status);
+    return plainEnlargement(mask, fullW, fullH).release();
   }
-  for (int y = 0; y < fullH; ++y) {
-    if (!bandRow[sumYs[y]]) continue;
-    if (y < ymin) ymin = y;
-    ymax = y;
-  }
-  m_boundWidthTrimap = xmax - xmin + 1;
-  m_boundHeightTrimap = ymax - ymin + 1;
-
-  owned::Image trimapCrop;
-  // The builder only reads the photo, so a header on the box (kept here,
-  // nothing to allocate or release) serves as its crop.
-  IplImage photoBox;
-  owned::Image horCrop;
-  owned::Image verCrop;
-  bool failed = false;
-  if (xmin >= fullW || ymin >= fullH || xmax - xmin < 0 || ymax - ymin < 0 || xmax < 0 || ymax < 0) {
-    __android_log_print(ANDROID_LOG_ERROR, "Error", "Failed: xmin:%d, xmax:%d, ymin:%d, ymax:%d", xmin, xmax,
-                        ymin, ymax);
-    failed = true;
-  } else {
-    __android_log_print(ANDROID_LOG_INFO, "Info", "Passed: xmin:%d, xmax:%d, ymin:%d, ymax:%d", xmin, xmax,
-                        ymin, ymax);
-    if (m_boundWidthTrimap > fullW) m_boundWidthTrimap = fullW;
-    if (m_boundHeightTrimap > fullH) m_boundHeightTrimap = fullH;
-    __android_log_print(ANDROID_LOG_INFO, "Info", "m_boundWidthTrimap:%d, m_boundHeightTrimap:%d",
-                        m_boundWidthTrimap, m_boundHeightTrimap);
-
-    trimapCrop = cropEnlarged(trimap, xmin, ymin, m_boundWidthTrimap, m_boundHeightTrimap);
-    fixInertRingPixels(trimapCrop.get(), m_lambda);
-    const IplImage* photo = VELDSEMarker::m_originalImage;
-    constexpr int kRowAlign = 4;  // as cvCreateImageHeader
-    cvInitImageHeader(&photoBox, cvSize(m_boundWidthTrimap, m_boundHeightTrimap), IPL_DEPTH_8U, 3,
-                      IPL_ORIGIN_TL, kRowAlign);
-    cvSetData(&photoBox, photo->imageData + static_cast<long>(ymin) * photo->widthStep + 3 * xmin,
-              photo->widthStep);
-    if (VELDSEMarker::m_isGreyScale) {
-      checkImageSize(fullW, fullH, "intelligentUpscaling", 1981);
-      checkImageSize(fullW, fullH, "intelligentUpscaling", 1982);
-      const IplImage* hor = VELDSEMarker::m_texHor;
-      const IplImage* ver = VELDSEMarker::m_texVer;
-      const std::vector<int> texXs = nearestMap(hor->width, fullW);
-      const std::vector<int> texYs = nearestMap(hor->height, fullH);
-      horCrop = cropEnlarged(Enlarged{hor, &texXs, &texYs}, xmin, ymin, m_boundWidthTrimap, m_boundHeightTrimap);
-      verCrop = cropEnlarged(Enlarged{ver, &texXs, &texYs}, xmin, ymin, m_boundWidthTrimap, m_boundHeightTrimap);
-    }
-
-    const int status = constructGraphTrimapVELD(&photoBox, horCrop.get(), trimapCrop.get(), horCrop.get(), verCrop.get());
-    if (status != 0) {
-      __android_log_print(ANDROID_LOG_ERROR, "Error", "Failed: intelligentUpscaling (status_flag = %d)", status);
-      failed = true;
-    }
-  }
-
-  owned::Image resultOwner;
-  IplImage* result = nullptr;
-  if (!failed) {
-    // The enlarged working labels (object: codes 2 and 4), then the band
-    // takes the new cut; the rings and the fixed pixels keep the labels. The
-    // labels do not depend on the cut, so on a large photo a thread of its own
-    // writes them while the band is solved (much of that on one core).
-    resultOwner.reset(createChecked(fullW, fullH, 2085));
-    result = resultOwner.get();
-    const auto writeLabels = [&] {
-      for (int y = 0; y < fullH; ++y) {
-        const unsigned char* e = labels.row(y);
-        unsigned char* r = imageRow(result, y);
-        // Consecutive rows enlarged from the same working row are equal.
-        if (y > 0 && e == labels.row(y - 1)) {
-          std::memcpy(r, imageRow(result, y - 1), static_cast<size_t>(fullW));
-          continue;
-        }
-        for (int x = 0; x < fullW; ++x) {
-          const unsigned char code = e[labels.column(x)];
-          r[x] = (code == LABEL_FG || code == LABEL_PR_FG) ? 255 : 0;
-        }
-      }
-    };
-    if (static_cast<long>(fullW) * fullH >= slices::kParallelPixels) {
-      // The band is solved here and the labels written on a thread of their
-      // own (here too, after the solve, when no thread can be had).
-      slices::runSlices({0, 1, 2}, [&](int part, int) {
-        if (part == 0) bandMaxFlow(m_trimapGraph); else writeLabels();
-      });
-    } else {
-      bandMaxFlow(m_trimapGraph);
-      writeLabels();
-    }
-    int node = 0;
-    for (int y = 0; y < m_boundHeightTrimap; ++y) {
-      const unsigned char* t = imageRow(trimapCrop.get(), y);
-      unsigned char* r = imageRow(result, ymin + y) + xmin;
-      const int w = m_boundWidthTrimap;
-      for (int x = nextCut(t, 0, w); x < w; x = nextCut(t, x + 1, w)) {
-        // Sink side (1) is background.
-        if (t[x] == kBand) r[x] = m_trimapGraph->getTreeofNode(node) == 1 ? 0 : 255;
-        ++node;
-      }
-    }
-  } else {
-    // Plain enlargement of the working mask.
-    for (int y = 0; y < mask->height; ++y) {
-      unsigned char* m = imageRow(mask, y);
-      for (int x = 0; x < mask->width; ++x) {
-        if (m[x] == 1) m[x] = 255;
-      }
-    }
-    resultOwner = owned::Image::create(cvSize(fullW, fullH), IPL_DEPTH_8U, 1);
-    result = resultOwner.get();
-    cvResize(mask, result, CV_INTER_NN);
-  }
-
-  // The crops, the working images and the graph (its guard) go with
-  // this scope; the mask is the caller's.
-  return resultOwner.release();
+  owned::Image result(createChecked(fullW, fullH, 2085));
+  solveBesideLabels(m_trimapGraph, enlarged.labels(), result.get());
+  writeBandCut(m_trimapGraph, crops.trimap.get(), box.xmin, box.ymin, result.get());
+  // The crops, the working images and the graph (its guard) go with this
+  // scope; the mask is the caller's.
+  return result.release();
 }

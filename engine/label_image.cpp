@@ -8,11 +8,12 @@
 #include <initializer_list>
 #include <vector>
 
-#include "engine/engine_util.h"
 #include "engine/veldse_hybrid.h"
 #include "interface/undo_redo.h"
 #include "interface/veldse_marker.h"
+#include "support/image_rows.h"
 #include "support/owned.h"
+#include "support/size_check.h"
 
 namespace {
 
@@ -69,8 +70,10 @@ void applyLabelRule(const IplImage* marks, const IplImage* previous, int strokeT
     }
     return;
   }
-  const bool objectMarks = strokeType == 0 || strokeType == 2;
-  const bool backgroundMarks = strokeType == 1 || strokeType == 3;
+  const bool objectMarks =
+      strokeType == VELDSEHybrid::MARK_OBJECT_LOOP || strokeType == VELDSEHybrid::MARK_OBJECT_STROKE;
+  const bool backgroundMarks =
+      strokeType == VELDSEHybrid::MARK_BACKGROUND_LOOP || strokeType == VELDSEHybrid::MARK_BACKGROUND_STROKE;
   for (int y = 0; y < height; ++y) {
     const unsigned char* in = imageRow(marks, y);
     const unsigned char* prev = imageRow(previous, y);
@@ -101,7 +104,7 @@ void VELDSEHybrid::setLabelImage(IplImage* marker) {
   const int height = marker->height;
   const int strokeType = VELDSEMarker::currentStroke.strokeType;
 
-  if (strokeType == 2 || strokeType == 3) {
+  if (strokeType == MARK_OBJECT_STROKE || strokeType == MARK_BACKGROUND_STROKE) {
     // A finger stroke grows a ring of "probable" pixels round itself: object
     // for an object stroke, background for a background stroke.
     const owned::Image strokeOwner = owned::Image::clone(marker);
@@ -109,8 +112,9 @@ void VELDSEHybrid::setLabelImage(IplImage* marker) {
     const int iterations =
         static_cast<int>(std::sqrt(static_cast<double>(width) * static_cast<double>(height)) * 0.05);
     cvDilate(stroke, marker, nullptr, iterations);
-    const unsigned char hard = strokeType == 2 ? LABEL_FG : LABEL_BG;
-    const unsigned char probable = strokeType == 2 ? LABEL_PR_FG : LABEL_PR_BG;
+    const bool object = strokeType == MARK_OBJECT_STROKE;
+    const unsigned char hard = object ? LABEL_FG : LABEL_BG;
+    const unsigned char probable = object ? LABEL_PR_FG : LABEL_PR_BG;
     for (int y = 0; y < height; ++y) {
       unsigned char* out = imageRow(marker, y);
       const unsigned char* before = imageRow(stroke, y);
@@ -176,9 +180,9 @@ void VELDSEHybrid::computeBoundingBox() {
   Extremes e;
   if (stroke.points.empty()) {
     e = labelExtremes(VELDSEMarker::m_labelImage, width, height, {LABEL_UNKNOWN, LABEL_PR_FG});
-  } else if (stroke.strokeType == 2) {
+  } else if (stroke.strokeType == MARK_OBJECT_STROKE) {
     e = labelExtremes(VELDSEMarker::m_labelImage, width, height, {LABEL_PR_FG});
-  } else if (stroke.strokeType == 3) {
+  } else if (stroke.strokeType == MARK_BACKGROUND_STROKE) {
     e = labelExtremes(VELDSEMarker::m_labelImage, width, height, {LABEL_PR_BG});
   } else {
     const float scale = 1.0f / g_imageResizeFactor;

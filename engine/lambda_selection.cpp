@@ -13,10 +13,10 @@
 
 #include <opencv2/core/core_c.h>
 
-#include "engine/engine_util.h"
 #include "engine/mask_components.h"
 #include "engine/veldse_hybrid.h"
 #include "interface/veldse_marker.h"
+#include "support/image_rows.h"
 #include "support/owned.h"
 #include "support/veld_memory.h"
 
@@ -37,98 +37,100 @@ const float* candidates() {
 }  // namespace
 
 int VELDSEHybrid::parallelLamdaSwtich(int iter) {
-  if (iter >= 4) return 1;
+  if (iter >= 4) return MODELS_UPDATE;
   if (iter < 3) {
     // Trial weights are applied as whole numbers (13.513 as 13.0); the exact
     // value is only used once a trial has been chosen.
     m_lambda = static_cast<double>(static_cast<int>(candidates()[iter]));
     cvCopy(m_cropLabelInit, m_cropLabel);
     // Trials 1 and 2 reuse the models fitted at trial 0.
-    return iter == 0 ? 0 : 2;
+    return iter == 0 ? MODELS_TRAIN : MODELS_KEEP;
   }
   const int k = optimalLamda(m_iterLabel, nullptr);
   if (k == -1) {
     m_lambda = static_cast<double>(VELDSEMarker::m_isGreyScale ? kGreyFallback : kColourFallback);
     cvCopy(m_cropLabelInit, m_cropLabel);
-    return 2;
+    return MODELS_KEEP;
   }
   m_lambda = static_cast<double>(candidates()[k]);
   cvCopy(m_iterLabel[k], m_cropLabel);
-  return 1;
+  return MODELS_UPDATE;
 }
 
-int VELDSEHybrid::optimalLamda(IplImage** labels, float* /*unused*/) {
-  int area[3];
-  bool spans[3];
-  int contrast[3];
-  for (int k = 0; k < 3; ++k) {
-    const IplImage* label = labels[k];
-    const int width = label->width;
-    const int height = label->height;
-    const owned::Image blobsOwner = owned::Image::create(cvSize(width, height), IPL_DEPTH_8U, 1);
-    IplImage* const blobs = blobsOwner.get();
-    cvSetZero(blobs);
-    for (int y = 0; y < height; ++y) {
-      const unsigned char* in = imageRow(label, y);
-      unsigned char* out = imageRow(blobs, y);
-      for (int x = 0; x < width; ++x) {
-        if (in[x] == LABEL_FG || in[x] == LABEL_PR_FG) out[x] = 1;
-      }
-    }
+namespace {
 
-    // Number the 4-connected object blobs 2, 3, ... in the order a row-major
-    // scan meets them; the ids are kept in the bytes of the blob image, so
-    // from 255 on they saturate and the later blobs share 255.
-    int next = 2;
-    {
-      const MaskComponents found(blobs, 1);
-      std::vector<unsigned char> ids(static_cast<size_t>(found.count()));
-      for (int c = 0; c < found.count(); ++c) ids[c] = static_cast<unsigned char>(std::min(c + 2, 255));
-      found.paintEach(blobs, ids);
-      next += found.count();
+// The main object blobs of a trial's labels (box size): a new image with 255
+// on every 4-connected object blob (codes 2 and 4) above 70 % of the largest
+// blob's size and 0 elsewhere; *kept counts its 255 pixels.
+owned::Image mainBlobs(const IplImage* label, int* kept) {
+  const int width = label->width;
+  const int height = label->height;
+  owned::Image blobsOwner = owned::Image::create(cvSize(width, height), IPL_DEPTH_8U, 1);
+  IplImage* const blobs = blobsOwner.get();
+  cvSetZero(blobs);
+  for (int y = 0; y < height; ++y) {
+    const unsigned char* in = imageRow(label, y);
+    unsigned char* out = imageRow(blobs, y);
+    for (int x = 0; x < width; ++x) {
+      if (in[x] == LABEL_FG || in[x] == LABEL_PR_FG) out[x] = 1;
     }
-
-    // One count per blob id: nothing to fall back on without it.
-    owned::Tracked<int> histogramOwner(needMemory(static_cast<int*>(
-        VELD_Calloc_Msg(static_cast<unsigned>(next), sizeof(int), "optimalLamda", 3136))));
-    int* const histogram = histogramOwner.get();
-    for (int y = 0; y < height; ++y) {
-      const unsigned char* in = imageRow(blobs, y);
-      for (int x = 0; x < width; ++x) ++histogram[in[x]];
-    }
-    histogram[0] = 0;
-    histogram[1] = 0;
-
-    int largest = 0;
-    if (next > 2) {
-      int best = histogram[2] > 0 ? 2 : 0;
-      for (int j = 3; j < next; ++j) {
-        if (histogram[j] > histogram[best]) best = j;  // ties keep the earlier blob
-      }
-      largest = histogram[best];
-    }
-
-    // Keep every blob above 70 % of the largest: an object split by a thin
-    // gap still counts as one.
-    const int threshold = static_cast<int>(largest * 0.7);
-    int kept = 0;
-    for (int y = 0; y < height; ++y) {
-      unsigned char* p = imageRow(blobs, y);
-      for (int x = 0; x < width; ++x) {
-        if (histogram[p[x]] > threshold) {
-          p[x] = 255;
-          ++kept;
-        } else {
-          p[x] = 0;
-        }
-      }
-    }
-    area[k] = kept;
-    spans[k] = boundaryTest(blobs, 0.15f);
-    contrast[k] = intensityTest(blobs);
-    VELD_Free_Msg(histogramOwner.release(), "optimalLamda", 3165);
   }
 
+  // Number the 4-connected object blobs 2, 3, ... in the order a row-major
+  // scan meets them; the ids are kept in the bytes of the blob image, so
+  // from 255 on they saturate and the later blobs share 255.
+  int next = 2;
+  {
+    const MaskComponents found(blobs, 1);
+    std::vector<unsigned char> ids(static_cast<size_t>(found.count()));
+    for (int c = 0; c < found.count(); ++c) ids[c] = static_cast<unsigned char>(std::min(c + 2, 255));
+    found.paintEach(blobs, ids);
+    next += found.count();
+  }
+
+  // One count per blob id: nothing to fall back on without it.
+  owned::Tracked<int> histogramOwner(needMemory(static_cast<int*>(
+      VELD_Calloc_Msg(static_cast<unsigned>(next), sizeof(int), "optimalLamda", 3136))));
+  int* const histogram = histogramOwner.get();
+  for (int y = 0; y < height; ++y) {
+    const unsigned char* in = imageRow(blobs, y);
+    for (int x = 0; x < width; ++x) ++histogram[in[x]];
+  }
+  histogram[0] = 0;
+  histogram[1] = 0;
+
+  int largest = 0;
+  if (next > 2) {
+    int best = histogram[2] > 0 ? 2 : 0;
+    for (int j = 3; j < next; ++j) {
+      if (histogram[j] > histogram[best]) best = j;  // ties keep the earlier blob
+    }
+    largest = histogram[best];
+  }
+
+  // Keep every blob above 70 % of the largest: an object split by a thin
+  // gap still counts as one.
+  const int threshold = static_cast<int>(largest * 0.7);
+  int keptCount = 0;
+  for (int y = 0; y < height; ++y) {
+    unsigned char* p = imageRow(blobs, y);
+    for (int x = 0; x < width; ++x) {
+      if (histogram[p[x]] > threshold) {
+        p[x] = 255;
+        ++keptCount;
+      } else {
+        p[x] = 0;
+      }
+    }
+  }
+  VELD_Free_Msg(histogramOwner.release(), "optimalLamda", 3165);
+  *kept = keptCount;
+  return blobsOwner;
+}
+
+// The trial to keep, from each trial's kept area, whether its blobs span the
+// box and its contrast verdict (1 passes): see optimalLamda.
+int chooseTrial(const int area[3], const bool spans[3], const int contrast[3]) {
   int valid[3];
   int n = 0;
   for (int k = 0; k < 3; ++k) {
@@ -161,6 +163,20 @@ int VELDSEHybrid::optimalLamda(IplImage** labels, float* /*unused*/) {
   // similar areas: one step stronger, which is as good and smoother.
   if (n == 1 || spread > 0.4f) return valid[n - 1];
   return valid[n - 2];
+}
+
+}  // namespace
+
+int VELDSEHybrid::optimalLamda(IplImage** labels, float* /*unused*/) {
+  int area[3];
+  bool spans[3];
+  int contrast[3];
+  for (int k = 0; k < 3; ++k) {
+    const owned::Image blobs = mainBlobs(labels[k], &area[k]);
+    spans[k] = boundaryTest(blobs.get(), 0.15f);
+    contrast[k] = intensityTest(blobs.get());
+  }
+  return chooseTrial(area, spans, contrast);
 }
 
 int VELDSEHybrid::intensityTest(const IplImage* mask) {

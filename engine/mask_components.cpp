@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "engine/engine_util.h"
+#include "support/image_rows.h"
 
 MaskComponents::MaskComponents(const IplImage* image, unsigned char value) {
   const int width = image->width;

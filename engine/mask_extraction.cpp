@@ -1,11 +1,12 @@
 // From the final box labels to the mask handed back to the caller.
 #include <utility>
 
-#include "engine/engine_util.h"
 #include "engine/veldse_hybrid.h"
 #include "interface/undo_redo.h"
 #include "interface/veldse_marker.h"
+#include "support/image_rows.h"
 #include "support/owned.h"
+#include "support/size_check.h"
 
 IplImage* VELDSEHybrid::getObjMask() {
   checkImageSize(m_imgWidth, m_imgHeight, "getObjMask", 1410);

@@ -8,11 +8,12 @@
 #include <algorithm>
 #include <vector>
 
-#include "engine/engine_util.h"
 #include "engine/mask_components.h"
 #include "engine/veldse_hybrid.h"
 #include "interface/veldse_marker.h"
+#include "support/image_rows.h"
 #include "support/owned.h"
+#include "support/size_check.h"
 
 namespace {
 
@@ -28,15 +29,15 @@ const unsigned char kReached = 255;
 
 void VELDSEHybrid::postProcess(IplImage* mask) {
   const int type = VELDSEMarker::currentStroke.strokeType;
-  if (type == 0) {
+  if (type == MARK_OBJECT_LOOP) {
     postProcessForLoop(mask);
-  } else if (type == 2 || type == 3) {
+  } else if (type == MARK_OBJECT_STROKE || type == MARK_BACKGROUND_STROKE) {
     postProcessForStroke(mask);
   }
   if (VELDSEMarker::m_prevResult == nullptr) return;
 
   const IplImage* prev = VELDSEMarker::m_prevResult;
-  const unsigned char v = (type == 0 || type == 2) ? kObject : kBackground;
+  const unsigned char v = (type == MARK_OBJECT_LOOP || type == MARK_OBJECT_STROKE) ? kObject : kBackground;
   const float scale = g_imageResizeFactor;
   const int y0 = static_cast<int>(scale * VELDSEMarker::m_yMinBBox);
   const int x0 = static_cast<int>(scale * VELDSEMarker::m_xMinBBox);
@@ -87,8 +88,8 @@ void VELDSEHybrid::postProcessForStroke(IplImage* mask) {
   IplImage* const changed = changedOwner.get();
   cvSetZero(changed);
   const int type = VELDSEMarker::currentStroke.strokeType;
-  const unsigned char v = type == 3 ? kBackground : kObject;
-  const unsigned char u = type == 3 ? kObject : kBackground;
+  const unsigned char v = type == MARK_BACKGROUND_STROKE ? kBackground : kObject;
+  const unsigned char u = type == MARK_BACKGROUND_STROKE ? kObject : kBackground;
   const std::vector<int> points = VELDSEMarker::currentStroke.points;
 
   // Pixels that changed in the requested direction.

@@ -9,10 +9,11 @@
 #include <cmath>
 #include <cstdlib>
 
-#include "engine/engine_util.h"
 #include "engine/veldse_hybrid.h"
 #include "interface/veldse_marker.h"
+#include "support/image_rows.h"
 #include "support/owned.h"
+#include "support/size_check.h"
 
 namespace {
 
@@ -89,16 +90,11 @@ cv::Rect trimFlatLines(const cv::Mat& magnitude, const cv::Rect& rect) {
   return cv::Rect(rect.x + left, rect.y + top, right - left + 1, bottom - top + 1);
 }
 
-// Pass 2 grows the trimmed rectangle back outward on the grey box, side by
-// side (left, right, top, bottom), first over similar lines, then over lines
-// of similar mean level.
-void growBack(const cv::Mat& grey, cv::Rect& rect) {
+// The first half of growBack: outer lines similar to the retained edge. x, y,
+// w, h: the rectangle, grown in place.
+void growOverSimilarLines(const cv::Mat& grey, int& x, int& y, int& w, int& h) {
   const int cols = grey.cols;
   const int rows = grey.rows;
-  int& x = rect.x;
-  int& y = rect.y;
-  int& w = rect.width;
-  int& h = rect.height;
 
   // Mean absolute difference of two columns over R's rows / two rows over R's
   // columns.
@@ -129,6 +125,13 @@ void growBack(const cv::Mat& grey, cv::Rect& rect) {
     ++h;
   }
   while (y + h - 1 < rows - 1 && similar(rowDiff(y + h - 1, y + h))) ++h;
+}
+
+// The second half of growBack: up to kMeanSteps more lines on each side (left,
+// right, top, bottom) while neighbouring line means stay within kMeanStep.
+void growOverSimilarMeans(const cv::Mat& grey, int& x, int& y, int& w, int& h) {
+  const int cols = grey.cols;
+  const int rows = grey.rows;
 
   auto columnMean = [&](int c) {
     int sum = 0;
@@ -172,6 +175,14 @@ void growBack(const cv::Mat& grey, cv::Rect& rect) {
     h += meanSteps([&](int i) { return rowMean(edge + i); },
                    [&](int i) { return rowMean(edge + i + 1); });
   }
+}
+
+// Pass 2 grows the trimmed rectangle back outward on the grey box, side by
+// side (left, right, top, bottom), first over similar lines, then over lines
+// of similar mean level.
+void growBack(const cv::Mat& grey, cv::Rect& rect) {
+  growOverSimilarLines(grey, rect.x, rect.y, rect.width, rect.height);
+  growOverSimilarMeans(grey, rect.x, rect.y, rect.width, rect.height);
 }
 
 }  // namespace

@@ -17,17 +17,16 @@
 
 #include "colormodel/kmeans_init.h"
 #include "colormodel/training.h"
-#include "engine/engine_util.h"
 #include "engine/veldse_hybrid.h"
 #include "engine/working_cuts.h"
 #include "interface/veldse_marker.h"
 #include "support/cpu_timer.h"
+#include "support/image_rows.h"
 #include "support/owned.h"
 
 namespace {
 
 const int kCuts = 5;
-const double kTimeoutMs = 10000.0;
 
 // How well the inner boundary of the object in `label` follows image edges:
 // (strong-edge pixels - weak-edge pixels) / boundary pixels.
@@ -112,24 +111,24 @@ IplImage* VELDSEHybrid::segment() {
   m_lambda = 50.0;
   VELDSEMarker::m_noiseLevel = 0.1;
   bool lambdaRequest = true;
-  int modelAction = 0;
+  int modelAction = MODELS_TRAIN;
   std::vector<pixelVal> objectSamples;
   std::vector<pixelVal> backgroundSamples;
   bool cancelled = false;
 
   for (int i = 0; i < kCuts; ++i) {
     if (lambdaRequest) modelAction = parallelLamdaSwtich(i);
-    if (modelAction == 1) {
+    if (modelAction == MODELS_UPDATE) {
       extractTrainingData(m_cropSrc, m_cropLabel, objectSamples, backgroundSamples);
       updateModel(objectSamples, backgroundSamples, m_fgModel, m_bgModel);
       homogenousLamda(i);
-    } else if (modelAction == 0) {
+    } else if (modelAction == MODELS_TRAIN) {
       extractTrainingData(m_cropSrc, m_cropLabel, objectSamples, backgroundSamples);
       initModel(backgroundSamples, m_bgModel, 10);
       initModel(objectSamples, m_fgModel, 10);
       // A homogeneous scene gains nothing from trial weights: stop asking.
       lambdaRequest = homogenousLamda(i) != 0;
-      modelAction = 1;
+      modelAction = MODELS_UPDATE;
     }
 
     if (i == 0 && lambdaRequest) {
@@ -145,7 +144,7 @@ IplImage* VELDSEHybrid::segment() {
     }
 
     stop_cpu_timer(g_cancelTimer);
-    if (get_elapsed_time_in_millisec(g_cancelTimer) > kTimeoutMs ||
+    if (get_elapsed_time_in_millisec(g_cancelTimer) > kCancelTimeLimitMs ||
         VELDSEMarker::m_exitApp.load(std::memory_order_relaxed)) {
       cancelled = true;
       break;
@@ -193,6 +192,6 @@ void VELDSEHybrid::chooseIter() {
 
 bool VELDSEHybrid::cancelSegmentation() {
   stop_cpu_timer(g_cancelTimer);
-  return get_elapsed_time_in_millisec(g_cancelTimer) > kTimeoutMs ||
+  return get_elapsed_time_in_millisec(g_cancelTimer) > kCancelTimeLimitMs ||
          VELDSEMarker::m_exitApp.load(std::memory_order_relaxed);
 }

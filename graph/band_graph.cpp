@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <climits>
 #include <cstdint>
 #include <cstring>
 #include <new>
@@ -21,21 +22,51 @@ namespace {
 
 long records(const VELDSEGraph* g) { return g->m_nodeMax - g->m_nodes; }
 
-// Past the capacities of every allocated node record: the neighbour links,
-// the solver's node state and terminal capacities, the presence bits of the
-// neighbours, and the solver's trees.
-BandLinks* links(const VELDSEGraph* g) { return reinterpret_cast<BandLinks*>(g->m_caps + 8 * records(g)); }
-int* ups(const VELDSEGraph* g) { return reinterpret_cast<int*>(links(g) + records(g)); }
-int* slots(const VELDSEGraph* g) { return ups(g) + records(g); }
-graphcore::BandNext* next(const VELDSEGraph* g) {
-  return reinterpret_cast<graphcore::BandNext*>(slots(g) + records(g));
+// The arrays a band graph keeps past the capacities of every allocated node
+// record, in the order they are laid out: one element per record each. The
+// table is the one place that says where each array starts and how much the
+// allocation holds; the accessors below and createBandGraph read it.
+enum BandArray { kLinks, kUps, kSlots, kNext, kTerminals, kPresent, kTrees, kBandArrays };
+constexpr size_t kElementBytes[kBandArrays] = {
+    sizeof(BandLinks),             // kLinks: pixel above and below
+    sizeof(int),                   // kUps: parent node
+    sizeof(int),                   // kSlots: parent slot
+    sizeof(graphcore::BandNext),   // kNext: queue links
+    sizeof(float),                 // kTerminals: residual terminal capacity
+    sizeof(unsigned char),         // kPresent: neighbour presence bits
+    sizeof(unsigned char),         // kTrees: tree of each node
+};
+constexpr size_t kCapacityBytes = 8 * sizeof(float);  // per record, before the table's arrays
+
+// Bytes per record of the arrays before `a`.
+constexpr size_t bytesBefore(BandArray a) {
+  size_t bytes = 0;
+  for (int k = 0; k < a; ++k) bytes += kElementBytes[k];
+  return bytes;
 }
-float* terminals(const VELDSEGraph* g) { return reinterpret_cast<float*>(next(g) + records(g)); }
-unsigned char* present(const VELDSEGraph* g) { return reinterpret_cast<unsigned char*>(terminals(g) + records(g)); }
-unsigned char* trees(const VELDSEGraph* g) { return present(g) + records(g); }
+// Each array starts aligned for its elements: the wider ones come first.
+static_assert(bytesBefore(kUps) % alignof(int) == 0, "misaligned parent nodes");
+static_assert(bytesBefore(kNext) % alignof(graphcore::BandNext) == 0, "misaligned queue links");
+static_assert(bytesBefore(kTerminals) % alignof(float) == 0, "misaligned terminal capacities");
+
+template <class T>
+T* bandArray(const VELDSEGraph* g, BandArray a) {
+  unsigned char* const base = reinterpret_cast<unsigned char*>(g->m_caps) + kCapacityBytes * records(g);
+  return reinterpret_cast<T*>(base + bytesBefore(a) * records(g));
+}
+BandLinks* links(const VELDSEGraph* g) { return bandArray<BandLinks>(g, kLinks); }
+unsigned char* present(const VELDSEGraph* g) { return bandArray<unsigned char>(g, kPresent); }
+unsigned char* trees(const VELDSEGraph* g) { return bandArray<unsigned char>(g, kTrees); }
 
 graphcore::BandTopology topology(const VELDSEGraph* g) {
-  return {links(g), present(g), ups(g), slots(g), next(g), terminals(g), trees(g), nullptr};
+  return {links(g),
+          present(g),
+          bandArray<int>(g, kUps),
+          bandArray<int>(g, kSlots),
+          bandArray<graphcore::BandNext>(g, kNext),
+          bandArray<float>(g, kTerminals),
+          trees(g),
+          nullptr};
 }
 
 // The solver walks these arrays in no particular order; on large graphs a
@@ -58,15 +89,19 @@ void preferHugePages(void* begin, void* end) {
 
 VELDSEGraph* createBandGraph(int nodeCount, int width, int height) {
   const long records = nodeCount > 16 ? nodeCount : 16;
-  // Per record, in four-byte words: 8 capacities, 2 of links, 4 of solver
-  // state, 1 terminal capacity, and two bytes (presence bits, tree); the
-  // allocation counts pairs of words.
-  const long words = 15 * records + (2 * records + 3) / 4;
-  VELDSEGraph* g = new VELDSEGraph(nodeCount, static_cast<int>((words + 1) / 2), width, height, 0);
+  // The capacities and every array of the table, counted in the capacity
+  // pairs (eight bytes) the graph's constructor allocates.
+  // In 64 bits: on a 32-bit target a band of some tens of millions of nodes
+  // would overflow long. A count beyond int asks for more than the allocator
+  // can give, so the arrays come back null as they would for any size it
+  // cannot serve.
+  const long long bytes = static_cast<long long>(kCapacityBytes + bytesBefore(kBandArrays)) * records;
+  const long long pairs = std::min<long long>((bytes + 7) / 8, INT_MAX);
+  VELDSEGraph* g = new VELDSEGraph(nodeCount, static_cast<int>(pairs), width, height, 0);
   if (g->m_nodes == nullptr || g->m_caps == nullptr) return g;
   g->m_capMax = g->m_caps + 8 * records;
   preferHugePages(g->m_nodes, g->m_nodeMax);
-  preferHugePages(g->m_caps, trees(g) + records);
+  preferHugePages(g->m_caps, reinterpret_cast<unsigned char*>(g->m_caps) + bytes);
   std::memset(present(g), 0, static_cast<size_t>(records));
   return g;
 }

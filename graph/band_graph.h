@@ -20,7 +20,8 @@
 // terminal capacity, queue links) in dense arrays of its own and writes it
 // back into the records before it returns. These live in the same
 // allocation as the capacities, just past m_capMax, so that deleting the
-// graph frees them too. m_width and m_height give the box.
+// graph frees them too; one table in band_graph.cpp lays them out (and sizes
+// the allocation). m_width and m_height give the box.
 //
 // Building one (the calls of a grid builder, plus the neighbour table):
 //     VELDSEGraph* g = createBandGraph(n, boxWidth, boxHeight);

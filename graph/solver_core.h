@@ -426,6 +426,51 @@ struct BandTopology {
   }
 };
 
+// How many slots of each half of an augmenting path augmentPath records on
+// its first pass.
+constexpr int kRecordedPath = 1024;
+
+// Pushes f along one half of an augmenting path, from the node next to the
+// middle edge (`start`) out to the half's root, and makes orphans of the
+// nodes whose parent edge (and of the root whose terminal link) it
+// saturates. On the sink half the residual runs from a node to its parent
+// (slot p), on the source half from the parent to the node (slot p ^ 1).
+// The node whose parent slot is p is the tail of p: when the first pass
+// recorded the half (len <= kRecordedPath) its slots and tails are read back,
+// otherwise the parent chain is walked again.
+template <bool sinkHalf, class Topology>
+void pushHalf(VELDSEGraph* g, const Topology& topo, int start, const int* slots, const int* tails, int len,
+              int root, float f) {
+  float* const caps = g->m_caps;
+  nodes* const base = g->m_nodes;
+  if (len <= kRecordedPath) {
+    for (int k = 0; k < len; ++k) {
+      const int forward = sinkHalf ? slots[k] : slots[k] ^ 1;
+      const float left = caps[forward] - f;
+      caps[forward] = left;
+      caps[forward ^ 1] += f;
+      if (left == 0.0f) topo.orphan(g, tails[k]);
+    }
+  } else {
+    int x = start;
+    for (int p = topo.parent(base, x); p != VELDSEGraph::TERMINAL; p = topo.parent(base, x)) {
+      const int forward = sinkHalf ? p : p ^ 1;
+      caps[forward] -= f;
+      caps[forward ^ 1] += f;
+      const int next = topo.up(base, x);
+      if (caps[forward] == 0.0f) topo.orphan(g, x);
+      x = next;
+    }
+  }
+  float& terminal = topo.terminal(base, root);
+  if (sinkHalf) {
+    terminal += f;
+  } else {
+    terminal -= f;
+  }
+  if (terminal == 0.0f) topo.orphan(g, root);
+}
+
 template <class Topology>
 void augmentPath(VELDSEGraph* g, const Topology& topo, int middle) {
   float* const caps = g->m_caps;
@@ -433,7 +478,7 @@ void augmentPath(VELDSEGraph* g, const Topology& topo, int middle) {
   // The first pass records the slots of each half so that the second pass
   // need not chase the parent chain again; a half longer than the buffer is
   // walked twice instead.
-  constexpr int kRecorded = 1024;
+  constexpr int kRecorded = kRecordedPath;
   int sinkSlots[kRecorded], sourceSlots[kRecorded];
   // ... with the node each slot leaves from (its tail).
   int sinkTails[kRecorded], sourceTails[kRecorded];
@@ -485,50 +530,8 @@ void augmentPath(VELDSEGraph* g, const Topology& topo, int middle) {
   caps[middle ^ 1] += f;
 
   // Push and collect orphans, sink half first, each half from the middle out.
-  // The node whose parent slot is p is the tail of p.
-  if (sinkLen <= kRecorded) {
-    for (int k = 0; k < sinkLen; ++k) {
-      const int p = sinkSlots[k];
-      const float left = caps[p] - f;
-      caps[p] = left;
-      caps[p ^ 1] += f;
-      if (left == 0.0f) topo.orphan(g, sinkTails[k]);
-    }
-  } else {
-    int x = topo.head(middle);
-    for (int p = topo.parent(base, x); p != VELDSEGraph::TERMINAL; p = topo.parent(base, x)) {
-      caps[p] -= f;
-      caps[p ^ 1] += f;
-      const int next = topo.up(base, x);
-      if (caps[p] == 0.0f) topo.orphan(g, x);
-      x = next;
-    }
-  }
-  float& sinkTerminal = topo.terminal(base, sinkRoot);
-  sinkTerminal += f;
-  if (sinkTerminal == 0.0f) topo.orphan(g, sinkRoot);
-
-  if (sourceLen <= kRecorded) {
-    for (int k = 0; k < sourceLen; ++k) {
-      const int p = sourceSlots[k];
-      const float left = caps[p ^ 1] - f;
-      caps[p ^ 1] = left;
-      caps[p] += f;
-      if (left == 0.0f) topo.orphan(g, sourceTails[k]);
-    }
-  } else {
-    int x = topo.head(middle ^ 1);
-    for (int p = topo.parent(base, x); p != VELDSEGraph::TERMINAL; p = topo.parent(base, x)) {
-      caps[p ^ 1] -= f;
-      caps[p] += f;
-      const int next = topo.up(base, x);
-      if (caps[p ^ 1] == 0.0f) topo.orphan(g, x);
-      x = next;
-    }
-  }
-  float& sourceTerminal = topo.terminal(base, sourceRoot);
-  sourceTerminal -= f;
-  if (sourceTerminal == 0.0f) topo.orphan(g, sourceRoot);
+  pushHalf<true>(g, topo, topo.head(middle), sinkSlots, sinkTails, sinkLen, sinkRoot, f);
+  pushHalf<false>(g, topo, topo.head(middle ^ 1), sourceSlots, sourceTails, sourceLen, sourceRoot, f);
 
   g->m_flow += f;
 }

@@ -121,12 +121,6 @@ void VELDSEGraph::addEdge(int /*i*/, int /*j*/, float cap, float revCap, bool ab
   m_capCount = static_cast<int>(m_capLast - m_caps);
 }
 
-void VELDSEGraph::skipNodeEdges() {
-  assert(m_capLast + 8 <= m_capMax);
-  m_capLast += 8;
-  m_capCount = static_cast<int>(m_capLast - m_caps);
-}
-
 int VELDSEGraph::addToEdge(int i, int j, float cap, float revCap) {
   const GridWalk walk(m_width, m_height);
   const unsigned mask = walk.mask(i);

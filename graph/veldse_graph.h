@@ -37,10 +37,10 @@
 //     upper-left/up/upper-right, column w-1 drops upper-right/right/lower-right,
 //     row h-1 drops lower-right/down/lower-left.
 //
-// Building a graph (what every builder does)
+// Building a graph
 //     VELDSEGraph g(w * h, 8 * w * h, w, h, 0);
-//     if (g.m_nodes == nullptr || g.m_caps == nullptr) give up;
-//     g.reset(); g.addNode(w * h);
+//     if (g.m_nodes == nullptr || g.m_caps == nullptr) give up;   // creator
+//     g.reset(); g.addNode(w * h);                                  // builder
 //     for i in 0 .. w*h-1:                        // index order, 4 calls each
 //       g.addEdge(i, left, c, rc, !hasLeft);
 //       g.addEdge(i, upLeft, c, rc, !hasUpLeft);
@@ -48,13 +48,17 @@
 //       g.addEdge(i, upRight, c, rc, !hasUpRight);
 //     for i: g.addtWeights(i, toObject, toBackground);
 //     g.maxFlow();  then g.getTreeofNode(i) for every i.
+// Whoever creates the graph tests its arrays, once, before any builder
+// writes: VELDSEHybrid::segment() right after creating the whole-image graph
+// (which constructGraphVELD_Whole_Image() then rebuilds for every cut without
+// testing again), constructGraphTrimapVELD() for the graph it creates itself.
 //
 // Calls, contracts and costs (n = nodes added, W = width)
 //   VELDSEGraph(nodeMax, edgeMax, width, height, threads)
 //       Allocates max(nodeMax, 16) node records and max(edgeMax, 16) capacity
 //       pairs (8 bytes each) through VELD_Malloc_Msg (tag "VELDSEGraph", lines
 //       53 and 54). The arrays are not tested here: a failed allocation leaves
-//       m_nodes or m_caps null and the builder must check. nodeMax and edgeMax
+//       m_nodes or m_caps null and the creator must check. nodeMax and edgeMax
 //       are hard limits: nothing grows later. O(1) besides malloc.
 //   VELDSEGraph(g, blockRow, blockCol, blockWidth, blockHeight)
 //       Block view for the parallel solver: shares g's arrays, counts, cursors
@@ -77,12 +81,6 @@
 //       i and j are ignored: the position alone says which edge it is, so the
 //       builder must call it exactly four times per node in the order above.
 //       O(1).
-//   skipNodeEdges()
-//       Moves past one node's four pairs without writing them, in place of its
-//       four addEdge calls. Only for a node that no search can reach and whose
-//       four neighbours no search can reach either (isolated pixels deep in a
-//       fixed area of the re-cut graph): nothing ever reads those floats, and
-//       their memory pages are never touched. O(1).
 //   addToEdge(i, j, cap, revCap)
 //       Adds cap to the first present slot i -> j in the neighbour order and
 //       revCap to its reverse; nothing happens if j is not a present
@@ -131,6 +129,8 @@
 #ifndef SEGCORE_GRAPH_VELDSE_GRAPH_H
 #define SEGCORE_GRAPH_VELDSE_GRAPH_H
 
+#include "support/cpu_timer.h"
+
 namespace graphcore {
 class LimitWatch;
 }
@@ -156,8 +156,8 @@ class VELDSEGraph {
   static constexpr int FREE_TREE = 2;
   // Capacity value of both slots of an absent edge.
   static constexpr float ABSENT_EDGE = -2.0f;
-  // A run is abandoned once g_cancelTimer exceeds this.
-  static constexpr double TIME_LIMIT_MS = 10000.0;
+  // A run is abandoned once g_cancelTimer exceeds this (support/cpu_timer.h).
+  static constexpr double TIME_LIMIT_MS = kCancelTimeLimitMs;
 
   VELDSEGraph(int nodeMax, int edgeMax, int width, int height, int threads);
   VELDSEGraph(VELDSEGraph* g, int blockRow, int blockCol, int blockWidth, int blockHeight);
@@ -169,7 +169,6 @@ class VELDSEGraph {
   int resetNew();
   void addNode(int n);
   void addEdge(int i, int j, float cap, float revCap, bool absent);
-  void skipNodeEdges();
   int addToEdge(int i, int j, float cap, float revCap);
   void addtWeights(int i, float capSource, float capSink);
   int getTreeofNode(int i);
@@ -191,7 +190,7 @@ class VELDSEGraph {
   // Index of the node slot s leads to.
   int headOfSlot(int s) const { return m_offsets[(s + 1) & 7] + ((s + 1) >> 3); }
 
-  // Fields, in this order. Public: the builders test the arrays and the
+  // Fields, in this order. Public: the creators test the arrays and the
   // parallel solver works on them directly.
   int m_nodeCount;       // nodes added so far
   int m_capCount;        // capacity floats written so far

@@ -7,21 +7,19 @@
 
 #include "interface/boundary.h"
 #include "interface/context.h"
-#include "interface/segmentation_core.h"
 #include "interface/image_io.h"
+#include "interface/segmentation_core.h"
 #include "interface/undo_redo.h"
 #include "interface/veldse_marker.h"
+#include "support/image_rows.h"
 #include "support/owned.h"
+#include "support/size_check.h"
 #include "support/slices.h"
 
 namespace {
-void logSizeError(const char* function, int line) {
-  __android_log_print(ANDROID_LOG_ERROR, "Error", "MEMORY_CRASH : %s %d", function, line);
-}
-
 void convertRows(const unsigned int* pixels, int width, IplImage* image, int y0, int y1) {
   for (int y = y0; y < y1; ++y) {
-    unsigned char* row = reinterpret_cast<unsigned char*>(image->imageData + static_cast<size_t>(y) * image->widthStep);
+    unsigned char* row = imageRow(image, y);
     const unsigned int* in = pixels + static_cast<size_t>(y) * width;
     for (int x = 0; x < width; ++x) {
       const unsigned int v = in[x];
@@ -39,7 +37,7 @@ bool fitsAnImage(int width, int height, int bytesPerPixel) {
 }
 
 int storeSourceImage(int width, int height, unsigned int* pixels) {
-  if (width < 1 || height < 1) logSizeError("setSourceImage", 115);
+  checkImageSize(width, height, "setSourceImage", 115);
   // An empty photo is stored (nothing to copy) as it always was; a negative
   // size cannot be.
   if (width < 0 || height < 0) boundary::refuse("photo size %d x %d", width, height);
@@ -93,8 +91,7 @@ void writePlainPhoto(unsigned int* out) {
   if (image == nullptr || image->width < 1 || image->height < 1) return;
   const int width = image->width;
   for (int y = 0; y < image->height; ++y) {
-    const unsigned char* row =
-        reinterpret_cast<const unsigned char*>(image->imageData + y * image->widthStep);
+    const unsigned char* row = imageRow(image, y);
     unsigned int* o = out + static_cast<size_t>(y) * width;
     for (int x = 0; x < width; ++x) {
       o[x] = 0xFF000000u | row[3 * x] | (static_cast<unsigned int>(row[3 * x + 1]) << 8) |
@@ -104,8 +101,8 @@ void writePlainPhoto(unsigned int* out) {
 }
 
 int storeMarkerImage(int width, int height, int* markers, int strokeType) {
-  if (width < 1 || height < 1) logSizeError("setMarkerImage", 164);
-  if (width < 1 || height < 1) logSizeError("setMarkerImage", 173);
+  checkImageSize(width, height, "setMarkerImage", 164);
+  checkImageSize(width, height, "setMarkerImage", 173);
   if (width < 0 || height < 0) boundary::refuse("marker grid size %d x %d", width, height);
   if (markers == nullptr && width > 0 && height > 0) boundary::refuse("null marker buffer");
   if (!fitsAnImage(width, height, 4)) boundary::refuse("marker grid of %d x %d is too large", width, height);

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "interface/boundary.h"
+#include "support/image_rows.h"
 
 const int kPathNeighbourRow[kPathNeighbours] = {1, 0, -1, -1, -1, 0, 1, 1};
 const int kPathNeighbourCol[kPathNeighbours] = {1, 1, 1, 0, -1, -1, -1, 0};
@@ -18,8 +19,7 @@ const int kPathNeighbourCol[kPathNeighbours] = {1, 1, 1, 0, -1, -1, -1, 0};
 namespace {
 
 inline const unsigned char* pixelAt(const IplImage* img, int r, int c) {
-  return reinterpret_cast<const unsigned char*>(img->imageData) + r * img->widthStep +
-         c * img->nChannels;
+  return imageRow(img, r) + c * img->nChannels;
 }
 
 // sqrt(alpha * spatial + (1 - alpha) / 3 * |colour difference|^2), in double.

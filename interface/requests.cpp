@@ -31,14 +31,12 @@
 #include "interface/segmentation_core.h"
 #include "interface/undo_redo.h"
 #include "interface/veldse_marker.h"
+#include "support/image_rows.h"
 #include "support/owned.h"
+#include "support/size_check.h"
 #include "support/slices.h"
 
 namespace {
-
-inline unsigned char* row8(IplImage* image, int y) {
-  return reinterpret_cast<unsigned char*>(image->imageData + y * image->widthStep);
-}
 
 // The box round every point of the outline, grown by a margin that holds the
 // drawn line (2 pixels wide, anti-aliased) and clipped to the image; empty
@@ -148,9 +146,7 @@ struct Outline {
 void findOutline(const IplImage* result, Outline& outline) {
   const int width = result->width;
   const int height = result->height;
-  if (width < 1 || height < 1) {
-    __android_log_print(ANDROID_LOG_ERROR, "Error", "MEMORY_CRASH : %s %d", "loadBlendedImageInfo", 493);
-  }
+  checkImageSize(width, height, "loadBlendedImageInfo", 493);
   outline.storage.reset(owned::Storage::create(0));
   // The contour search writes into its image, so it runs on a copy of the
   // mask; the same buffer, cleared, then takes the drawn outline.
@@ -180,7 +176,7 @@ void deliverOutline(Outline& outline, unsigned int* blended) {
   // blend yellow into the photo.
   slices::forSlices(box.height, static_cast<long>(box.width) * box.height, [&](int r0, int r1) {
     for (int y = box.y + r0; y < box.y + r1; ++y) {
-      const unsigned char* o = reinterpret_cast<const unsigned char*>(drawn->imageData + y * drawn->widthStep);
+      const unsigned char* o = imageRow(drawn, y);
       unsigned int* out = blended + static_cast<size_t>(y) * width;
       for (int x = box.x; x < box.x + box.width; ++x) {
         if (o[x] == 255) out[x] = 0xFFFFFF00u;
@@ -200,8 +196,7 @@ void deliverMask(const IplImage* result, unsigned char* mask) {
   // Each pixel on its own, so row slices may run side by side.
   slices::forSlices(height, static_cast<long>(width) * height, [&](int y0, int y1) {
     for (int y = y0; y < y1; ++y) {
-      const unsigned char* in =
-          reinterpret_cast<const unsigned char*>(result->imageData + y * result->widthStep);
+      const unsigned char* in = imageRow(result, y);
       unsigned char* out = mask + static_cast<size_t>(y) * width;
       for (int x = 0; x < width; ++x) out[x] = in[x] == 255 ? 0 : 255;
     }
@@ -366,12 +361,12 @@ int runCutOut(unsigned int* blended, unsigned char* mask) {
   // only offers editing once there is a result.
   owned::Image previous(VELDSEManageUndoRedo::prevMask());
   if (previous) {
-    for (int y = 0; y < height; ++y) memcpy(row8(g_resultMask, y), row8(previous.get(), y), width);
+    for (int y = 0; y < height; ++y) memcpy(imageRow(g_resultMask, y), imageRow(previous.get(), y), width);
     previous.reset();
   }
   for (int y = 0; y < height; ++y) {
-    const unsigned char* marker = row8(g_markerImage, y);
-    unsigned char* out = row8(g_resultMask, y);
+    const unsigned char* marker = imageRow(g_markerImage, y);
+    unsigned char* out = imageRow(g_resultMask, y);
     for (int x = 0; x < width; ++x) {
       if (marker[x] == LABEL_FG) {
         out[x] = 255;

@@ -9,7 +9,9 @@
 #include <new>
 
 #include "interface/veldse_marker.h"
+#include "support/image_rows.h"
 #include "support/owned.h"
+#include "support/size_check.h"
 #include "support/slices.h"
 
 unsigned int** VELDSEManageUndoRedo::m_bitPlane = nullptr;
@@ -133,16 +135,12 @@ namespace {
 // neither side is read or written a pixel per cache line.
 const int kBandRows = 16;
 
-unsigned char* maskRow(const IplImage* mask, int y) {
-  return reinterpret_cast<unsigned char*>(mask->imageData + static_cast<long>(y) * mask->widthStep);
-}
-
 // Columns xa .. xb-1 of slot k into the mask's rows.
 void readColumns(int k, int xa, int xb, int h, IplImage* mask) {
   unsigned char* rows[kBandRows];
   for (int y0 = 0; y0 < h; y0 += kBandRows) {
     const int n = std::min(kBandRows, h - y0);
-    for (int r = 0; r < n; ++r) rows[r] = maskRow(mask, y0 + r);
+    for (int r = 0; r < n; ++r) rows[r] = imageRow(mask, y0 + r);
     for (int x = xa; x < xb; ++x) {
       const unsigned int* column = VELDSEManageUndoRedo::m_bitPlane[x] + y0;
       for (int r = 0; r < n; ++r) rows[r][x] = ((column[r] >> k) & 1u) ? 255 : 0;
@@ -156,7 +154,7 @@ void writeColumns(int k, int xa, int xb, int h, const IplImage* mask) {
   const unsigned char* rows[kBandRows];
   for (int y0 = 0; y0 < h; y0 += kBandRows) {
     const int n = std::min(kBandRows, h - y0);
-    for (int r = 0; r < n; ++r) rows[r] = maskRow(mask, y0 + r);
+    for (int r = 0; r < n; ++r) rows[r] = imageRow(mask, y0 + r);
     for (int x = xa; x < xb; ++x) {
       unsigned int* column = VELDSEManageUndoRedo::m_bitPlane[x] + y0;
       for (int r = 0; r < n; ++r) {
@@ -187,9 +185,7 @@ IplImage* VELDSEManageUndoRedo::getMask(int k) {
   if (k < 0) return nullptr;
   const int w = VELDSEMarker::m_originalWidth;
   const int h = VELDSEMarker::m_originalHeight;
-  if (w < 1 || h < 1) {
-    __android_log_print(ANDROID_LOG_ERROR, "Error", "MEMORY_CRASH : %s %d", "getMask", 92);
-  }
+  checkImageSize(w, h, "getMask", 92);
   IplImage* mask = createImage(cvSize(w, h), IPL_DEPTH_8U, 1);
   // Planes of another photo, or none (a call straight into the history
   // without a context), have no bits for this one.

@@ -12,6 +12,12 @@
 
 #include <sys/time.h>
 
+// A request's cuts are abandoned once g_cancelTimer shows more than this many
+// milliseconds: the driver checks after each cut, the solver after each node
+// visit (and then raises the cancel flag itself). The one definition of the
+// limit.
+constexpr double kCancelTimeLimitMs = 10000.0;
+
 struct CpuTimer {
   struct timeval start;
   struct timeval stop;

@@ -128,7 +128,8 @@ inline bool fromLoader(const void* caller) {
 // Pauses the leak checker for this thread while a loader block is made.
 class LoaderBlock {
  public:
-  explicit LoaderBlock(bool loader) : paused_(loader && __lsan_disable != nullptr && __lsan_enable != nullptr) {
+  explicit LoaderBlock(bool loader)
+      : paused_(loader && __lsan_disable != nullptr && __lsan_enable != nullptr) {
     if (paused_) __lsan_disable();
   }
   ~LoaderBlock() {
@@ -496,7 +497,9 @@ long liveBlocks() { return g_live.load(); }
 extern "C" {
 
 // Kept out of line: the caller's address has to be the real caller's.
-__attribute__((noinline)) void* malloc(size_t n) { return plainAlloc(n, fromLoader(__builtin_return_address(0))); }
+__attribute__((noinline)) void* malloc(size_t n) {
+  return plainAlloc(n, fromLoader(__builtin_return_address(0)));
+}
 
 void free(void* p) { release(p); }
 
@@ -532,7 +535,10 @@ __attribute__((noinline)) void* realloc(void* p, size_t n) {
   const LoaderBlock pause(loader);
   void* q = g_next.realloc(p, n);
   // Grown or moved: still one block. Released by a zero size: one less.
-  if (n == 0 && q == nullptr) layer.count(-1); else layer.count(0);
+  if (n == 0 && q == nullptr)
+    layer.count(-1);
+  else
+    layer.count(0);
   return q;
 }
 

@@ -20,7 +20,12 @@ std::vector<double> channel(const std::vector<pixelVal>& s, int c) {
 
 TEST(VarPartitionTest, SplitsAlongWidestChannelAtItsMean) {
   // Values of the two halves on the split channel.
-  const struct { const char* name; std::vector<pixelVal> in; int dir; std::vector<double> low, high; } cases[] = {
+  const struct {
+    const char* name;
+    std::vector<pixelVal> in;
+    int dir;
+    std::vector<double> low, high;
+  } cases[] = {
       {"identical samples", {px(7, 7, 7), px(7, 7, 7), px(7, 7, 7)}, 0, {7}, {7, 7, 7}},
       {"channel 2 widest", {px(1, 5, 0), px(2, 5, 30), px(3, 5, 10), px(2, 5, 20)}, 2, {0, 10}, {30, 20}},
       {"value equal to mean goes high", {px(0, 0, 0), px(0, 4, 0), px(0, 8, 0)}, 1, {0}, {4, 8}},
@@ -49,13 +54,16 @@ TEST(VarParInitTest, FourSplitsOfWidestGroups) {
   EXPECT_EQ(std::vector<double>(block, block + 15),
             (std::vector<double>{105, 1, 2, 1000, 1, 2, 1010, 1, 2, 0, 1, 2, 10, 1, 2}));
   varParInit({px(4, 5, 6)}, centres);
-  EXPECT_EQ(std::vector<double>(block, block + 15), (std::vector<double>{4, 5, 6, 4, 5, 6, 4, 5, 6, 4, 5, 6, 4, 5, 6}));
+  EXPECT_EQ(std::vector<double>(block, block + 15),
+            (std::vector<double>{4, 5, 6, 4, 5, 6, 4, 5, 6, 4, 5, 6, 4, 5, 6}));
 }
 
 TEST(OrderTest, AscendingByScoreTrueOnNaN) {
   const double nan = std::numeric_limits<double>::quiet_NaN();
-  const struct { double a, b; bool expected; } cases[] = {
-      {1, 2, true}, {2, 1, false}, {3, 3, false}, {nan, 1, true}, {1, nan, true}, {nan, nan, true}};
+  const struct {
+    double a, b;
+    bool expected;
+  } cases[] = {{1, 2, true}, {2, 1, false}, {3, 3, false}, {nan, 1, true}, {1, nan, true}, {nan, nan, true}};
   for (const auto& tc : cases) {
     SCOPED_TRACE(testing::Message() << tc.a << " vs " << tc.b);
     EXPECT_EQ(order(vec4{{9, 9, 9}, tc.a}, vec4{{0, 0, 0}, tc.b}), tc.expected);
@@ -100,8 +108,9 @@ TEST(InitThirdInitalizationTest, RestSortedByBackgroundLikenessIsSplitInThirds) 
   for (int i = 0, k = 0, j = 0; i < 60; ++i) {
     const int d = 10 * ((j * 7) % 15 + 1);  // for the 15 others, j = 0 .. 14
     const int g[5][3] = {{0, 0, 0}, {8, 0, 0}, {0, 0, 8}, {8, 0, 8}, {4, 8, 4}}, e = k / 5;
-    const pixelVal p = i % 4 == 1 ? px(200, 60 + d, 30)
-                                  : px(196 + g[k % 5][0] + e % 3, 56 + g[k % 5][1] + e / 3, 26 + g[k % 5][2] + 2 * e % 3);
+    const pixelVal p =
+        i % 4 == 1 ? px(200, 60 + d, 30)
+                   : px(196 + g[k % 5][0] + e % 3, 56 + g[k % 5][1] + e / 3, 26 + g[k % 5][2] + 2 * e % 3);
     colour.at<cv::Vec3b>(i / 10, i % 10) = cv::Vec3b(p.val[0], p.val[1], p.val[2]);
     label.data[i] = static_cast<unsigned char>(i % 4 == 1 ? 2 * (j++ % 3) : k++ % 2 ? 1 : 3);
     if (i % 4 != 1) background.push_back(p);
@@ -110,8 +119,13 @@ TEST(InitThirdInitalizationTest, RestSortedByBackgroundLikenessIsSplitInThirds) 
   for (int d = 10; d <= 50; d += 10) nearest.push_back(px(200, 60 + d, 30));
   background.insert(background.end(), nearest.begin(), nearest.end());
   VELDSEColorModel bg;
-  for (int k = 0; k < 5; ++k)
-    bg.weight[k] = 0.2, bg.mean[k][0] = 200, bg.mean[k][1] = 60, bg.mean[k][2] = 30, bg.covariance[k][0] = bg.covariance[k][4] = bg.covariance[k][8] = 400;
+  for (int k = 0; k < 5; ++k) {
+    bg.weight[k] = 0.2;
+    bg.mean[k][0] = 200;
+    bg.mean[k][1] = 60;
+    bg.mean[k][2] = 30;
+    bg.covariance[k][0] = bg.covariance[k][4] = bg.covariance[k][8] = 400;
+  }
   bg.setDeterminant();
   bg.setInverseCovariance();
   VELDSEColorModel wantBg = bg, wantObj, gotObj;

@@ -32,10 +32,10 @@ namespace {
 
 using synthetic::Bytes;
 using synthetic::Pixels;
-using testsupport::Lines;
 using ::testing::ElementsAreArray;
 using ::testing::Matcher;
 using ::testing::StartsWith;
+using testsupport::Lines;
 
 constexpr int kW = 48, kH = 36;
 constexpr int kPixels = kW * kH;
@@ -54,12 +54,12 @@ const synthetic::Scene& scene() {
 
 // Where a row starts.
 enum class State {
-  kNone,           // no photo, no engine
-  kPhoto,          // setSourceImage only
-  kEngine,         // photo and engine, no result yet
-  kAfterRectangle, // right after doSegmentationBB
-  kResult,         // a rectangle, two strokes and an undo: undo and redo both possible
-  kTornDown,       // kResult, then deinitSegmentation
+  kNone,            // no photo, no engine
+  kPhoto,           // setSourceImage only
+  kEngine,          // photo and engine, no result yet
+  kAfterRectangle,  // right after doSegmentationBB
+  kResult,          // a rectangle, two strokes and an undo: undo and redo both possible
+  kTornDown,        // kResult, then deinitSegmentation
 };
 
 const char* stateName(State s) {
@@ -111,7 +111,8 @@ Outcome goodRequest() {
   for (int x = kRectX2; x > kRectX1; --x) points.insert(points.end(), {x, kRectY2});
   for (int y = kRectY2; y > kRectY1; --y) points.insert(points.end(), {kRectX1, y});
   std::vector<int> grid(kPixels, LABEL_UNKNOWN);
-  cv::Mat(kH, kW, CV_32S, grid.data())(cv::Rect(kRectX1, kRectY1, kRectX2 - kRectX1 + 1, kRectY2 - kRectY1 + 1))
+  cv::Mat(kH, kW, CV_32S,
+          grid.data())(cv::Rect(kRectX1, kRectY1, kRectX2 - kRectX1 + 1, kRectY2 - kRectY1 + 1))
       .setTo(cv::Scalar(LABEL_PR_FG));
   setCurrentMarkerVector(static_cast<int>(points.size()), points.data());
   setMarkerImage(kW, kH, grid.data(), 0);
@@ -154,11 +155,8 @@ void setUp(State state) {
   Pixels photo = photoCopy();
   Bytes mask(kPixels);
   switch (state) {
-    case State::kNone:
-      break;
-    case State::kPhoto:
-      ASSERT_EQ(setSourceImage(kW, kH, photo.data()), 0);
-      break;
+    case State::kNone: break;
+    case State::kPhoto: ASSERT_EQ(setSourceImage(kW, kH, photo.data()), 0); break;
     case State::kEngine:
       ASSERT_EQ(setSourceImage(kW, kH, photo.data()), 0);
       ASSERT_EQ(initSegmentationEngine(0), 0);
@@ -190,9 +188,16 @@ struct Snapshot {
 };
 
 Snapshot snapshot() {
-  return {VELDSEMarker::m_originalImage, pHybrid, VELDSEManageUndoRedo::m_bitPlane,
-          VELDSEMarker::m_originalWidth, VELDSEMarker::m_originalHeight, VELDSEManageUndoRedo::m_current,
-          VELDSEManageUndoRedo::m_top, VELDSEManageUndoRedo::m_bottom, canUndo(), canRedo()};
+  return {VELDSEMarker::m_originalImage,
+          pHybrid,
+          VELDSEManageUndoRedo::m_bitPlane,
+          VELDSEMarker::m_originalWidth,
+          VELDSEMarker::m_originalHeight,
+          VELDSEManageUndoRedo::m_current,
+          VELDSEManageUndoRedo::m_top,
+          VELDSEManageUndoRedo::m_bottom,
+          canUndo(),
+          canRedo()};
 }
 
 void expectSame(const Snapshot& before, const Snapshot& after) {
@@ -291,13 +296,13 @@ struct Row {
   std::string what;
   State state;
   std::function<int(Buffers&)> call;
-  int status;               // kNoStatus for void calls
-  const char* callName;     // the "<call>: " of the log line
+  int status;            // kNoStatus for void calls
+  const char* callName;  // the "<call>: " of the log line
   Effect effect;
-  Lines crashLines = {};    // logged before the refusal (or, for a legal row, all it logs), exactly
+  Lines crashLines = {};        // logged before the refusal (or, for a legal row, all it logs), exactly
   bool someCrashLines = false;  // MEMORY_CRASH lines of the calls it wraps may come first
-  std::function<void(Buffers&)> check = nullptr;   // what a legal row writes
-  std::function<void(Buffers&)> twin = nullptr;    // a legal call with the same result
+  std::function<void(Buffers&)> check = nullptr;  // what a legal row writes
+  std::function<void(Buffers&)> twin = nullptr;   // a legal call with the same result
 };
 
 std::string crashLine(const char* function, int line) {
@@ -397,16 +402,24 @@ TEST_F(BadArguments, ReferenceRequestsDeliverACut) {
 
 Row sourceSize(int w, int h, State state = State::kResult) {
   const bool small = w < 1 || h < 1;
-  return {"setSourceImage " + std::to_string(w) + " x " + std::to_string(h), state,
-          [w, h](Buffers& b) { return setSourceImage(w, h, b.smallPhoto.data()); }, SEGCORE_FAILED,
-          "setSourceImage", Effect::kRefused, small ? kSourceCrash : Lines{}};
+  return {"setSourceImage " + std::to_string(w) + " x " + std::to_string(h),
+          state,
+          [w, h](Buffers& b) { return setSourceImage(w, h, b.smallPhoto.data()); },
+          SEGCORE_FAILED,
+          "setSourceImage",
+          Effect::kRefused,
+          small ? kSourceCrash : Lines{}};
 }
 
 Row markerSize(int w, int h, State state = State::kResult) {
   const bool small = w < 1 || h < 1;
-  return {"setMarkerImage " + std::to_string(w) + " x " + std::to_string(h), state,
-          [w, h](Buffers& b) { return setMarkerImage(w, h, b.smallMarkers.data(), 2); }, SEGCORE_FAILED,
-          "setMarkerImage", Effect::kRefused, small ? kMarkerCrash : Lines{}};
+  return {"setMarkerImage " + std::to_string(w) + " x " + std::to_string(h),
+          state,
+          [w, h](Buffers& b) { return setMarkerImage(w, h, b.smallMarkers.data(), 2); },
+          SEGCORE_FAILED,
+          "setMarkerImage",
+          Effect::kRefused,
+          small ? kMarkerCrash : Lines{}};
 }
 
 // A grid with a side of 0 is logged and stored; it changes nothing else, and
@@ -417,7 +430,12 @@ Row emptyMarkerGrid(int w, int h, bool nullMarkers, State state = State::kResult
           [w, h, nullMarkers](Buffers& b) {
             return setMarkerImage(w, h, nullMarkers ? nullptr : b.smallMarkers.data(), 2);
           },
-          0, "setMarkerImage", Effect::kKeeps, kMarkerCrash, false, [w, h](Buffers&) {
+          0,
+          "setMarkerImage",
+          Effect::kKeeps,
+          kMarkerCrash,
+          false,
+          [w, h](Buffers&) {
             ASSERT_NE(g_markerImage, nullptr);
             EXPECT_EQ(g_markerImage->width, w);
             EXPECT_EQ(g_markerImage->height, h);
@@ -425,27 +443,52 @@ Row emptyMarkerGrid(int w, int h, bool nullMarkers, State state = State::kResult
 }
 
 Row rectangleSize(int w, int h) {
-  Row r{"doSegmentationBB " + std::to_string(w) + " x " + std::to_string(h), State::kResult,
+  Row r{"doSegmentationBB " + std::to_string(w) + " x " + std::to_string(h),
+        State::kResult,
         [w, h](Buffers& b) { return doSegmentationBB(w, h, b.smallPhoto.data(), 0, 0, 3, 3, b.mask.data()); },
-        SEGCORE_FAILED, "doSegmentationBB", Effect::kRefused};
+        SEGCORE_FAILED,
+        "doSegmentationBB",
+        Effect::kRefused};
   r.someCrashLines = true;
   return r;
 }
 
 TEST_F(BadArguments, NegativeOrTooLargeSizesAreRefused) {
   std::vector<Row> rows;
-  for (auto wh : std::vector<std::pair<int, int>>{
-           {-1, kH}, {kW, -1}, {-1, -1}, {0, -1}, {-1, 0}, {INT_MIN, kH}, {kW, INT_MIN}, {0, INT_MIN},
-           {70000, 70000}, {65536, 65536}, {32768, 32768}, {46341, 46341}, {INT_MAX, 2}, {2, INT_MAX},
-           {INT_MAX, INT_MAX}, {715827883, 1}, {1, 715827883}}) {
+  for (auto wh : std::vector<std::pair<int, int>>{{-1, kH},
+                                                  {kW, -1},
+                                                  {-1, -1},
+                                                  {0, -1},
+                                                  {-1, 0},
+                                                  {INT_MIN, kH},
+                                                  {kW, INT_MIN},
+                                                  {0, INT_MIN},
+                                                  {70000, 70000},
+                                                  {65536, 65536},
+                                                  {32768, 32768},
+                                                  {46341, 46341},
+                                                  {INT_MAX, 2},
+                                                  {2, INT_MAX},
+                                                  {INT_MAX, INT_MAX},
+                                                  {715827883, 1},
+                                                  {1, 715827883}}) {
     rows.push_back(sourceSize(wh.first, wh.second));
   }
   rows.push_back(sourceSize(-1, -1, State::kNone));
   rows.push_back(sourceSize(0, -5, State::kNone));
   rows.push_back(sourceSize(65536, 65536, State::kNone));
-  for (auto wh : std::vector<std::pair<int, int>>{
-           {-1, kH}, {kW, -1}, {-1, -1}, {0, -1}, {-1, 0}, {INT_MIN, INT_MIN}, {70000, 70000},
-           {65536, 65536}, {32768, 32768}, {23171, 23171}, {INT_MAX, 2}, {536870913, 1}}) {
+  for (auto wh : std::vector<std::pair<int, int>>{{-1, kH},
+                                                  {kW, -1},
+                                                  {-1, -1},
+                                                  {0, -1},
+                                                  {-1, 0},
+                                                  {INT_MIN, INT_MIN},
+                                                  {70000, 70000},
+                                                  {65536, 65536},
+                                                  {32768, 32768},
+                                                  {23171, 23171},
+                                                  {INT_MAX, 2},
+                                                  {536870913, 1}}) {
     rows.push_back(markerSize(wh.first, wh.second));
   }
   rows.push_back(markerSize(-3, 5, State::kNone));
@@ -455,9 +498,15 @@ TEST_F(BadArguments, NegativeOrTooLargeSizesAreRefused) {
       rows.push_back(emptyMarkerGrid(wh.first, wh.second, null, State::kNone));
     }
   }
-  for (auto wh : std::vector<std::pair<int, int>>{
-           {0, kH}, {kW, 0}, {-5, -5}, {INT_MIN, INT_MIN}, {70000, 70000}, {65536, 65536},
-           {32768, 32768}, {INT_MAX, 2}, {715827883, 1}}) {
+  for (auto wh : std::vector<std::pair<int, int>>{{0, kH},
+                                                  {kW, 0},
+                                                  {-5, -5},
+                                                  {INT_MIN, INT_MIN},
+                                                  {70000, 70000},
+                                                  {65536, 65536},
+                                                  {32768, 32768},
+                                                  {INT_MAX, 2},
+                                                  {715827883, 1}}) {
     rows.push_back(rectangleSize(wh.first, wh.second));
   }
   runRows(rows);
@@ -473,8 +522,9 @@ TEST_F(BadArguments, NullBuffersAreRefused) {
   const std::vector<Row> rows = {
       {"setSourceImage null pixels", R, [](Buffers&) { return setSourceImage(kW, kH, nullptr); },
        SEGCORE_FAILED, "setSourceImage", Effect::kRefused},
-      {"setSourceImage null pixels, negative width", R, [](Buffers&) { return setSourceImage(-1, kH, nullptr); },
-       SEGCORE_FAILED, "setSourceImage", Effect::kRefused, kSourceCrash},
+      {"setSourceImage null pixels, negative width", R,
+       [](Buffers&) { return setSourceImage(-1, kH, nullptr); }, SEGCORE_FAILED, "setSourceImage",
+       Effect::kRefused, kSourceCrash},
       {"setSourceImage null pixels, no photo yet", State::kNone,
        [](Buffers&) { return setSourceImage(kW, kH, nullptr); }, SEGCORE_FAILED, "setSourceImage",
        Effect::kRefused},
@@ -482,8 +532,9 @@ TEST_F(BadArguments, NullBuffersAreRefused) {
        "copySourceImage", Effect::kRefused},
       {"setMarkerImage null markers", R, [](Buffers&) { return setMarkerImage(kW, kH, nullptr, 2); },
        SEGCORE_FAILED, "setMarkerImage", Effect::kRefused},
-      {"setMarkerImage null markers, no height", R, [](Buffers&) { return setMarkerImage(kW, -1, nullptr, 2); },
-       SEGCORE_FAILED, "setMarkerImage", Effect::kRefused, kMarkerCrash},
+      {"setMarkerImage null markers, no height", R,
+       [](Buffers&) { return setMarkerImage(kW, -1, nullptr, 2); }, SEGCORE_FAILED, "setMarkerImage",
+       Effect::kRefused, kMarkerCrash},
       {"setCurrentMarkerVector 4, null", R, [](Buffers&) { return setCurrentMarkerVector(4, nullptr); },
        SEGCORE_FAILED, "setCurrentMarkerVector", Effect::kRefused},
       {"setCurrentMarkerVector INT_MAX - 1, null", R,
@@ -514,14 +565,14 @@ TEST_F(BadArguments, NullBuffersAreRefused) {
        SEGCORE_FAILED, "fetch_path_array", Effect::kRefused},
       {"fetch_path_array both null", R, [](Buffers&) { return fetch_path_array(nullptr, nullptr); },
        SEGCORE_FAILED, "fetch_path_array", Effect::kRefused},
-      {"undo null blended", R, [](Buffers& b) { return undo(nullptr, b.mask.data()); }, SEGCORE_FAILED, "undo",
-       Effect::kRefused},
-      {"undo null mask", R, [](Buffers& b) { return undo(b.blended.data(), nullptr); }, SEGCORE_FAILED, "undo",
-       Effect::kRefused},
-      {"redo null blended", R, [](Buffers& b) { return redo(nullptr, b.mask.data()); }, SEGCORE_FAILED, "redo",
-       Effect::kRefused},
-      {"redo null mask", R, [](Buffers& b) { return redo(b.blended.data(), nullptr); }, SEGCORE_FAILED, "redo",
-       Effect::kRefused},
+      {"undo null blended", R, [](Buffers& b) { return undo(nullptr, b.mask.data()); }, SEGCORE_FAILED,
+       "undo", Effect::kRefused},
+      {"undo null mask", R, [](Buffers& b) { return undo(b.blended.data(), nullptr); }, SEGCORE_FAILED,
+       "undo", Effect::kRefused},
+      {"redo null blended", R, [](Buffers& b) { return redo(nullptr, b.mask.data()); }, SEGCORE_FAILED,
+       "redo", Effect::kRefused},
+      {"redo null mask", R, [](Buffers& b) { return redo(b.blended.data(), nullptr); }, SEGCORE_FAILED,
+       "redo", Effect::kRefused},
   };
   runRows(rows);
 }
@@ -553,7 +604,12 @@ TEST_F(BadArguments, CountsBelowOneEmptyTheStroke) {
                         setCurrentMarkerVector(static_cast<int>(points.size()), points.data());
                         return setCurrentMarkerVector(count, null ? nullptr : b.coords.data());
                       },
-                      0, "setCurrentMarkerVector", Effect::kKeeps, {}, false, [](Buffers& b) {
+                      0,
+                      "setCurrentMarkerVector",
+                      Effect::kKeeps,
+                      {},
+                      false,
+                      [](Buffers& b) {
                         EXPECT_EQ(b.coords, kCoords);
                         EXPECT_TRUE(VELDSEMarker::currentStroke.points.empty());
                       }});
@@ -564,8 +620,9 @@ TEST_F(BadArguments, CountsBelowOneEmptyTheStroke) {
 
 TEST_F(BadArguments, CallsOutOfOrderAreRefused) {
   auto request = [](const char* name, State s, int w, int h, bool process) -> Row {
-    return {std::string(name) + (w == kW && h == kH ? "" : " on a " + std::to_string(w) + " x " +
-                                                               std::to_string(h) + " marker grid"),
+    return {std::string(name) + (w == kW && h == kH ? ""
+                                                    : " on a " + std::to_string(w) + " x " +
+                                                          std::to_string(h) + " marker grid"),
             s,
             [w, h, process](Buffers& b) {
               std::vector<int> grid(static_cast<size_t>(w) * h, LABEL_FG);
@@ -575,32 +632,56 @@ TEST_F(BadArguments, CallsOutOfOrderAreRefused) {
               return process ? processSegment(0, 0, 0, b.blended.data(), b.mask.data())
                              : cutOutImage(0, 0, 0, b.blended.data(), b.mask.data());
             },
-            SEGCORE_FAILED, name, Effect::kRefused, w < 1 || h < 1 ? kMarkerCrash : Lines{}};
+            SEGCORE_FAILED,
+            name,
+            Effect::kRefused,
+            w < 1 || h < 1 ? kMarkerCrash : Lines{}};
   };
   auto history = [](const char* name, State s) -> Row {
     const bool isUndo = std::string(name) == "undo";
-    return {name, s,
+    return {name,
+            s,
             [isUndo](Buffers& b) {
               return isUndo ? undo(b.blended.data(), b.mask.data()) : redo(b.blended.data(), b.mask.data());
             },
-            SEGCORE_FAILED, name, Effect::kRefused};
+            SEGCORE_FAILED,
+            name,
+            Effect::kRefused};
   };
   auto loadMask = [](State s) -> Row {
-    return {"loadMaskImageInfo", s, voidCall([](Buffers& b) { loadMaskImageInfo(b.mask.data()); }), kNoStatus,
-            "loadMaskImageInfo", Effect::kRefused};
+    return {"loadMaskImageInfo",
+            s,
+            voidCall([](Buffers& b) { loadMaskImageInfo(b.mask.data()); }),
+            kNoStatus,
+            "loadMaskImageInfo",
+            Effect::kRefused};
   };
   auto loadBlended = [](State s) -> Row {
-    return {"loadBlendedImageInfo", s, voidCall([](Buffers& b) { loadBlendedImageInfo(b.blended.data()); }),
-            kNoStatus, "loadBlendedImageInfo", Effect::kRefused};
+    return {"loadBlendedImageInfo",
+            s,
+            voidCall([](Buffers& b) { loadBlendedImageInfo(b.blended.data()); }),
+            kNoStatus,
+            "loadBlendedImageInfo",
+            Effect::kRefused};
   };
   auto init = [](State s) -> Row {
-    return {"initSegmentationEngine", s, [](Buffers&) { return initSegmentationEngine(0); }, SEGCORE_FAILED,
-            "initSegmentationEngine", Effect::kRefused};
+    return {"initSegmentationEngine",
+            s,
+            [](Buffers&) { return initSegmentationEngine(0); },
+            SEGCORE_FAILED,
+            "initSegmentationEngine",
+            Effect::kRefused};
   };
   auto noOutline = [](State s) -> Row {
-    return {"fetch_path_array without an outline", s,
-            [](Buffers& b) { return fetch_path_array(&b.array, &b.count); }, 0, "fetch_path_array",
-            Effect::kKeeps, {}, false, [](Buffers& b) {
+    return {"fetch_path_array without an outline",
+            s,
+            [](Buffers& b) { return fetch_path_array(&b.array, &b.count); },
+            0,
+            "fetch_path_array",
+            Effect::kKeeps,
+            {},
+            false,
+            [](Buffers& b) {
               ASSERT_NE(b.array, kArraySentinel);
               EXPECT_EQ(b.count, 1);
               EXPECT_EQ(b.array[0], 0);
@@ -617,8 +698,14 @@ TEST_F(BadArguments, CallsOutOfOrderAreRefused) {
       loadBlended(N),
       init(N),
       noOutline(N),
-      {"copySourceImage without a photo", N, voidCall([](Buffers& b) { copySourceImage(b.copy.data()); }),
-       kNoStatus, "copySourceImage", Effect::kKeeps, {}, false,
+      {"copySourceImage without a photo",
+       N,
+       voidCall([](Buffers& b) { copySourceImage(b.copy.data()); }),
+       kNoStatus,
+       "copySourceImage",
+       Effect::kKeeps,
+       {},
+       false,
        [](Buffers& b) { EXPECT_EQ(differing(b.copy, Pixels(kPixels, kPixelSentinel)), 0); }},
       {"canUndo without a photo", N, [](Buffers&) { return canUndo(); }, 0, "canUndo", Effect::kKeeps},
       {"canRedo without a photo", N, [](Buffers&) { return canRedo(); }, 0, "canRedo", Effect::kKeeps},
@@ -663,7 +750,8 @@ TEST_F(BadArguments, EmptyPhotoIsStoredAndRefusedByEveryCallThatNeedsPixels) {
   };
   const std::vector<Follow> follows = {
       {"initSegmentationEngine", false, [](Buffers&) { return initSegmentationEngine(0); }},
-      {"processSegment", true, [](Buffers& b) { return processSegment(0, 0, 0, b.blended.data(), b.mask.data()); }},
+      {"processSegment", true,
+       [](Buffers& b) { return processSegment(0, 0, 0, b.blended.data(), b.mask.data()); }},
       {"cutOutImage", true, [](Buffers& b) { return cutOutImage(0, 0, 0, b.blended.data(), b.mask.data()); }},
       {"undo", false, [](Buffers& b) { return undo(b.blended.data(), b.mask.data()); }},
       {"redo", false, [](Buffers& b) { return redo(b.blended.data(), b.mask.data()); }},
@@ -672,8 +760,8 @@ TEST_F(BadArguments, EmptyPhotoIsStoredAndRefusedByEveryCallThatNeedsPixels) {
     for (Size size : std::vector<Size>{{0, kH}, {kW, 0}, {0, 0}, {0, 1}, {0, INT_MAX}}) {
       for (bool null : {false, true}) {
         for (const Follow& follow : follows) {
-          SCOPED_TRACE(::testing::Message() << size.w << " x " << size.h << (null ? ", null pixels" : "") << " ("
-                                            << stateName(state) << "), then " << follow.name);
+          SCOPED_TRACE(::testing::Message() << size.w << " x " << size.h << (null ? ", null pixels" : "")
+                                            << " (" << stateName(state) << "), then " << follow.name);
           setUp(state);
           if (::testing::Test::HasFatalFailure()) return;
           const Snapshot before = snapshot();
@@ -734,8 +822,15 @@ TEST_F(BadArguments, MarkerCodesOutsideZeroToFourActAsUnknown) {
   };
   std::vector<Row> rows;
   for (int code : {-7, -1, 5, 255, 256, 300, INT_MIN, INT_MAX}) {
-    rows.push_back({"marker code " + std::to_string(code), State::kResult, cut(code), 0, "setMarkerImage",
-                    Effect::kChanges, {}, false, [](Buffers& b) { EXPECT_TRUE(twoValued(b.mask)); },
+    rows.push_back({"marker code " + std::to_string(code),
+                    State::kResult,
+                    cut(code),
+                    0,
+                    "setMarkerImage",
+                    Effect::kChanges,
+                    {},
+                    false,
+                    [](Buffers& b) { EXPECT_TRUE(twoValued(b.mask)); },
                     [cut](Buffers& b) { cut(0)(b); }});
   }
   runRows(rows);
@@ -745,7 +840,9 @@ TEST_F(BadArguments, MarkerCodesOutsideZeroToFourActAsUnknown) {
 // must not crash, and a mask that comes back holds only 0 and 255 (an empty
 // selection may leave the mask as it was, like an abandoned cut).
 TEST_F(BadArguments, OddRectanglesAreCutOrLeftAlone) {
-  struct Rect { int x1, y1, x2, y2; };
+  struct Rect {
+    int x1, y1, x2, y2;
+  };
   std::vector<Row> rows;
   for (Rect r : std::vector<Rect>{{30, 5, 10, 30},
                                   {10, 30, 30, 5},
@@ -768,8 +865,14 @@ TEST_F(BadArguments, OddRectanglesAreCutOrLeftAlone) {
     rows.push_back({"rectangle (" + std::to_string(r.x1) + ", " + std::to_string(r.y1) + ") - (" +
                         std::to_string(r.x2) + ", " + std::to_string(r.y2) + ")",
                     State::kResult,
-                    [r](Buffers& b) { return doSegmentationBB(kW, kH, b.photo.data(), r.x1, r.y1, r.x2, r.y2, b.mask.data()); },
-                    0, "doSegmentationBB", Effect::kChanges, {}, false,
+                    [r](Buffers& b) {
+                      return doSegmentationBB(kW, kH, b.photo.data(), r.x1, r.y1, r.x2, r.y2, b.mask.data());
+                    },
+                    0,
+                    "doSegmentationBB",
+                    Effect::kChanges,
+                    {},
+                    false,
                     [](Buffers& b) { EXPECT_TRUE(untouchedOrTwoValued(b.mask)); }});
   }
   runRows(rows);

@@ -89,8 +89,11 @@ void solveBoth(const GridCase& gc, const Terminals& terminals, const std::vector
 
   std::vector<int> index(n, -1);
   std::vector<int>& pixel = out->pixel;
-  for (int p = 0; p < n; ++p)
-    if (!fixed[p]) index[p] = static_cast<int>(pixel.size()), pixel.push_back(p);
+  for (int p = 0; p < n; ++p) {
+    if (fixed[p]) continue;
+    index[p] = static_cast<int>(pixel.size());
+    pixel.push_back(p);
+  }
   const int m = static_cast<int>(pixel.size());
   out->band = createBandGraph(m, gc.w, gc.h);
   VELDSEGraph* band = out->band;
@@ -102,7 +105,8 @@ void solveBoth(const GridCase& gc, const Terminals& terminals, const std::vector
     for (int k = 0, j; k < 4; ++k) earlier[k] = (j = earlierNeighbour(gc.w, pixel[i], k)) < 0 ? -1 : index[j];
     setBandNeighbours(band, i, earlier[0], earlier[1], earlier[2], earlier[3]);
     for (int k = 0, a = 4 * pixel[i]; k < 4; ++k, ++a)
-      band->addEdge(i, earlier[k], static_cast<float>(gc.cap[a]), static_cast<float>(gc.revCap[a]), gc.absent[a]);
+      band->addEdge(i, earlier[k], static_cast<float>(gc.cap[a]), static_cast<float>(gc.revCap[a]),
+                    gc.absent[a]);
   }
   for (int i = 0; i < m; ++i)
     for (const auto& t : terminals[pixel[i]]) band->addtWeights(i, t.first, t.second);
@@ -136,7 +140,9 @@ void expectSameSolve(const GridCase& gc, const Terminals& terminals, const std::
   // Later neighbours are found through the table written for earlier ones.
   for (int i = 0; i < m; ++i)
     for (int k = 0, j; k < 4; ++k)
-      if ((j = bandNeighbour(band, i, k)) >= 0) { ASSERT_EQ(bandNeighbour(band, j, k + 4), i); }
+      if ((j = bandNeighbour(band, i, k)) >= 0) {
+        ASSERT_EQ(bandNeighbour(band, j, k + 4), i);
+      }
 }
 
 void expectSameSolve(const GridCase& gc, const std::vector<bool>& fixed) {
@@ -152,12 +158,12 @@ Terminals withNonFinite(const GridCase& gc, std::mt19937* rng, int percent) {
   for (auto& calls : t) {
     if (uni(1, 100) > percent) continue;
     const float finite = static_cast<float>(uni(-5, 25));
-    switch (uni(0, 4)) {
-      case 0: calls.push_back({kInf, kInf}); break;
-      case 1: calls.push_back({kInf, finite}); break;
-      case 2: calls.push_back({finite, kInf}); break;
-      case 3: calls.push_back({kNaN, finite}); break;
-      default: calls.insert(calls.begin(), {kInf, kInf}); break;  // NaN first, then a finite call
+    const std::pair<float, float> kinds[4] = {{kInf, kInf}, {kInf, finite}, {finite, kInf}, {kNaN, finite}};
+    const int kind = uni(0, 4);
+    if (kind < 4) {
+      calls.push_back(kinds[kind]);
+    } else {
+      calls.insert(calls.begin(), {kInf, kInf});  // NaN first, then a finite call
     }
   }
   return t;

@@ -51,12 +51,13 @@ int setMarkerImage(int width, int height, int* markers, int strokeType);
 int setCurrentMarkerVector(int count, int* coords);
 
 int processSegment(int, int, int, unsigned int* blended, unsigned char* mask);
-int doSegmentationBB(int width, int height, unsigned int* pixels, int x1, int y1, int x2, int y2, unsigned char* mask);
+int doSegmentationBB(int width, int height, unsigned int* pixels, int x1, int y1, int x2, int y2,
+                     unsigned char* mask);
 int cutOutImage(int, int, int, unsigned int* blended, unsigned char* mask);
 void loadMaskImageInfo(unsigned char* mask);
 void loadBlendedImageInfo(unsigned int* blended);
 int fetch_path_array(int** array, int* count);
-int undo(unsigned int* blended, unsigned char* mask), redo(unsigned int* blended, unsigned char* mask);
+int undo(unsigned int*blended, unsigned char*mask), redo(unsigned int*blended, unsigned char*mask);
 int canUndo(), canRedo();
 
 int initSegmentationEngine(int), deinitSegmentation(), resetSegmentationInterface();
@@ -86,7 +87,8 @@ double find_weight(IplImage* img, int r1, int c1, int r2, int c2, double alpha);
 void assign_index(Node_& node, int rows, int cols, int r, int c, double);
 void assign_weight(IplImage* src, IplImage* label, Node_& node, int r, int c, double alpha);
 std::vector<int32_t> find_parent_info(IplImage* src, IplImage* label, int r, int c, double alpha);
-std::vector<int32_t> find_parent_info(IplImage* src, IplImage* label, int r, int c, double alpha, IplImage* out);
+std::vector<int32_t> find_parent_info(IplImage* src, IplImage* label, int r, int c, double alpha,
+                                      IplImage* out);
 
 // --- colour model ------------------------------------------------------------
 
@@ -122,7 +124,7 @@ class ParallelGC {
   ~ParallelGC();
   int maxFlow();
   void AssignIDs(int by, int bx), PartitionGraph(int by, int bx);
-  int RemoveAndStoreEdges(nodes* n, blockEdges* pair), MergeBlocks(int a, int b);
+  int RemoveAndStoreEdges(nodes*n, blockEdges*pair), MergeBlocks(int a, int b);
   void MakeNeighbourChanges(int a, int b);
   void ComputeGMMProbsParallely(cv::Mat* img, cv::Mat* labels, double K, int sinkCode, int sourceCode,
                                 VELDSEColorModel* m1, VELDSEColorModel* m2, VELDSEGraph* g);
@@ -130,8 +132,8 @@ class ParallelGC {
                        VELDSEColorModel* m1, VELDSEColorModel* m2, VELDSEGraph* g);
 };
 
-void *ThreadAssignBlockIDs(void* arg), *ThreadPartition(void* arg), *ThreadMaxFlow(void* arg);
-void *ThreadMerge(void* arg), *ThreadComputeGMMProbs(void* arg);
+void *ThreadAssignBlockIDs(void*arg), *ThreadPartition(void*arg), *ThreadMaxFlow(void*arg);
+void *ThreadMerge(void*arg), *ThreadComputeGMMProbs(void*arg);
 
 // Constructors and destructors have no address to take: this function refers
 // to them so that the link needs them. It is never called (a ParallelGC needs
@@ -144,23 +146,24 @@ using FindParentsInto = std::vector<int32_t> (*)(IplImage*, IplImage*, int, int,
 // Address tables with external linkage: the compiler must emit them with a
 // relocation for every entry, so the link needs every symbol they name (a
 // comparison of a known address with null alone would be folded away).
-auto boundaryGlobals = std::make_tuple(
-    &VELDSEMarker::m_originalImage, &VELDSEMarker::m_originalWidth, &VELDSEMarker::m_originalHeight,
-    &VELDSEMarker::m_srcImage, &VELDSEMarker::m_width, &VELDSEMarker::m_height, &VELDSEMarker::m_labelImage,
-    &VELDSEMarker::m_prevResult, &VELDSEMarker::m_texHor, &VELDSEMarker::m_texVer, &VELDSEMarker::currentStroke,
-    &VELDSEMarker::m_xMinBBox, &VELDSEMarker::m_xMaxBBox, &VELDSEMarker::m_yMinBBox, &VELDSEMarker::m_yMaxBBox,
-    &VELDSEMarker::m_isGreyScale, &VELDSEMarker::m_isHomogenous, &VELDSEMarker::m_exitApp,
-    &VELDSEMarker::m_noiseLevel, &pHybrid, &g_imageResizeFactor, &g_exitStatus, &contours, &storage,
-    &g_markerImage, &g_resultMask, &g_contoursReady);
+auto boundaryGlobals =
+    std::make_tuple(&VELDSEMarker::m_originalImage, &VELDSEMarker::m_originalWidth,
+                    &VELDSEMarker::m_originalHeight, &VELDSEMarker::m_srcImage, &VELDSEMarker::m_width,
+                    &VELDSEMarker::m_height, &VELDSEMarker::m_labelImage, &VELDSEMarker::m_prevResult,
+                    &VELDSEMarker::m_texHor, &VELDSEMarker::m_texVer, &VELDSEMarker::currentStroke,
+                    &VELDSEMarker::m_xMinBBox, &VELDSEMarker::m_xMaxBBox, &VELDSEMarker::m_yMinBBox,
+                    &VELDSEMarker::m_yMaxBBox, &VELDSEMarker::m_isGreyScale, &VELDSEMarker::m_isHomogenous,
+                    &VELDSEMarker::m_exitApp, &VELDSEMarker::m_noiseLevel, &pHybrid, &g_imageResizeFactor,
+                    &g_exitStatus, &contours, &storage, &g_markerImage, &g_resultMask, &g_contoursReady);
 auto boundaryFunctions = std::make_tuple(
-    &VELDSEMarker::allocator, &VELDSEMarker::dellocator, &VELDSEMarker::initializer, &VELDSEMarker::resetMarkers,
-    &setSourceImage, &copySourceImage, &setMarkerImage, &setCurrentMarkerVector, &processSegment,
-    &doSegmentationBB, &cutOutImage, &loadMaskImageInfo, &loadBlendedImageInfo, &fetch_path_array, &undo, &redo,
-    &canUndo, &canRedo, &initSegmentationEngine, &deinitSegmentation, &resetSegmentationInterface,
-    &cancelSegmentation, &exitSegmentation, &freeLocalBuffers, &find_weight, &assign_index, &assign_weight,
-    static_cast<FindParents>(&find_parent_info), static_cast<FindParentsInto>(&find_parent_info),
-    &boundaryLinkParallelGC, &ThreadAssignBlockIDs, &ThreadPartition, &ThreadMaxFlow, &ThreadMerge,
-    &ThreadComputeGMMProbs);
+    &VELDSEMarker::allocator, &VELDSEMarker::dellocator, &VELDSEMarker::initializer,
+    &VELDSEMarker::resetMarkers, &setSourceImage, &copySourceImage, &setMarkerImage, &setCurrentMarkerVector,
+    &processSegment, &doSegmentationBB, &cutOutImage, &loadMaskImageInfo, &loadBlendedImageInfo,
+    &fetch_path_array, &undo, &redo, &canUndo, &canRedo, &initSegmentationEngine, &deinitSegmentation,
+    &resetSegmentationInterface, &cancelSegmentation, &exitSegmentation, &freeLocalBuffers, &find_weight,
+    &assign_index, &assign_weight, static_cast<FindParents>(&find_parent_info),
+    static_cast<FindParentsInto>(&find_parent_info), &boundaryLinkParallelGC, &ThreadAssignBlockIDs,
+    &ThreadPartition, &ThreadMaxFlow, &ThreadMerge, &ThreadComputeGMMProbs);
 auto boundaryMembers = std::make_tuple(
     &MinPriorityQueue::push, &MinPriorityQueue::pop_min, &MinPriorityQueue::prelocate_up,
     &MinPriorityQueue::prelocate_down, &MinPriorityQueue::swap, &VELDSEColorModel::setDeterminant,
@@ -217,7 +220,8 @@ TEST(BoundaryLink, ObjectsHaveTheDeclaredLayout) {
   EXPECT_DOUBLE_EQ(m.determinant[3], 64.0);
   EXPECT_DOUBLE_EQ(m.normFactor[3], 0.125);
   EXPECT_DOUBLE_EQ(m.inverseCovariance[3][8], 0.25);
-  const pixelVal atMean{{10.0, 20.0, 30.0}}, off{{12.0, 20.0, 30.0}};  // off: d = 2 on channel 0, q = 4 / 4 = 1
+  const pixelVal atMean{{10.0, 20.0, 30.0}},
+      off{{12.0, 20.0, 30.0}};  // off: d = 2 on channel 0, q = 4 / 4 = 1
   EXPECT_DOUBLE_EQ(m.GMMProb(atMean), 0.5 * 0.125);
   EXPECT_DOUBLE_EQ(m.gaussianProb(3, off), std::exp(-0.5) * 0.125);
   EXPECT_EQ(m.assignCluster(off), 3);

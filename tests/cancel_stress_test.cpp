@@ -54,7 +54,8 @@ struct Driver {
     std::fill(mask.begin(), mask.end(), 77);
     switch (kind) {
       case 0: mark({x1, y1, x2, y1, x2, y2, x1, y2}, x1, y1, x2, y2, LABEL_PR_FG, 0); break;
-      case 1: case 2: mark({-500, y, s.w / 3, y, s.w + 900, y}, 0, y, s.w - 1, y, LABEL_BG, 3); break;
+      case 1:
+      case 2: mark({-500, y, s.w / 3, y, s.w + 900, y}, 0, y, s.w - 1, y, LABEL_BG, 3); break;
       case 3: return undo(blended.data(), mask.data());
       case 4: return redo(blended.data(), mask.data());
       default:
@@ -113,7 +114,10 @@ int stress(const Scene& scene, int rounds, int maxDelayMs, unsigned seed) {
       EXPECT_TRUE(result == 0 || result == -1 || result == SEGCORE_FAILED)
           << "step " << step << " returned " << result;
       EXPECT_TRUE(d.maskIsWellFormed()) << "step " << step;
-      if (result != 0) ++teardowns, d.startContext();
+      if (result != 0) {
+        ++teardowns;
+        d.startContext();
+      }
       if (step > 200) break;  // the canceller always fires; this only bounds a bug
     }
     canceller.join();
@@ -125,15 +129,19 @@ int stress(const Scene& scene, int rounds, int maxDelayMs, unsigned seed) {
 }
 
 TEST(CancelStress, RequestsSurviveRandomCancels) {
-  struct Case { int w, h, rounds, maxDelayMs; unsigned seed; } cases[] = {
-      {240, 180, emulated() ? 4 : 12, 30, 1}, {2000, 1500, 6, 400, 2}};
+  struct Case {
+    int w, h, rounds, maxDelayMs;
+    unsigned seed;
+  } cases[] = {{240, 180, emulated() ? 4 : 12, 30, 1}, {2000, 1500, 6, 400, 2}};
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::Message() << c.w << "x" << c.h);
     // Emulated, a full-resolution round takes several seconds of cuts.
     if (c.w > 240 && emulated()) continue;
     const int teardowns = stress(makeScene(c.w, c.h), c.rounds, c.maxDelayMs, c.seed);
     // Cancels aimed into the first 400 ms of multi-second requests: teardowns happen.
-    if (c.w > 240) { EXPECT_GE(teardowns, 1); }
+    if (c.w > 240) {
+      EXPECT_GE(teardowns, 1);
+    }
   }
   // After all the cancels, a new context on a new photo segments as usual.
   const Scene small = makeScene(320, 240);

@@ -19,9 +19,13 @@ using testsupport::sameBits;
 // Keeps the process-wide regulariser and grey-scale state local to a test.
 class ColorModelTest : public ::testing::Test {
  protected:
-  void SetUp() override { savedNoise_ = VELDSEMarker::m_noiseLevel, VELDSEMarker::m_noiseLevel = 0.1; }
+  void SetUp() override {
+    savedNoise_ = VELDSEMarker::m_noiseLevel;
+    VELDSEMarker::m_noiseLevel = 0.1;
+  }
   void TearDown() override {
-    VELDSEMarker::m_noiseLevel = savedNoise_, VELDSEMarker::m_isGreyScale = false;
+    VELDSEMarker::m_noiseLevel = savedNoise_;
+    VELDSEMarker::m_isGreyScale = false;
     VELDSEMarker::m_texHor = VELDSEMarker::m_texVer = nullptr;
     VELDSEMarker::m_xMinBBox = VELDSEMarker::m_yMinBBox = 0;
   }
@@ -49,18 +53,23 @@ double referenceComponent(const VELDSEColorModel& m, int k, pixelVal x) {
   if (!(m.weight[k] > 0)) return 0.0;
   cv::Mat cov(3, 3, CV_64F, const_cast<double*>(m.covariance[k]));
   const cv::Mat d = cv::Mat(3, 1, CV_64F, x.val) - cv::Mat(3, 1, CV_64F, const_cast<double*>(m.mean[k]));
-  return std::exp(-0.5 * cv::Mat(d.t() * cov.inv(cv::DECOMP_LU) * d).at<double>(0, 0)) / std::sqrt(cv::determinant(cov));
+  return std::exp(-0.5 * cv::Mat(d.t() * cov.inv(cv::DECOMP_LU) * d).at<double>(0, 0)) /
+         std::sqrt(cv::determinant(cov));
 }
 
 // A sample scattered around `centre` (uniform, or Gaussian when spread < 0).
 pixelVal near(cv::RNG& rng, const double* centre, double spread) {
   pixelVal p;
-  for (int c = 0; c < 3; ++c) p.val[c] = centre[c] + (spread > 0 ? rng.uniform(-spread, spread) : rng.gaussian(-spread));
+  for (int c = 0; c < 3; ++c)
+    p.val[c] = centre[c] + (spread > 0 ? rng.uniform(-spread, spread) : rng.gaussian(-spread));
   return p;
 }
 
 TEST_F(ColorModelTest, GMMProbMatchesIndependentEvaluation) {
-  const struct { uint64_t seed; int empty; } cases[] = {{1, -1}, {2, 0}, {3, 4}, {4, 2}, {5, -1}};
+  const struct {
+    uint64_t seed;
+    int empty;
+  } cases[] = {{1, -1}, {2, 0}, {3, 4}, {4, 2}, {5, -1}};
   for (const auto& tc : cases) {
     SCOPED_TRACE(testing::Message() << "seed " << tc.seed << " empty " << tc.empty);
     cv::RNG rng(tc.seed);
@@ -111,7 +120,10 @@ TEST_F(ColorModelTest, DensityRoundsEveryProductAndSumAsWritten) {
   // Exact equality with the step-by-step evaluation, on samples where fusing
   // the multiply-adds gives another double: a build that fuses them (on any
   // target) fails here rather than in a mask that moves by a few pixels.
-  const struct { uint64_t seed; int empty; } cases[] = {{21, -1}, {22, 1}, {23, -1}};
+  const struct {
+    uint64_t seed;
+    int empty;
+  } cases[] = {{21, -1}, {22, 1}, {23, -1}};
   int samples = 0, sensitive = 0;
   for (const auto& tc : cases) {
     SCOPED_TRACE(testing::Message() << "seed " << tc.seed << " empty " << tc.empty);
@@ -128,7 +140,9 @@ TEST_F(ColorModelTest, DensityRoundsEveryProductAndSumAsWritten) {
       // One component alone: the same steps with weight 1 and no sum.
       const int k = i % 5;
       VELDSEColorModel one;
-      one.weight[k] = 1.0, one.determinant[k] = m.determinant[k], one.normFactor[k] = m.normFactor[k];
+      one.weight[k] = 1.0;
+      one.determinant[k] = m.determinant[k];
+      one.normFactor[k] = m.normFactor[k];
       for (int c = 0; c < 3; ++c) one.mean[k][c] = m.mean[k][c];
       for (int e = 0; e < 9; ++e) one.inverseCovariance[k][e] = m.inverseCovariance[k][e];
       const double gotOne = copy.gaussianProb(k, x), oneAsWritten = stepByStepDensity(one, x, false);
@@ -149,7 +163,8 @@ TEST_F(ColorModelTest, SingularCovarianceIsRegularisedUntilInvertible) {
     m.setDeterminant();
     m.setInverseCovariance();
     double expected = 0;  // the smallest number of steps s with (s * nu)^3 > DBL_EPSILON
-    do expected += nu; while (!(expected * expected * expected > DBL_EPSILON));
+    do expected += nu;
+    while (!(expected * expected * expected > DBL_EPSILON));
     for (int i = 0; i < 3; ++i) {
       EXPECT_EQ(m.covariance[1][4 * i], expected);  // the covariance itself grows
       EXPECT_NEAR(m.inverseCovariance[1][4 * i], 1.0 / expected, 1e-9 / expected);
@@ -169,7 +184,10 @@ TEST(ColorModelBeforeAnyContext, SingularComponentTakesOneDefaultStep) {
   const pixelVal sample = px(50, 60, 70);
   // Entry variance, EM iterations (0: setInverseCovariance alone; 1: EM on
   // identical samples, whose refit covariance is zero).
-  const struct { double entryVariance; int emIterations; } cases[] = {{0.0, 0}, {4.0, 1}};
+  const struct {
+    double entryVariance;
+    int emIterations;
+  } cases[] = {{0.0, 0}, {4.0, 1}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.emIterations);
     VELDSEColorModel m;
@@ -192,8 +210,14 @@ TEST(ColorModelBeforeAnyContext, SingularComponentTakesOneDefaultStep) {
 }
 
 TEST_F(ColorModelTest, ColorModelCriteriaBoundaries) {
-  struct Comp { double w, mean0, det; };
-  const struct { const char* name; std::vector<Comp> comps; int expected; } cases[] = {
+  struct Comp {
+    double w, mean0, det;
+  };
+  const struct {
+    const char* name;
+    std::vector<Comp> comps;
+    int expected;
+  } cases[] = {
       {"single significant", {{1.0, 0, 50}}, 1},
       {"distance just below 100", {{0.5, 0, 50}, {0.5, 99.99, 50}}, 1},
       {"distance exactly 100, not flat", {{0.5, 0, 50}, {0.5, 100, 50}}, 0},
@@ -208,8 +232,11 @@ TEST_F(ColorModelTest, ColorModelCriteriaBoundaries) {
   for (const auto& tc : cases) {
     SCOPED_TRACE(tc.name);
     VELDSEColorModel m;
-    for (size_t k = 0; k < tc.comps.size(); ++k)
-      m.weight[k] = tc.comps[k].w, m.mean[k][0] = tc.comps[k].mean0, m.determinant[k] = tc.comps[k].det;
+    for (size_t k = 0; k < tc.comps.size(); ++k) {
+      m.weight[k] = tc.comps[k].w;
+      m.mean[k][0] = tc.comps[k].mean0;
+      m.determinant[k] = tc.comps[k].det;
+    }
     EXPECT_EQ(m.colorModelCriteria(), tc.expected);
   }
 }
@@ -218,7 +245,8 @@ TEST_F(ColorModelTest, ColorModelCriteriaBoundaries) {
 IplImage* makeImage(int w, int h, int channels, const std::vector<int>& values) {
   IplImage* img = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, channels);
   for (int y = 0; y < h; ++y)
-    for (int i = 0; i < w * channels; ++i) img->imageData[y * img->widthStep + i] = static_cast<char>(values[y * w * channels + i]);
+    for (int i = 0; i < w * channels; ++i)
+      img->imageData[y * img->widthStep + i] = static_cast<char>(values[y * w * channels + i]);
   return img;
 }
 
@@ -246,8 +274,11 @@ TEST_F(ColorModelTest, ExtractTrainingDataGroupsLabelsAndPads) {
   // Grey mode: channels 1 and 2 from the texture images, offset by the box.
   IplImage* hor = makeImage(6, 3, 1, {0, 0, 0, 0, 0, 0, 0, 0, 11, 12, 13, 14, 0, 0, 15, 16, 17, 18});
   IplImage* ver = makeImage(6, 3, 1, {0, 0, 0, 0, 0, 0, 0, 0, 21, 22, 23, 24, 0, 0, 25, 26, 27, 28});
-  VELDSEMarker::m_isGreyScale = true, VELDSEMarker::m_texHor = hor, VELDSEMarker::m_texVer = ver;
-  VELDSEMarker::m_xMinBBox = 2, VELDSEMarker::m_yMinBBox = 1;
+  VELDSEMarker::m_isGreyScale = true;
+  VELDSEMarker::m_texHor = hor;
+  VELDSEMarker::m_texVer = ver;
+  VELDSEMarker::m_xMinBBox = 2;
+  VELDSEMarker::m_yMinBBox = 1;
   extractTrainingData(img, lab, obj, bg);
   expectSet(obj, {px(20, 13, 23), px(1, 15, 25), f, f, f});
   expectSet(bg, {px(10, 12, 22), px(30, 14, 24), px(31, 18, 28), f, f});
@@ -261,7 +292,8 @@ TEST_F(ColorModelTest, UpdateModelMatchesReferenceRefit) {
     VELDSEColorModel m = randomModel(rng, -1);
     const VELDSEColorModel old = m;
     std::vector<pixelVal> samples;
-    for (int i = 0; i < 300; ++i) samples.push_back(near(rng, m.mean[rng.uniform(0, 4)], -6));  // never near 4
+    for (int i = 0; i < 300; ++i)
+      samples.push_back(near(rng, m.mean[rng.uniform(0, 4)], -6));  // never near 4
     // Reference: assignment by the independent density, two-pass moments.
     std::vector<std::vector<pixelVal>> groups(5);
     for (const pixelVal& x : samples) {
@@ -311,7 +343,8 @@ void literalSchedule(const std::vector<pixelVal>& s, std::vector<int>& seeds, st
     double target = (total * 4.656612873077393e-10) * std::rand();
     int i = 0;
     while (i < n - 1 && target > dist[i]) target -= dist[i++];
-    seeds[j] = i, total = 0;
+    seeds[j] = i;
+    total = 0;
     for (int m = 0; m < n; ++m) total += dist[m] = std::min(dist[m], sq(s[m].val, s[i].val));
   }
   double centre[5][3], previous = DBL_MAX;
@@ -321,10 +354,14 @@ void literalSchedule(const std::vector<pixelVal>& s, std::vector<int>& seeds, st
     for (int t = 0; t < 4; ++t)
       for (int i = t * (n / 4); i < (t == 3 ? n : (t + 1) * (n / 4)); ++i) {
         double best = DBL_MAX;
-        for (int k = 0; k < 5; ++k)
-          if (sq(s[i].val, centre[k]) < best) best = sq(s[i].val, centre[k]), labels[i] = k;
+        for (int k = 0; k < 5; ++k) {
+          if (sq(s[i].val, centre[k]) >= best) continue;
+          best = sq(s[i].val, centre[k]);
+          labels[i] = k;
+        }
         for (int c = 0; c < 3; ++c) sums[labels[i]][t][c] += s[i].val[c];
-        counts[labels[i]][t] += 1.0, errors[t] += best;
+        counts[labels[i]][t] += 1.0;
+        errors[t] += best;
       }
     for (int k = 0; k < 5; ++k) {
       const double count = ((counts[k][0] + counts[k][1]) + counts[k][2]) + counts[k][3];
@@ -344,21 +381,29 @@ TEST_F(ColorModelTest, KMeansInitialisationFollowsTheLiteralSchedule) {
   const int sizes[5] = {300, 200, 250, 150, 100};
   for (int b = 0; b < 5; ++b)
     for (int i = 0; i < sizes[b]; ++i)
-      blobs.push_back(px(50.0 * b + rng.uniform(0.0, 4.0), 250.0 - 50.0 * b + rng.uniform(0.0, 4.0), 20.0 * b + rng.uniform(0.0, 4.0)));
-  const struct { const char* name; std::vector<pixelVal> samples; } cases[] = {
+      blobs.push_back(px(50.0 * b + rng.uniform(0.0, 4.0), 250.0 - 50.0 * b + rng.uniform(0.0, 4.0),
+                         20.0 * b + rng.uniform(0.0, 4.0)));
+  const struct {
+    const char* name;
+    std::vector<pixelVal> samples;
+  } cases[] = {
       {"4 samples: no change", std::vector<pixelVal>(4, px(1, 2, 3))},
-      {"5 samples", {px(0.1, 0.2, 0.3), px(9.5, 0.25, 1), px(0.7, 4.4, 0.1), px(3.3, 3.3, 3.3), px(0.15, 0.2, 0.35)}},
-      {"6 samples", {px(1.1, 2, 3), px(1.2, 2.1, 3), px(7, 0.5, 0.5), px(7.1, 0.6, 0.4), px(0.2, 9, 9), px(5, 5, 0.1)}},
+      {"5 samples",
+       {px(0.1, 0.2, 0.3), px(9.5, 0.25, 1), px(0.7, 4.4, 0.1), px(3.3, 3.3, 3.3), px(0.15, 0.2, 0.35)}},
+      {"6 samples",
+       {px(1.1, 2, 3), px(1.2, 2.1, 3), px(7, 0.5, 0.5), px(7.1, 0.6, 0.4), px(0.2, 9, 9), px(5, 5, 0.1)}},
       // All seeds are row 0; clusters 1..4 reclaim it in turn, so cluster 4
       // ends with it and clusters 1..3 keep their old components.
       {"6 equal samples", std::vector<pixelVal>(6, px(7, 8, 9))},
       // These two change in the last bits when the partial sums are added in
       // another order.
-      {"7 samples", {px(0.8, 0.2, 0.2), px(0.5, 0.8, 0.0), px(0.4, 0.4, 0.2), px(0.4, 0.8, 0.9), px(0.6, 0.3, 0.9),
-                     px(0.4, 0.5, 0.4), px(0.6, 0.3, 0.2)}},
-      {"13 samples", {px(0.2, 0.3, 0.9), px(0.5, 0.4, 0.9), px(0.1, 0.5, 0.8), px(0.5, 0.6, 0.1), px(0.6, 0.1, 0.1),
-                      px(0.8, 0.6, 0.6), px(0.2, 0.9, 0.3), px(0.3, 0.9, 0.5), px(0.6, 0.1, 0.6), px(0.6, 0.1, 0.3),
-                      px(0.4, 0.5, 0.2), px(0.1, 0.5, 0.4), px(0.6, 0.9, 0.8)}},
+      {"7 samples",
+       {px(0.8, 0.2, 0.2), px(0.5, 0.8, 0.0), px(0.4, 0.4, 0.2), px(0.4, 0.8, 0.9), px(0.6, 0.3, 0.9),
+        px(0.4, 0.5, 0.4), px(0.6, 0.3, 0.2)}},
+      {"13 samples",
+       {px(0.2, 0.3, 0.9), px(0.5, 0.4, 0.9), px(0.1, 0.5, 0.8), px(0.5, 0.6, 0.1), px(0.6, 0.1, 0.1),
+        px(0.8, 0.6, 0.6), px(0.2, 0.9, 0.3), px(0.3, 0.9, 0.5), px(0.6, 0.1, 0.6), px(0.6, 0.1, 0.3),
+        px(0.4, 0.5, 0.2), px(0.1, 0.5, 0.4), px(0.6, 0.9, 0.8)}},
       {"1000 samples in five blobs", blobs},
   };
   for (const auto& tc : cases) {
@@ -376,7 +421,8 @@ TEST_F(ColorModelTest, KMeansInitialisationFollowsTheLiteralSchedule) {
     // The model: share, mean and population covariance of each non-empty
     // cluster (divisions as products with reciprocals); the others untouched.
     VELDSEColorModel got, want;
-    for (int k = 0; k < 5; ++k) got.weight[k] = want.weight[k] = 0.5 + k, got.mean[k][1] = want.mean[k][1] = -k;
+    for (int k = 0; k < 5; ++k)
+      got.weight[k] = want.weight[k] = 0.5 + k, got.mean[k][1] = want.mean[k][1] = -k;
     initModel(tc.samples, got, 10);
     for (int k = 0; k < 5 && n >= 5; ++k) {
       double count = 0, mean[3] = {0, 0, 0}, prod[9] = {};
@@ -389,7 +435,8 @@ TEST_F(ColorModelTest, KMeansInitialisationFollowsTheLiteralSchedule) {
       if (count == 0) continue;
       want.weight[k] = count * (1.0 / n);
       for (int c = 0; c < 3; ++c) want.mean[k][c] = mean[c] * (1.0 / count);
-      for (int e = 0; e < 9; ++e) want.covariance[k][e] = prod[e] * (1.0 / count) - want.mean[k][e / 3] * want.mean[k][e % 3];
+      for (int e = 0; e < 9; ++e)
+        want.covariance[k][e] = prod[e] * (1.0 / count) - want.mean[k][e / 3] * want.mean[k][e % 3];
     }
     if (n >= 5) want.setDeterminant();
     EXPECT_TRUE(sameBits(got, want));

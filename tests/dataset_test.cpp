@@ -30,10 +30,12 @@ double rectangleRequestError(const std::string& name, const cv::Vec4i& r, double
   cv::cvtColor(photo, argb, cv::COLOR_BGR2BGRA);
   cv::Mat mask(photo.size(), CV_8U, cv::Scalar(77));
   const auto s = [&](int i) { return static_cast<int>(r[i] * upscale); };
-  doSegmentationBB(photo.cols, photo.rows, reinterpret_cast<unsigned int*>(argb.data), s(0), s(1), s(2), s(3), mask.data);
+  doSegmentationBB(photo.cols, photo.rows, reinterpret_cast<unsigned int*>(argb.data), s(0), s(1), s(2), s(3),
+                   mask.data);
   deinitSegmentation();
   const cv::Mat scored = truth != 128;
-  return static_cast<double>(cv::countNonZero(((mask == 0) != (truth > 128)) & scored)) / cv::countNonZero(scored);
+  return static_cast<double>(cv::countNonZero(((mask == 0) != (truth > 128)) & scored)) /
+         cv::countNonZero(scored);
 }
 
 class GrabCutDataset : public ::testing::Test {
@@ -57,9 +59,12 @@ class GrabCutDataset : public ::testing::Test {
 // direction the working image is reduced about 12-fold in area and the
 // boundary is re-cut at full resolution (measured 0.06 %, 0.2 %, 0.6 %, 1.0 %).
 TEST_F(GrabCutDataset, RectangleRequestsMatchGroundTruth) {
-  const struct { const char* name; double upscale, maxError; } cases[] = {
-      {"banana2", 1, 0.012}, {"book", 1, 0.035}, {"flower", 1, 0.003}, {"llama", 1, 0.025},
-      {"memorial", 1, 0.02}, {"sheep", 1, 0.005}, {"teddy", 1, 0.012},  {"flower", 3, 0.002},
+  const struct {
+    const char* name;
+    double upscale, maxError;
+  } cases[] = {
+      {"banana2", 1, 0.012}, {"book", 1, 0.035},  {"flower", 1, 0.003},  {"llama", 1, 0.025},
+      {"memorial", 1, 0.02}, {"sheep", 1, 0.005}, {"teddy", 1, 0.012},   {"flower", 3, 0.002},
       {"sheep", 3, 0.005},   {"teddy", 3, 0.012}, {"memorial", 3, 0.02},
   };
   double nativeSum = 0.0;

@@ -46,7 +46,11 @@ struct TrackedFault {
 
   void arm(const char* f, int l, int s) {
     const std::lock_guard<std::mutex> g(lock);
-    function = f, line = l, skip = s, armed = true, fired = 0;
+    function = f;
+    line = l;
+    skip = s;
+    armed = true;
+    fired = 0;
   }
   void disarm() {
     const std::lock_guard<std::mutex> g(lock);
@@ -150,7 +154,8 @@ class SegmentDriver : public ::testing::Test {
     std::vector<int> loop = {x1, y1, x2, y1, x2, y2, x1, y2};
     setCurrentMarkerVector(static_cast<int>(loop.size()), loop.data());
     std::vector<int> markers(static_cast<size_t>(w) * h, 0);
-    cv::Mat(h, w, CV_32S, markers.data())(cv::Rect(cv::Point(x1, y1), cv::Point(x2 + 1, y2 + 1))).setTo(LABEL_PR_FG);
+    cv::Mat(h, w, CV_32S, markers.data())(cv::Rect(cv::Point(x1, y1), cv::Point(x2 + 1, y2 + 1)))
+        .setTo(LABEL_PR_FG);
     setMarkerImage(w, h, markers.data(), 0);
     pHybrid->setLabelImage(g_markerImage);
     cvReleaseImage(&g_markerImage);
@@ -196,8 +201,8 @@ TEST_F(SegmentDriver, TrackedAllocationFailureEndsRequestCleanly) {
       {"constructGraphTrimapVELD", 2385, 0, 400, 300, 5},  // re-cut contrast table (reduced photo)
   };
   for (const auto& r : rows) {
-    SCOPED_TRACE(testing::Message() << r.function << ":" << r.line << " #" << r.skip + 1 << " on " << r.w << "x"
-                                    << r.h);
+    SCOPED_TRACE(testing::Message() << r.function << ":" << r.line << " #" << r.skip + 1 << " on " << r.w
+                                    << "x" << r.h);
     const cv::Mat expected = maskOf(r.w, r.h, r.centreTenths);
     ASSERT_FALSE(expected.empty());
 
@@ -236,7 +241,8 @@ TEST_F(SegmentDriver, BandGraphWithoutMemoryGivesEnlargedWorkingMask) {
     ASSERT_NE(mask, nullptr);
     EXPECT_EQ(cv::Size(mask->width, mask->height), cv::Size(400, 300));
     EXPECT_GT(cv::countNonZero(testsupport::M(mask)), 0);
-    EXPECT_EQ(std::count(log.begin(), log.end(), "E/Error: Failed: intelligentUpscaling (status_flag = 1)"), 1);
+    EXPECT_EQ(std::count(log.begin(), log.end(), "E/Error: Failed: intelligentUpscaling (status_flag = 1)"),
+              1);
     cvReleaseImage(&mask);
     expectNothingLeft();
     deinitSegmentation();

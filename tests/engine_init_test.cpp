@@ -16,7 +16,8 @@ using testsupport::M;
 IplImage* makeImage(int w, int h, const std::function<int(int, int, int)>& byteAt) {
   IplImage* image = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, 3);
   for (int y = 0; y < h; ++y)
-    for (int x = 0; x < 3 * w; ++x) at(image, x / 3, y, x % 3) = static_cast<unsigned char>(byteAt(x / 3, y, x % 3));
+    for (int x = 0; x < 3 * w; ++x)
+      at(image, x / 3, y, x % 3) = static_cast<unsigned char>(byteAt(x / 3, y, x % 3));
   return image;
 }
 
@@ -28,13 +29,20 @@ void setPhoto(int w, int h) {
 
 class EngineInit : public ::testing::Test {
  protected:
-  void TearDown() override { deinitSegmentation(), g_imageResizeFactor = 1.0f; }
+  void TearDown() override {
+    deinitSegmentation();
+    g_imageResizeFactor = 1.0f;
+  }
 };
 
 TEST_F(EngineInit, WorkingSizeAndBilinearReduction) {
-  const struct { int w, h; float factor; int workW, workH; } cases[] = {
-      {640, 480, 2.0f, 320, 240},         {320, 240, 1.0f, 320, 240},       {2000, 1500, 6.25f, 320, 240},
-      {321, 240, 1.00156128f, 320, 239}, {600, 400, 1.76776695f, 339, 226}, {300, 200, 1.0f, 300, 200}};
+  const struct {
+    int w, h;
+    float factor;
+    int workW, workH;
+  } cases[] = {{640, 480, 2.0f, 320, 240},        {320, 240, 1.0f, 320, 240},
+               {2000, 1500, 6.25f, 320, 240},     {321, 240, 1.00156128f, 320, 239},
+               {600, 400, 1.76776695f, 339, 226}, {300, 200, 1.0f, 300, 200}};
   for (const auto& c : cases) {
     SCOPED_TRACE(std::to_string(c.w) + "x" + std::to_string(c.h));
     setPhoto(c.w, c.h);
@@ -43,7 +51,8 @@ TEST_F(EngineInit, WorkingSizeAndBilinearReduction) {
     EXPECT_EQ(cv::Size(VELDSEMarker::m_width, VELDSEMarker::m_height), cv::Size(c.workW, c.workH));
     EXPECT_EQ(cv::Size(pHybrid->m_imgWidth, pHybrid->m_imgHeight), cv::Size(c.workW, c.workH));
     cv::Mat expected = M(VELDSEMarker::m_originalImage);
-    if (c.factor != 1.0f) cv::resize(expected.clone(), expected, cv::Size(c.workW, c.workH), 0, 0, cv::INTER_LINEAR);
+    if (c.factor != 1.0f)
+      cv::resize(expected.clone(), expected, cv::Size(c.workW, c.workH), 0, 0, cv::INTER_LINEAR);
     EXPECT_EQ(cv::norm(M(VELDSEMarker::m_srcImage), expected, cv::NORM_INF), 0.0);
     deinitSegmentation();
   }
@@ -63,9 +72,15 @@ TEST_F(EngineInit, WorkingSizeAndBilinearReduction) {
 // area takes their short side below one pixel keep one row (or column); the
 // long side is reduced as usual. No size problem is logged.
 TEST_F(EngineInit, ThinPhotosKeepAWorkingSideOfOnePixel) {
-  const struct { int w, h; float factor; int workW, workH; } cases[] = {
-      {100000, 1, 1.14108872f, 87635, 1}, {1, 100000, 1.14108872f, 1, 87635}, {3, 400001, 3.95285201f, 1, 101193},
-      {2, 179065, 2.15943313f, 1, 82922}, {195765, 2, 2.25788546f, 86702, 1}};
+  const struct {
+    int w, h;
+    float factor;
+    int workW, workH;
+  } cases[] = {{100000, 1, 1.14108872f, 87635, 1},
+               {1, 100000, 1.14108872f, 1, 87635},
+               {3, 400001, 3.95285201f, 1, 101193},
+               {2, 179065, 2.15943313f, 1, 82922},
+               {195765, 2, 2.25788546f, 86702, 1}};
   for (const auto& c : cases) {
     SCOPED_TRACE(std::to_string(c.w) + "x" + std::to_string(c.h));
     setPhoto(c.w, c.h);
@@ -75,7 +90,8 @@ TEST_F(EngineInit, ThinPhotosKeepAWorkingSideOfOnePixel) {
     EXPECT_EQ(cv::Size(VELDSEMarker::m_width, VELDSEMarker::m_height), cv::Size(c.workW, c.workH));
     EXPECT_EQ(cv::Size(pHybrid->m_imgWidth, pHybrid->m_imgHeight), cv::Size(c.workW, c.workH));
     cv::Mat expected;
-    cv::resize(M(VELDSEMarker::m_originalImage), expected, cv::Size(c.workW, c.workH), 0, 0, cv::INTER_LINEAR);
+    cv::resize(M(VELDSEMarker::m_originalImage), expected, cv::Size(c.workW, c.workH), 0, 0,
+               cv::INTER_LINEAR);
     EXPECT_EQ(cv::norm(M(VELDSEMarker::m_srcImage), expected, cv::NORM_INF), 0.0);
     deinitSegmentation();
   }
@@ -84,10 +100,15 @@ TEST_F(EngineInit, ThinPhotosKeepAWorkingSideOfOnePixel) {
 TEST_F(EngineInit, GreyDecisionAtItsThreshold) {
   // 10 x 10 pixels of (50, 50, 50) except pixel 0: the image is colour once
   // |c0 - c1| + |c0 - c2| summed over all pixels reaches 100.
-  const struct { int c1, c2; bool grey; } cases[] = {{50, 50, true}, {149, 50, true}, {150, 50, false}, {0, 1, true}, {0, 100, false}};
+  const struct {
+    int c1, c2;
+    bool grey;
+  } cases[] = {{50, 50, true}, {149, 50, true}, {150, 50, false}, {0, 1, true}, {0, 100, false}};
   for (const auto& c : cases) {
     SCOPED_TRACE(std::to_string(c.c1) + "," + std::to_string(c.c2));
-    IplImage* image = makeImage(10, 10, [&](int x, int y, int ch) { return x + y > 0 || ch == 0 ? 50 : ch == 1 ? c.c1 : c.c2; });
+    IplImage* image = makeImage(10, 10, [&](int x, int y, int ch) {
+      return x + y > 0 || ch == 0 ? 50 : ch == 1 ? c.c1 : c.c2;
+    });
     EXPECT_EQ(VELDSEHybrid().greyScaleTest(image), c.grey);
     cvReleaseImage(&image);
   }
@@ -111,7 +132,8 @@ TEST_F(EngineInit, TextureValuesIncludingRowZeroAndLastColumn) {
   deinitSegmentation();
   VELDSEMarker::m_srcImage = cvCreateImage(cvSize(0, 0), IPL_DEPTH_8U, 3);
   EXPECT_EQ(testsupport::logged([&] { engine.computeTexture(); }),
-            (testsupport::Lines{"E/Error: MEMORY_CRASH : computeTexture 2817", "E/Error: MEMORY_CRASH : computeTexture 2818"}));
+            (testsupport::Lines{"E/Error: MEMORY_CRASH : computeTexture 2817",
+                                "E/Error: MEMORY_CRASH : computeTexture 2818"}));
 }
 
 // Independent reference: every pixel visits its 8 neighbours and counts the
@@ -136,8 +158,11 @@ void bruteForcePairs(IplImage* image, long long& count, int32_t& wrapped) {
 TEST_F(EngineInit, BetaAndPairCountMatchABruteForceSum) {
   // Black and white checkerboards of 80 and 106 pixels wrap the 32-bit sum
   // to a negative (beta 0) and to a small positive value.
-  const struct { int w, h; bool checker; } cases[] = {
-      {1, 1, false}, {2, 2, false}, {3, 1, false}, {1, 4, false}, {9, 7, false}, {80, 80, true}, {106, 106, true}};
+  const struct {
+    int w, h;
+    bool checker;
+  } cases[] = {{1, 1, false}, {2, 2, false},  {3, 1, false},   {1, 4, false},
+               {9, 7, false}, {80, 80, true}, {106, 106, true}};
   std::mt19937 rng(3);
   for (const auto& c : cases) {
     SCOPED_TRACE(std::to_string(c.w) + "x" + std::to_string(c.h));
@@ -147,9 +172,12 @@ TEST_F(EngineInit, BetaAndPairCountMatchABruteForceSum) {
     long long count = 0;
     int32_t sum = 0;
     bruteForcePairs(VELDSEMarker::m_srcImage, count, sum);
-    if (c.checker) { EXPECT_EQ(c.w == 80, sum < 0); }  // the cases exercise the wrap
+    if (c.checker) {
+      EXPECT_EQ(c.w == 80, sum < 0);
+    }  // the cases exercise the wrap
     VELDSEHybrid engine;
-    engine.m_imgWidth = c.w, engine.m_imgHeight = c.h;
+    engine.m_imgWidth = c.w;
+    engine.m_imgHeight = c.h;
     engine.computeNlinks();
     EXPECT_EQ(engine.m_beta, sum > 0 ? static_cast<double>(count) / (2.0 * sum) : 0.0);
     cvReleaseImage(&VELDSEMarker::m_srcImage);
@@ -166,7 +194,8 @@ TEST_F(EngineInit, WeightsOfUniformAndTexturedImages) {
       return uniform ? 77 : y == 4 && x == 5 ? 255 : y == 4 && x == 4 ? 0 : static_cast<int>(rng() & 63);
     });
     VELDSEHybrid engine;
-    engine.m_imgWidth = w, engine.m_imgHeight = h;
+    engine.m_imgWidth = w;
+    engine.m_imgHeight = h;
     engine.computeNlinks();
     const double beta = engine.m_beta;
     EXPECT_EQ(beta == 0.0, uniform);
@@ -187,11 +216,13 @@ TEST_F(EngineInit, WeightsOfUniformAndTexturedImages) {
           }
           int d[3];
           for (int c = 0; c < 3; ++c) d[c] = std::abs(at(src, x, y, c) - at(src, nx, ny, c));
-          const float recipe = s % 2 ? static_cast<float>(static_cast<double>(table[d[0]]) * 0.7071067932881648 *
-                                                          table[d[1]] * static_cast<double>(table[d[2]]))
-                                     : table[d[0]] * table[d[1]] * table[d[2]];
+          const float recipe =
+              s % 2 ? static_cast<float>(static_cast<double>(table[d[0]]) * 0.7071067932881648 * table[d[1]] *
+                                         static_cast<double>(table[d[2]]))
+                    : table[d[0]] * table[d[1]] * table[d[2]];
           EXPECT_EQ(got, recipe);
-          const double exact = std::exp(-beta * (d[0] * d[0] + d[1] * d[1] + d[2] * d[2])) * (s % 2 ? 0.7071067932881648 : 1.0);
+          const double exact = std::exp(-beta * (d[0] * d[0] + d[1] * d[1] + d[2] * d[2])) *
+                               (s % 2 ? 0.7071067932881648 : 1.0);
           EXPECT_NEAR(got, exact, 1e-6 + 1e-5 * exact);
         }
     cvReleaseImage(&VELDSEMarker::m_srcImage);

@@ -102,7 +102,10 @@ Photo makePhoto(int w, int h) {
   synthetic::Scene s = synthetic::makeScene(w, h, false, true);
   Photo p{w, h, s.argb, 0, 0, 0, 0, {}, {}, {}, {}};
   const int r = h / 4, cx = w * 2 / 5, cy = h / 2, m = h / 12;
-  p.x1 = cx - r - m, p.y1 = cy - r - m, p.x2 = cx + r + m, p.y2 = cy + r + m;
+  p.x1 = cx - r - m;
+  p.y1 = cy - r - m;
+  p.x2 = cx + r + m;
+  p.y2 = cy + r + m;
   const size_t n = static_cast<size_t>(w) * h;
   auto gridOf = [&](std::vector<int>& g) { return cv::Mat(h, w, CV_32S, g.data()); };
   // The rectangle as the app sends it: its border as a loop, code 4 inside.
@@ -131,8 +134,8 @@ Photo makePhoto(int w, int h) {
   const int sx = w * 3 / 4, sy = h / 3, side = w / 8;
   p.objectStroke.points = {sx + side / 4, sy + side / 2, sx + side * 3 / 4, sy + side / 2};
   p.backgroundStroke.points = {cx - r / 2, cy - r * 3 / 4, cx + r / 2, cy - r * 3 / 4};
-  for (auto [marks, code, mode] : {std::make_tuple(&p.objectStroke, LABEL_FG, 2),
-                                   std::make_tuple(&p.backgroundStroke, LABEL_BG, 3)}) {
+  for (auto [marks, code, mode] :
+       {std::make_tuple(&p.objectStroke, LABEL_FG, 2), std::make_tuple(&p.backgroundStroke, LABEL_BG, 3)}) {
     const std::vector<int>& q = marks->points;
     marks->grid.assign(n, 0);
     cv::line(gridOf(marks->grid), {q[0], q[1]}, {q[2], q[3]}, cv::Scalar(code), w / 60 + 2);
@@ -178,7 +181,9 @@ int fetchInto(std::vector<int>& out) {
 
 using Run = int (*)(const Photo&, Out&);
 
-int runSetSource(const Photo& p, Out&) { return setSourceImage(p.w, p.h, const_cast<unsigned int*>(p.argb.data())); }
+int runSetSource(const Photo& p, Out&) {
+  return setSourceImage(p.w, p.h, const_cast<unsigned int*>(p.argb.data()));
+}
 int runInit(const Photo&, Out&) { return initSegmentationEngine(0); }
 int runProcess(const Photo&, Out& o) { return processSegment(0, 0, 0, o.blended.data(), o.mask.data()); }
 int runCutOut(const Photo&, Out& o) { return cutOutImage(0, 0, 0, o.blended.data(), o.mask.data()); }
@@ -225,8 +230,14 @@ bool buildState(const Photo& p, State state) {
   bool ok = true;
   if (state >= kPhoto) ok = ok && setSourceImage(p.w, p.h, const_cast<unsigned int*>(p.argb.data())) == 0;
   if (state >= kEngine) ok = ok && initSegmentationEngine(0) == 0;
-  if (state >= kCut) send(p, p.rectangle), ok = ok && processSegment(0, 0, 0, o.blended.data(), o.mask.data()) == 0;
-  if (state >= kTwoCuts) send(p, p.objectStroke), ok = ok && processSegment(0, 0, 0, o.blended.data(), o.mask.data()) == 0;
+  if (state >= kCut) {
+    send(p, p.rectangle);
+    ok = ok && processSegment(0, 0, 0, o.blended.data(), o.mask.data()) == 0;
+  }
+  if (state >= kTwoCuts) {
+    send(p, p.objectStroke);
+    ok = ok && processSegment(0, 0, 0, o.blended.data(), o.mask.data()) == 0;
+  }
   if (state >= kUndone) ok = ok && undo(o.blended.data(), o.mask.data()) == 0;
   return ok;
 }
@@ -279,7 +290,8 @@ struct Writer {
     while (n > 0) {
       const ssize_t k = write(fd, c, n);
       if (k <= 0) _exit(3);
-      c += k, n -= static_cast<size_t>(k);
+      c += k;
+      n -= static_cast<size_t>(k);
     }
   }
   template <class T>
@@ -297,7 +309,12 @@ struct Reader {
     char* c = static_cast<char*>(data);
     while (ok && n > 0) {
       const ssize_t k = read(fd, c, n);
-      if (k <= 0) ok = false; else c += k, n -= static_cast<size_t>(k);
+      if (k <= 0) {
+        ok = false;
+      } else {
+        c += k;
+        n -= static_cast<size_t>(k);
+      }
     }
   }
   template <class T>
@@ -316,7 +333,11 @@ void sendReference(const Reference& r, int fd) {
   w.raw(&r.points, sizeof(r.points));
   w.raw(&r.liveDelta, sizeof(r.liveDelta));
   w.raw(&r.after, sizeof(r.after));
-  w.vec(r.mask), w.vec(r.followMask), w.vec(r.blended), w.vec(r.outlineBefore), w.vec(r.outlineAfter);
+  w.vec(r.mask);
+  w.vec(r.followMask);
+  w.vec(r.blended);
+  w.vec(r.outlineBefore);
+  w.vec(r.outlineAfter);
 }
 
 bool receiveReference(Reference& r, int fd) {
@@ -325,7 +346,11 @@ bool receiveReference(Reference& r, int fd) {
   rd.raw(&r.points, sizeof(r.points));
   rd.raw(&r.liveDelta, sizeof(r.liveDelta));
   rd.raw(&r.after, sizeof(r.after));
-  rd.vec(r.mask), rd.vec(r.followMask), rd.vec(r.blended), rd.vec(r.outlineBefore), rd.vec(r.outlineAfter);
+  rd.vec(r.mask);
+  rd.vec(r.followMask);
+  rd.vec(r.blended);
+  rd.vec(r.outlineBefore);
+  rd.vec(r.outlineAfter);
   return rd.ok;
 }
 
@@ -338,7 +363,9 @@ int g_reportFd = -1;
 void onFatalSignal(int sig) {
   char line[512];
   int n = std::snprintf(line, sizeof(line), "signal %d (%s)\n", sig,
-                        sig == SIGALRM ? "hang" : sig == SIGABRT ? "abort" : "crash");
+                        sig == SIGALRM   ? "hang"
+                        : sig == SIGABRT ? "abort"
+                                         : "crash");
   if (write(g_reportFd, line, static_cast<size_t>(n)) < 0) _exit(128 + sig);
   void* frames[48];
   const int count = backtrace(frames, 48);
@@ -346,9 +373,10 @@ void onFatalSignal(int sig) {
     Dl_info info{};
     if (dladdr(frames[i], &info) != 0 && info.dli_fname != nullptr) {
       const char* base = std::strrchr(info.dli_fname, '/');
-      n = std::snprintf(line, sizeof(line), "  %s +0x%lx %s\n", base != nullptr ? base + 1 : info.dli_fname,
-                        static_cast<unsigned long>(static_cast<char*>(frames[i]) - static_cast<char*>(info.dli_fbase)),
-                        info.dli_sname != nullptr ? info.dli_sname : "");
+      n = std::snprintf(
+          line, sizeof(line), "  %s +0x%lx %s\n", base != nullptr ? base + 1 : info.dli_fname,
+          static_cast<unsigned long>(static_cast<char*>(frames[i]) - static_cast<char*>(info.dli_fbase)),
+          info.dli_sname != nullptr ? info.dli_sname : "");
     } else {
       n = std::snprintf(line, sizeof(line), "  %p\n", frames[i]);
     }
@@ -401,15 +429,16 @@ int firstDifference(const Bytes& a, const Bytes& b) {
 // unreachable blocks are reported besides.
 void leakCheck(long liveBefore, const Reference& ref, Findings& f) {
   const long delta = alloc_faults::liveBlocks() - liveBefore;
-  if (delta != ref.liveDelta) f.add("leak: %ld blocks more live than after a clean run", delta - ref.liveDelta);
+  if (delta != ref.liveDelta)
+    f.add("leak: %ld blocks more live than after a clean run", delta - ref.liveDelta);
   if (__lsan_do_recoverable_leak_check != nullptr && __lsan_do_recoverable_leak_check() != 0) {
     f.add("leak: LeakSanitizer reports unreachable blocks (its report is on stderr)");
   }
 }
 
 // Compares a successful result with the clean run's.
-void compareWithClean(const Call& c, const Photo& p, Out& o, int status, const Reference& ref, const char* what,
-                      Findings& f) {
+void compareWithClean(const Call& c, const Photo& p, Out& o, int status, const Reference& ref,
+                      const char* what, Findings& f) {
   if (status != ref.status) f.add("%s: status %d, clean run %d", what, status, ref.status);
   const int m = firstDifference(o.mask, ref.mask);
   if (m != -1) f.add("%s: mask differs from a clean run's (first at %d)", what, m);
@@ -479,7 +508,8 @@ void childPoint(const Call& c, const Photo& p, const Reference& ref, long index,
   alloc_faults::failAt(index);
   const auto started = std::chrono::steady_clock::now();
   const int status = c.run(p, o);
-  const double ranMs = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count();
+  const double ranMs =
+      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count();
   alloc_faults::stop();
   const bool fired = alloc_faults::fired();
 
@@ -494,11 +524,13 @@ void childPoint(const Call& c, const Photo& p, const Reference& ref, long index,
       continue;
     }
     ++errorLines;
-    ranOut += staticlog::line(k).priority == ANDROID_LOG_ERROR && std::strcmp(staticlog::line(k).text, expected) == 0;
+    ranOut += staticlog::line(k).priority == ANDROID_LOG_ERROR &&
+              std::strcmp(staticlog::line(k).text, expected) == 0;
   }
   auto listErrorLines = [&] {
     for (int k = 0; k < lines; ++k)
-      if (std::strcmp(staticlog::line(k).tag, "Error") == 0) f.add("  logged: %d/Error: %s", staticlog::line(k).priority, staticlog::line(k).text);
+      if (std::strcmp(staticlog::line(k).tag, "Error") == 0)
+        f.add("  logged: %d/Error: %s", staticlog::line(k).priority, staticlog::line(k).text);
   };
 
   if (!fired) {
@@ -515,8 +547,8 @@ void childPoint(const Call& c, const Photo& p, const Reference& ref, long index,
       const History h = history();
       if (!(h == before)) {
         f.add("history changed: %d/%d (current %d top %d bottom %d), before %d/%d (%d %d %d)", h.canUndo,
-              h.canRedo, h.current, h.top, h.bottom, before.canUndo, before.canRedo, before.current, before.top,
-              before.bottom);
+              h.canRedo, h.current, h.top, h.bottom, before.canUndo, before.canRedo, before.current,
+              before.top, before.bottom);
       }
       if (pHybrid != engine) f.add("engine changed (%p, before %p)", static_cast<void*>(pHybrid), engine);
       copySourceImage(photoAfter.data());
@@ -524,8 +556,8 @@ void childPoint(const Call& c, const Photo& p, const Reference& ref, long index,
       if (c.run != runFetch) {
         fetchInto(o.outline);
         if (o.outline != ref.outlineBefore) {
-          f.add("outline not fetched before the call is gone or changed (%zu ints, before %zu)", o.outline.size(),
-                ref.outlineBefore.size());
+          f.add("outline not fetched before the call is gone or changed (%zu ints, before %zu)",
+                o.outline.size(), ref.outlineBefore.size());
         }
       }
     }
@@ -627,7 +659,7 @@ std::string kindOf(const std::string& report) {
 struct Tally {
   long points = 0, tested = 0, failing = 0;
   std::map<std::string, std::pair<long, std::string>> kinds;  // kind -> (count, first example)
-  std::string where;  // the failing points' indices
+  std::string where;                                          // the failing points' indices
 };
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -667,7 +699,7 @@ Tally sweep(const Call& c, const Photo& p, const Reference& ref, long only) {
   // One child per core.
   const size_t kJobs = static_cast<size_t>(std::max(1L, sysconf(_SC_NPROCESSORS_ONLN)));
   std::map<pid_t, std::pair<long, int>> running;  // pid -> (index, fd)
-  std::map<long, int> reruns;                      // index -> runs past the time limit so far
+  std::map<long, int> reruns;                     // index -> runs past the time limit so far
   constexpr int kMaxReruns = 3;
   size_t next = 0;
   while (next < indices.size() || !running.empty()) {
@@ -765,7 +797,8 @@ void sweepCalls(const Photo& p, const std::vector<std::string>& labels = {}) {
     std::fflush(stdout);
     std::string details;
     for (const auto& [kind, example] : t.kinds) {
-      details += "  " + std::to_string(example.first) + " x " + kind + "\n    first at " + example.second + "\n";
+      details +=
+          "  " + std::to_string(example.first) + " x " + kind + "\n    first at " + example.second + "\n";
     }
     EXPECT_EQ(t.failing, 0) << "failing points by kind:\n" << details << "  failing points: " << t.where;
     tearDown();
@@ -796,9 +829,24 @@ struct Kind {
 void* threadBody(void*) { return nullptr; }
 
 const Kind kKinds[] = {
-    {"malloc", [] { void* p = keep(std::malloc(24)); std::free(p); return p != nullptr; }},
-    {"calloc", [] { void* p = keep(std::calloc(3, 8)); std::free(p); return p != nullptr; }},
-    {"realloc of null", [] { void* p = keep(std::realloc(nullptr, 40)); std::free(p); return p != nullptr; }},
+    {"malloc",
+     [] {
+       void* p = keep(std::malloc(24));
+       std::free(p);
+       return p != nullptr;
+     }},
+    {"calloc",
+     [] {
+       void* p = keep(std::calloc(3, 8));
+       std::free(p);
+       return p != nullptr;
+     }},
+    {"realloc of null",
+     [] {
+       void* p = keep(std::realloc(nullptr, 40));
+       std::free(p);
+       return p != nullptr;
+     }},
     {"posix_memalign",
      [] {
        void* p = nullptr;
@@ -806,7 +854,12 @@ const Kind kKinds[] = {
        std::free(keep(p));
        return rc == 0 && p != nullptr;
      }},
-    {"aligned_alloc", [] { void* p = keep(aligned_alloc(64, 128)); std::free(p); return p != nullptr; }},
+    {"aligned_alloc",
+     [] {
+       void* p = keep(aligned_alloc(64, 128));
+       std::free(p);
+       return p != nullptr;
+     }},
     {"new",
      [] {
        try {
@@ -835,7 +888,9 @@ const Kind kKinds[] = {
      }},
     {"aligned new",
      [] {
-       struct alignas(64) Wide { char c[64]; };
+       struct alignas(64) Wide {
+         char c[64];
+       };
        try {
          delete keep(new Wide);
          return true;
@@ -888,11 +943,11 @@ TEST(AllocFaults, LiveBlocksFollowAllocationAndRelease) {
     void (*release)(void*);
   } cases[] = {
       {"malloc / free", [] { return std::malloc(10); }, [](void* p) { std::free(p); }},
-      {"new / delete", [] { return static_cast<void*>(new long(1)); }, [](void* p) { delete static_cast<long*>(p); }},
+      {"new / delete", [] { return static_cast<void*>(new long(1)); },
+       [](void* p) { delete static_cast<long*>(p); }},
       {"new[] / delete[]", [] { return static_cast<void*>(new char[300]); },
        [](void* p) { delete[] static_cast<char*>(p); }},
-      {"realloc grow / realloc to 0",
-       [] { return std::realloc(keep(std::malloc(8)), 4096); },
+      {"realloc grow / realloc to 0", [] { return std::realloc(keep(std::malloc(8)), 4096); },
        [](void* p) { keep(std::realloc(p, 0)); }},
   };
   for (const Case& c : cases) {

@@ -25,12 +25,16 @@ class GraphConstructionTest : public ::testing::Test {
   // Working image workW x workH with neighbour weights that identify pixel and
   // slot; the box is (x0, y0, w, h).
   void setUpBox(int workW, int workH, int x0, int y0, int w, int h) {
-    hybrid_.m_imgWidth = workW, hybrid_.m_imgHeight = workH;
+    hybrid_.m_imgWidth = workW;
+    hybrid_.m_imgHeight = workH;
     std::free(hybrid_.m_nlinks);  // the engine's destructor frees the last one
     hybrid_.m_nlinks = static_cast<float*>(std::malloc(sizeof(float) * 4 * workW * workH));
-    for (int i = 0; i < 4 * workW * workH; ++i) hybrid_.m_nlinks[i] = 0.1f + 0.013f * (i / 4) + 0.0031f * (i % 4);
-    VELDSEMarker::m_xMinBBox = x0, VELDSEMarker::m_yMinBBox = y0;
-    hybrid_.m_boundWidth = w, hybrid_.m_boundHeight = h;
+    for (int i = 0; i < 4 * workW * workH; ++i)
+      hybrid_.m_nlinks[i] = 0.1f + 0.013f * (i / 4) + 0.0031f * (i % 4);
+    VELDSEMarker::m_xMinBBox = x0;
+    VELDSEMarker::m_yMinBBox = y0;
+    hybrid_.m_boundWidth = w;
+    hybrid_.m_boundHeight = h;
     hybrid_.m_cropSrc = testsupport::newImage(w, h, 3);
     hybrid_.m_cropLabel = testsupport::newImage(w, h, 1, LABEL_PR_FG);
     hybrid_.m_graph = new VELDSEGraph(w * h, 8 * w * h, w, h, 0);
@@ -40,7 +44,8 @@ class GraphConstructionTest : public ::testing::Test {
   }
   void TearDown() override {
     delete std::exchange(hybrid_.m_graph, nullptr);
-    for (IplImage** i : {&hybrid_.m_cropSrc, &hybrid_.m_cropLabel, &VELDSEMarker::m_texHor, &VELDSEMarker::m_texVer})
+    for (IplImage** i :
+         {&hybrid_.m_cropSrc, &hybrid_.m_cropLabel, &VELDSEMarker::m_texHor, &VELDSEMarker::m_texVer})
       if (*i) cvReleaseImage(i);
     VELDSEMarker::m_isGreyScale = false;
     VELDSEMarker::m_xMinBBox = VELDSEMarker::m_yMinBBox = 0;
@@ -56,8 +61,9 @@ class GraphConstructionTest : public ::testing::Test {
 
 TEST_F(GraphConstructionTest, NeighbourLinksFollowBoxShape) {
   // Expected real links per direction: left, up-left, up, up-right.
-  const struct { int w, h, present[4]; } cases[] = {
-      {5, 1, {4, 0, 0, 0}}, {1, 5, {0, 0, 4, 0}}, {1, 1, {0, 0, 0, 0}}, {4, 3, {9, 6, 8, 6}}};
+  const struct {
+    int w, h, present[4];
+  } cases[] = {{5, 1, {4, 0, 0, 0}}, {1, 5, {0, 0, 4, 0}}, {1, 1, {0, 0, 0, 0}}, {4, 3, {9, 6, 8, 6}}};
   const int dx[4] = {-1, -1, 0, 1}, dy[4] = {0, -1, -1, -1};
   for (const auto& tc : cases) {
     SCOPED_TRACE(::testing::Message() << tc.w << "x" << tc.h);
@@ -75,10 +81,13 @@ TEST_F(GraphConstructionTest, NeighbourLinksFollowBoxShape) {
         const int work = (y0 + node / tc.w) * workW + x0 + node % tc.w;
         const bool absent = nc < 0 || nc >= tc.w || nr < 0;
         present[s] += !absent;
-        EXPECT_EQ(pair[0], absent ? VELDSEGraph::ABSENT_EDGE : static_cast<float>(37.5 * static_cast<double>(hybrid_.m_nlinks[4 * work + s])))
+        EXPECT_EQ(pair[0],
+                  absent ? VELDSEGraph::ABSENT_EDGE
+                         : static_cast<float>(37.5 * static_cast<double>(hybrid_.m_nlinks[4 * work + s])))
             << "node " << node << " slot " << s;
         EXPECT_EQ(pair[1], pair[0]) << "node " << node << " slot " << s;
-        EXPECT_EQ(absent ? -1 : g.headOfSlot(8 * node + 2 * s), absent ? -1 : nr * tc.w + nc) << "node " << node;
+        EXPECT_EQ(absent ? -1 : g.headOfSlot(8 * node + 2 * s), absent ? -1 : nr * tc.w + nc)
+            << "node " << node;
       }
     for (int s = 0; s < 4; ++s) EXPECT_EQ(present[s], tc.present[s]) << "direction " << s;
     TearDown();
@@ -90,9 +99,11 @@ TEST_F(GraphConstructionTest, TerminalLinksFromCodesAndNegativeLogDensities) {
   // the flow gathering min(-log Pb, -log Pf); a zero density is infinite.
   setUpBox(6, 1, 0, 0, 6, 1);
   const Gauss fg{180, 150, 120, 900, 0.5}, bg{30, 60, 90, 1600, 2.0};
-  fg.setInto(hybrid_.m_fgModel), bg.setInto(hybrid_.m_bgModel);
+  fg.setInto(hybrid_.m_fgModel);
+  bg.setInto(hybrid_.m_bgModel);
   const unsigned char codes[6] = {LABEL_UNKNOWN, LABEL_PR_BG, LABEL_PR_FG, LABEL_BG, LABEL_FG, LABEL_BG};
-  const cv::Vec3b colours[6] = {{100, 110, 120}, {40, 60, 80}, {170, 160, 110}, {180, 150, 120}, {30, 60, 90}, {0, 0, 0}};
+  const cv::Vec3b colours[6] = {{100, 110, 120}, {40, 60, 80}, {170, 160, 110},
+                                {180, 150, 120}, {30, 60, 90}, {0, 0, 0}};
   for (int c = 0; c < 6; ++c) setPixel(c, 0, colours[c], codes[c]);
   hybrid_.constructGraphVELD_Whole_Image();
   const std::vector<float> first(hybrid_.m_graph->m_caps, hybrid_.m_graph->m_caps + 48);
@@ -120,7 +131,12 @@ TEST_F(GraphConstructionTest, TerminalLinksFromCodesAndNegativeLogDensities) {
 
 TEST_F(GraphConstructionTest, GreyPhotosTieNearlyEqualLikelihoods) {
   // Background norm 1.0; means and variances equal.
-  const struct { const char* name; bool grey; double fgNorm; bool tied; } cases[] = {
+  const struct {
+    const char* name;
+    bool grey;
+    double fgNorm;
+    bool tied;
+  } cases[] = {
       {"grey, difference 5e-5", true, std::exp(5e-5), true},
       {"grey, difference 1e-3", true, std::exp(1e-3), false},
       {"colour, difference 5e-5", false, std::exp(5e-5), false},
@@ -132,15 +148,18 @@ TEST_F(GraphConstructionTest, GreyPhotosTieNearlyEqualLikelihoods) {
     VELDSEMarker::m_texHor = testsupport::newImage(3, 2, 1, 90);
     VELDSEMarker::m_texVer = testsupport::newImage(3, 2, 1, 91);
     const Gauss fg{50, 70, 80, 500, tc.fgNorm}, bg{50, 70, 80, 500, 1.0};
-    fg.setInto(hybrid_.m_fgModel), bg.setInto(hybrid_.m_bgModel);
+    fg.setInto(hybrid_.m_fgModel);
+    bg.setInto(hybrid_.m_bgModel);
     setPixel(0, 0, {60, 0, 0}, LABEL_PR_BG);
     setPixel(1, 0, {60, 0, 0}, LABEL_PR_FG);
     hybrid_.constructGraphVELD_Whole_Image();
     // Grey photos sample (channel 0, texture at the working pixel).
     const double x[3] = {60.0, tc.grey ? 90.0 : 0.0, tc.grey ? 91.0 : 0.0};
-    const float lb = static_cast<float>(-std::log(bg.density(x))), lf = static_cast<float>(-std::log(fg.density(x)));
+    const float lb = static_cast<float>(-std::log(bg.density(x))),
+                lf = static_cast<float>(-std::log(fg.density(x)));
     ASSERT_GT(std::abs(lb - lf), 1e-5f);
-    for (int node = 0; node < 2; ++node) EXPECT_NEAR(trCap(node), tc.tied ? 0.0 : lb - lf, tc.tied ? 0.0 : 1e-6);
+    for (int node = 0; node < 2; ++node)
+      EXPECT_NEAR(trCap(node), tc.tied ? 0.0 : lb - lf, tc.tied ? 0.0 : 1e-6);
     // Tied nodes push -Lf through both terminals, untied ones min(-Lb, -Lf).
     EXPECT_NEAR(hybrid_.m_graph->m_flow, 2 * (tc.tied ? lf : std::min(lb, lf)), 1e-3);
     TearDown();

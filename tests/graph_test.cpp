@@ -1,11 +1,15 @@
 // Grid graph and serial max-flow: worked cases, adoption rules, cancel and
 // time-out, and a randomized cross-check against Dinic's algorithm over an
 // explicit edge list.
+#include "graph/solver_core.h"
 #include "graph/veldse_graph.h"
 #include "interface/veldse_marker.h"
 #include "support/cpu_timer.h"
 #include "tests/maxflow_reference.h"
 #include "tests/test_support.h"
+
+#include <limits>
+#include <vector>
 
 namespace {
 
@@ -20,20 +24,29 @@ const int T = VELDSEGraph::TERMINAL, O = VELDSEGraph::NONE;
 const int SRC = VELDSEGraph::SOURCE_TREE, SNK = VELDSEGraph::SINK_TREE, FREE = VELDSEGraph::FREE_TREE;
 
 TEST(VELDSEGraphMaxFlow, WorkedCases) {
-  struct Case { const char* name; GridCase gc; float flow; std::vector<int> trees; };  // trees: getTreeofNode per node
-  std::vector<Case> cases = {{"1x1 source", emptyGrid(1, 1), 3, {0}},
-                             {"1x1 sink", emptyGrid(1, 1), 3, {1}},
-                             {"two nodes joined by 2", emptyGrid(2, 1), 2, {0, 1}},
-                             {"no terminal links", fullGrid(3, 2, 4), 0, {0, 0, 0, 0, 0, 0}},
-                             // The middle column is cut off: it stays free (source side).
-                             {"isolated middle", emptyGrid(3, 3), 0, {0, 0, 1, 0, 0, 1, 0, 0, 1}},
-                             {"chain bottleneck", emptyGrid(3, 1), 1, {0, 0, 1}},
-                             {"centre with all neighbours absent", fullGrid(3, 3, 5), 7, std::vector<int>(9, 0)}};
+  struct Case {
+    const char* name;
+    GridCase gc;
+    float flow;
+    std::vector<int> trees;
+  };  // trees: getTreeofNode per node
+  std::vector<Case> cases = {
+      {"1x1 source", emptyGrid(1, 1), 3, {0}},
+      {"1x1 sink", emptyGrid(1, 1), 3, {1}},
+      {"two nodes joined by 2", emptyGrid(2, 1), 2, {0, 1}},
+      {"no terminal links", fullGrid(3, 2, 4), 0, {0, 0, 0, 0, 0, 0}},
+      // The middle column is cut off: it stays free (source side).
+      {"isolated middle", emptyGrid(3, 3), 0, {0, 0, 1, 0, 0, 1, 0, 0, 1}},
+      {"chain bottleneck", emptyGrid(3, 1), 1, {0, 0, 1}},
+      {"centre with all neighbours absent", fullGrid(3, 3, 5), 7, std::vector<int>(9, 0)}};
   cases[0].gc.terminals[0] = {{5, 3}};
   cases[1].gc.terminals[0] = {{3, 5}};
   cases[2].gc.terminals = {{{5, 0}}, {{0, 3}}};
   setEdge(&cases[2].gc, 1, 0, 2, 2);
-  for (int r = 0; r < 3; ++r) cases[4].gc.terminals[3 * r] = {{4, 0}}, cases[4].gc.terminals[3 * r + 2] = {{0, 4}};
+  for (int r = 0; r < 3; ++r) {
+    cases[4].gc.terminals[3 * r] = {{4, 0}};
+    cases[4].gc.terminals[3 * r + 2] = {{0, 4}};
+  }
   cases[5].gc.terminals = {{{9, 0}}, {}, {{0, 9}}};
   setEdge(&cases[5].gc, 1, 0, 0, 5);  // 0 -> 1 is 5
   setEdge(&cases[5].gc, 2, 0, 7, 1);  // 1 -> 2 is 1
@@ -169,8 +182,14 @@ TEST_F(VELDSEGraphCancel, FlagOrTimerOverTenSecondsStopsAfterTheFirstVisit) {
   const float full = static_cast<float>(maxflow_reference::solveReference(gc).flow);
   // Flag set before: only the terminal flow. Over the limit: node 0 grows
   // into nothing and finds sink node 1 (+3), then stops.
-  const struct { const char* name; bool flag; int secondsAgo; float flow; } cases[] = {
-      {"flag set before the run", true, -1, 3.0f}, {"9 s used", false, 9, full}, {"11 s used", false, 11, 6.0f}};
+  const struct {
+    const char* name;
+    bool flag;
+    int secondsAgo;
+    float flow;
+  } cases[] = {{"flag set before the run", true, -1, 3.0f},
+               {"9 s used", false, 9, full},
+               {"11 s used", false, 11, 6.0f}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     VELDSEGraph g(4, 32, 2, 2, 0);
@@ -217,7 +236,8 @@ TEST(VELDSEGraphCrossCheck, RandomGridsMatchDinicAlsoAfterReset) {
   std::mt19937 rng(20240611u);
   for (int t = 0; t < 1200; ++t) {
     SCOPED_TRACE("grid " + std::to_string(t));
-    const int w = std::uniform_int_distribution<int>(1, 20)(rng), h = std::uniform_int_distribution<int>(1, 20)(rng);
+    const int w = std::uniform_int_distribution<int>(1, 20)(rng),
+              h = std::uniform_int_distribution<int>(1, 20)(rng);
     VELDSEGraph g(w * h, 8 * w * h, w, h, 0);
     ASSERT_NE(g.m_nodes, nullptr);
     nodes* const arr = g.m_nodes;
@@ -239,14 +259,58 @@ TEST(VELDSEGraphCrossCheck, LongPathsMatchDinic) {
   for (auto [w, h] : {std::pair{3000, 1}, {1, 2600}, {2, 2400}}) {
     SCOPED_TRACE(std::to_string(w) + "x" + std::to_string(h));
     GridCase gc = fullGrid(w, h, 0);
-    for (int p = 0; p < 4 * w * h; ++p)
-      if (!gc.absent[p])
-        gc.cap[p] = std::uniform_int_distribution<int>(1, 9)(rng), gc.revCap[p] = std::uniform_int_distribution<int>(1, 9)(rng);
+    std::uniform_int_distribution<int> capacity(1, 9);
+    for (int p = 0; p < 4 * w * h; ++p) {
+      if (gc.absent[p]) continue;
+      gc.cap[p] = capacity(rng);
+      gc.revCap[p] = capacity(rng);
+    }
     gc.terminals[0] = {{50, 0}};
     gc.terminals[w * h - 1] = {{0, 50}};
     VELDSEGraph g(w * h, 8 * w * h, w, h, 0);
     build(gc, &g);
     expectSameCut(gc, &g, g.maxFlow());
+  }
+}
+
+// Row of node i without a divide: checked against the hardware division for
+// the edge divisors (1, powers of two and their neighbours, the largest int)
+// and the edge dividends of each (around every multiple near 0 and near the
+// top of the int range, the largest int itself), plus a sweep in between.
+TEST(RowDivider, MatchesDivisionAtEdgeDividendsAndDivisors) {
+  std::vector<int> divisors = {1, 2, 3, 5, 7, 320, 641, 4095, 4096, 4097, 65535, 65536, 65537, 1000003};
+  for (int l = 20; l <= 30; l += 5) {
+    divisors.push_back((1 << l) - 1);
+    divisors.push_back(1 << l);
+    divisors.push_back((1 << l) + 1);
+  }
+  divisors.push_back(std::numeric_limits<int>::max() - 1);
+  divisors.push_back(std::numeric_limits<int>::max());
+  const long long kTop = std::numeric_limits<int>::max();
+  for (const int w : divisors) {
+    SCOPED_TRACE(::testing::Message() << "divisor " << w);
+    const graphcore::RowDivider div(w);
+    std::vector<long long> dividends = {0, 1, kTop, kTop - 1};
+    for (long long k = 0; k <= 3; ++k) {
+      for (long long d = -1; d <= 1; ++d) {
+        dividends.push_back(k * w + d);
+        dividends.push_back((kTop / w - k) * w + d);
+      }
+    }
+    for (long long i = 0; i <= kTop; i += kTop / 9973) dividends.push_back(i);
+    for (const long long i : dividends) {
+      if (i < 0 || i > kTop) continue;
+      ASSERT_EQ(div.row(static_cast<int>(i)), static_cast<int>(i / w)) << "dividend " << i;
+    }
+  }
+}
+
+// Every dividend of a small grid's node range, for every width up to 64.
+TEST(RowDivider, MatchesDivisionForEveryNodeOfSmallGrids) {
+  for (int w = 1; w <= 64; ++w) {
+    SCOPED_TRACE(::testing::Message() << "width " << w);
+    const graphcore::RowDivider div(w);
+    for (int i = 0; i < 64 * w; ++i) ASSERT_EQ(div.row(i), i / w) << "node " << i;
   }
 }
 

@@ -28,7 +28,8 @@ TEST_F(ImageInput, PhotoIsStoredAsBgrAndReturnedOpaque) {
   EXPECT_EQ(at(photo, 0, 1, 2), 0xAB);
   std::vector<unsigned int> out(6, 0);
   copySourceImage(out.data());
-  EXPECT_EQ(out, (std::vector<unsigned int>{0xFF345678, 0xFF000000, 0xFFFFFFFF, 0xFFABCDEF, 0xFF020304, 0xFF000001}));
+  EXPECT_EQ(out, (std::vector<unsigned int>{0xFF345678, 0xFF000000, 0xFFFFFFFF, 0xFFABCDEF, 0xFF020304,
+                                            0xFF000001}));
 }
 
 // Photos and marker grids over a megapixel are converted in row slices on

@@ -20,7 +20,8 @@ const cv::Scalar kObject(30, 60, 200), kBackground(200, 60, 30);
 // within k erosions = every image pixel within distance k is object.
 int referenceTrimap(const cv::Mat& mask, int x, int y) {
   auto count = [&](int k, bool all) {
-    const cv::Mat w = mask(cv::Rect(x - k, y - k, 2 * k + 1, 2 * k + 1) & cv::Rect(0, 0, mask.cols, mask.rows));
+    const cv::Mat w =
+        mask(cv::Rect(x - k, y - k, 2 * k + 1, 2 * k + 1) & cv::Rect(0, 0, mask.cols, mask.rows));
     return all ? cv::countNonZero(w) == static_cast<int>(w.total()) : cv::countNonZero(w) > 0;
   };
   const int recode[5] = {7, 1, 0, 2, 7};
@@ -34,14 +35,15 @@ struct Scene {
   // Working label codes: those of the mask (4 object, 3 background) with
   // these exceptions (x, y, code).
   std::vector<int> labelOverrides;
-  cv::Rect photo;  // photo object rectangle at full resolution
+  cv::Rect photo;      // photo object rectangle at full resolution
   int scale = kScale;  // photo size / working size
 };
 
 class IntelligentUpscaling : public ::testing::Test {
  protected:
   void SetUp() override {
-    hybrid_.m_lambda = 1.0, hybrid_.m_beta = 0.0005;
+    hybrid_.m_lambda = 1.0;
+    hybrid_.m_beta = 0.0005;
     hybrid_.m_fgModel = testsupport::singleComponent(kObject[0], kObject[1], kObject[2], 400);
     hybrid_.m_bgModel = testsupport::singleComponent(kBackground[0], kBackground[1], kBackground[2], 400);
   }
@@ -53,7 +55,8 @@ class IntelligentUpscaling : public ::testing::Test {
 
   // Builds the context for a scene and returns the working mask (0/1).
   cv::Mat setUpScene(const Scene& s) {
-    VELDSEMarker::m_originalWidth = s.size.width * s.scale, VELDSEMarker::m_originalHeight = s.size.height * s.scale;
+    VELDSEMarker::m_originalWidth = s.size.width * s.scale;
+    VELDSEMarker::m_originalHeight = s.size.height * s.scale;
     VELDSEMarker::m_originalImage = testsupport::newImage(s.size.width * s.scale, s.size.height * s.scale, 3);
     M(VELDSEMarker::m_originalImage).setTo(kBackground);
     M(VELDSEMarker::m_originalImage)(s.photo).setTo(kObject);
@@ -63,7 +66,8 @@ class IntelligentUpscaling : public ::testing::Test {
     cv::Mat labels = M(VELDSEMarker::m_labelImage);
     labels.setTo(LABEL_PR_FG, mask);
     for (size_t i = 0; i + 2 < s.labelOverrides.size(); i += 3)
-      labels.at<unsigned char>(s.labelOverrides[i + 1], s.labelOverrides[i]) = static_cast<unsigned char>(s.labelOverrides[i + 2]);
+      labels.at<unsigned char>(s.labelOverrides[i + 1], s.labelOverrides[i]) =
+          static_cast<unsigned char>(s.labelOverrides[i + 2]);
     return mask;
   }
 
@@ -84,8 +88,11 @@ class IntelligentUpscaling : public ::testing::Test {
 TEST_F(IntelligentUpscaling, BandFollowsThePhotoAndTheRestTheLabels) {
   const Scene scenes[] = {
       {"square, photo edges inside the band", {16, 10}, {{3, 2, 6, 6}}, {}, {13, 10, 22, 20}},
-      {"large object: labels decide the deep interior and far background", {20, 18}, {{3, 2, 10, 10}},
-       {7, 6, LABEL_PR_BG, 8, 7, LABEL_BG, 18, 16, LABEL_PR_FG, 0, 17, LABEL_FG, 4, 3, LABEL_PR_BG}, {11, 9, 40, 38}},
+      {"large object: labels decide the deep interior and far background",
+       {20, 18},
+       {{3, 2, 10, 10}},
+       {7, 6, LABEL_PR_BG, 8, 7, LABEL_BG, 18, 16, LABEL_PR_FG, 0, 17, LABEL_FG, 4, 3, LABEL_PR_BG},
+       {11, 9, 40, 38}},
       {"one-pixel-wide object line", {16, 12}, {{2, 5, 12, 1}}, {5, 5, LABEL_PR_BG}, {10, 21, 46, 2}},
       {"object against three borders", {16, 12}, {{0, 0, 8, 12}}, {}, {0, 0, 30, 48}},
       // 150,000 band pixels: their likelihoods are worked out on several threads.
@@ -100,13 +107,20 @@ TEST_F(IntelligentUpscaling, BandFollowsThePhotoAndTheRestTheLabels) {
     int xmin = INT_MAX, xmax = -1, ymin = INT_MAX, ymax = -1;
     cv::Mat codes(s.size, CV_8U), expected(s.size * s.scale, CV_8U);
     for (int y = 0; y < codes.rows; ++y)
-      for (int x = 0; x < codes.cols; ++x) codes.at<unsigned char>(y, x) = static_cast<unsigned char>(referenceTrimap(mask, x, y));
+      for (int x = 0; x < codes.cols; ++x)
+        codes.at<unsigned char>(y, x) = static_cast<unsigned char>(referenceTrimap(mask, x, y));
     for (int y = 0; y < expected.rows; ++y)
       for (int x = 0; x < expected.cols; ++x) {
         const int code = codes.at<unsigned char>(y / s.scale, x / s.scale);
-        if (code != 7) xmin = std::min(xmin, x), xmax = std::max(xmax, x), ymin = std::min(ymin, y), ymax = std::max(ymax, y);
+        if (code != 7) {
+          xmin = std::min(xmin, x);
+          xmax = std::max(xmax, x);
+          ymin = std::min(ymin, y);
+          ymax = std::max(ymax, y);
+        }
         const int label = labels.at<unsigned char>(y / s.scale, x / s.scale);
-        const bool object = code == 0 ? photo.at<cv::Vec3b>(y, x)[0] == kObject[0] : (label == LABEL_FG || label == LABEL_PR_FG);
+        const bool object = code == 0 ? photo.at<cv::Vec3b>(y, x)[0] == kObject[0]
+                                      : (label == LABEL_FG || label == LABEL_PR_FG);
         expected.at<unsigned char>(y, x) = object ? 255 : 0;
       }
     const cv::Mat result = upscale(mask);
@@ -131,8 +145,10 @@ TEST_F(IntelligentUpscaling, UniformMasksFallBackToPlainEnlargement) {
     const cv::Mat result = upscale(mask);
     ASSERT_EQ(result.size(), cv::Size(36, 24));
     EXPECT_EQ(cv::countNonZero(result != (object ? 255 : 0)), 0);
-    EXPECT_EQ(cv::countNonZero(mask != (object ? 255 : 0)), 0);  // the object value is rewritten to 255 in place
-    EXPECT_EQ(log_, testsupport::Lines{"E/Error: Failed: xmin:2147483647, xmax:-1, ymin:2147483647, ymax:-1"});
+    EXPECT_EQ(cv::countNonZero(mask != (object ? 255 : 0)),
+              0);  // the object value is rewritten to 255 in place
+    EXPECT_EQ(log_,
+              testsupport::Lines{"E/Error: Failed: xmin:2147483647, xmax:-1, ymin:2147483647, ymax:-1"});
     EXPECT_EQ(hybrid_.m_trimapGraph, nullptr);
     TearDown();
   }
@@ -148,9 +164,12 @@ TEST_F(IntelligentUpscaling, ReCutLinksFollowTheContrastFormulas) {
   cv::Mat trimap(h, w, CV_8U, const_cast<unsigned char*>(&codes[0][0])), photo(h, w, CV_8UC3);
   for (int y = 0; y < h; ++y)  // neighbouring colours differ by at most 18 per channel
     for (int x = 0; x < w; ++x)
-      photo.at<cv::Vec3b>(y, x) = cv::Vec3b(100 + (7 * x + 3 * y) % 13, 110 + (5 * x + 11 * y) % 17, 120 + (3 * x + 13 * y) % 19);
-  hybrid_.m_lambda = 50.0, hybrid_.m_beta = 0.003;
-  hybrid_.m_boundWidthTrimap = w, hybrid_.m_boundHeightTrimap = h;
+      photo.at<cv::Vec3b>(y, x) =
+          cv::Vec3b(100 + (7 * x + 3 * y) % 13, 110 + (5 * x + 11 * y) % 17, 120 + (3 * x + 13 * y) % 19);
+  hybrid_.m_lambda = 50.0;
+  hybrid_.m_beta = 0.003;
+  hybrid_.m_boundWidthTrimap = w;
+  hybrid_.m_boundHeightTrimap = h;
   VELDSEMarker::m_isGreyScale = false;
   IplImage img = cvIplImage(photo), tri = cvIplImage(trimap);
   ASSERT_EQ(hybrid_.constructGraphTrimapVELD(&img, nullptr, &tri, nullptr, nullptr), 0);
@@ -164,13 +183,16 @@ TEST_F(IntelligentUpscaling, ReCutLinksFollowTheContrastFormulas) {
       SCOPED_TRACE(testing::Message() << "pixel " << x << "," << y);
       const int i = x + y * w;
       // Pairs towards left, upper-left, up, upper-right; -1: absent.
-      const double want[4] = {x > 0 ? 50.0 : -1.0, y > 0 && x > 0 ? 50.0 / std::sqrt(2.0) * contrast(x, y, -1, -1) : -1.0,
+      const double want[4] = {x > 0 ? 50.0 : -1.0,
+                              y > 0 && x > 0 ? 50.0 / std::sqrt(2.0) * contrast(x, y, -1, -1) : -1.0,
                               y > 0 ? 50.0 * contrast(x, y, 0, -1) : -1.0,
                               y > 0 && x + 1 < w ? 50.0 / std::sqrt(2.0) * contrast(x, y, 1, -1) : -1.0};
       for (int e = 0; e < 4; ++e)
         for (int s : {2 * e, 2 * e + 1}) {
-          if (want[e] < 0) EXPECT_EQ(g->m_caps[8 * i + s], VELDSEGraph::ABSENT_EDGE) << "slot " << s;
-          else EXPECT_NEAR(g->m_caps[8 * i + s], want[e], 2e-6 * want[e]) << "slot " << s;
+          if (want[e] < 0)
+            EXPECT_EQ(g->m_caps[8 * i + s], VELDSEGraph::ABSENT_EDGE) << "slot " << s;
+          else
+            EXPECT_NEAR(g->m_caps[8 * i + s], want[e], 2e-6 * want[e]) << "slot " << s;
         }
     }
 }

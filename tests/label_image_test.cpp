@@ -19,8 +19,15 @@ void fillRect(IplImage* image, int x0, int y0, int x1, int y1, unsigned char val
 
 class LabelImage : public ::testing::Test {
  protected:
-  void SetUp() override { g_imageResizeFactor = 1.0f, VELDSEMarker::currentStroke.points.clear(); }
-  void TearDown() override { deinitSegmentation(), g_imageResizeFactor = 1.0f, VELDSEMarker::currentStroke.strokeType = 0; }
+  void SetUp() override {
+    g_imageResizeFactor = 1.0f;
+    VELDSEMarker::currentStroke.points.clear();
+  }
+  void TearDown() override {
+    deinitSegmentation();
+    g_imageResizeFactor = 1.0f;
+    VELDSEMarker::currentStroke.strokeType = 0;
+  }
   VELDSEHybrid engine;
 };
 
@@ -39,8 +46,10 @@ std::vector<unsigned char> dilated(IplImage* marker, int n) {
 
 TEST_F(LabelImage, StrokesGrowProbableRingsAndUnmarkedIsBackground) {
   // 40 x 40: the dilation runs (int)(40 * 0.05) = 2 times.
-  const struct { int strokeType; unsigned char strokeCode, ringCode; } cases[] = {
-      {0, LABEL_FG, 0}, {1, LABEL_BG, 0}, {2, LABEL_FG, LABEL_PR_FG}, {3, LABEL_BG, LABEL_PR_BG}};
+  const struct {
+    int strokeType;
+    unsigned char strokeCode, ringCode;
+  } cases[] = {{0, LABEL_FG, 0}, {1, LABEL_BG, 0}, {2, LABEL_FG, LABEL_PR_FG}, {3, LABEL_BG, LABEL_PR_BG}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.strokeType);
     IplImage* marker = newImage(40, 40);
@@ -87,15 +96,21 @@ TEST_F(LabelImage, PreviousMaskBecomesHardConstraints) {
     // Unmarked pixels follow the mask; a mark on the side its stroke agrees
     // with is made definite; the stroke itself stays.
     const unsigned char stroke = t % 2 ? LABEL_BG : LABEL_FG;
-    const struct { int x, y; unsigned char expected[4]; } spots[] = {
+    const struct {
+      int x, y;
+      unsigned char expected[4];
+    } spots[] = {
         {15, 3, {LABEL_PR_FG, LABEL_BG, LABEL_PR_FG, LABEL_BG}},  // probable object on the background side
         {4, 3, {LABEL_FG, LABEL_PR_FG, LABEL_FG, LABEL_PR_FG}},
         {4, 16, {LABEL_FG, LABEL_PR_BG, LABEL_FG, LABEL_PR_BG}},  // probable background on the object side
         {15, 16, {LABEL_PR_BG, LABEL_BG, LABEL_PR_BG, LABEL_BG}},
-        {5, 9, {stroke, stroke, stroke, stroke}}, {14, 9, {stroke, stroke, stroke, stroke}},
-        {10, 12, {LABEL_BG, LABEL_BG, LABEL_BG, LABEL_BG}}, {9, 12, {LABEL_FG, LABEL_FG, LABEL_FG, LABEL_FG}},
+        {5, 9, {stroke, stroke, stroke, stroke}},
+        {14, 9, {stroke, stroke, stroke, stroke}},
+        {10, 12, {LABEL_BG, LABEL_BG, LABEL_BG, LABEL_BG}},
+        {9, 12, {LABEL_FG, LABEL_FG, LABEL_FG, LABEL_FG}},
     };
-    for (const auto& p : spots) EXPECT_EQ(at(VELDSEMarker::m_labelImage, p.x, p.y), p.expected[t]) << p.x << "," << p.y;
+    for (const auto& p : spots)
+      EXPECT_EQ(at(VELDSEMarker::m_labelImage, p.x, p.y), p.expected[t]) << p.x << "," << p.y;
     cvReleaseImage(&marker);
   }
   cvReleaseImage(&previous);
@@ -139,9 +154,12 @@ TEST_F(LabelImage, ReducedPhotoWithAPreviousMaskGetsTheReducedFullSizeLabels) {
         const bool object = at(previous, x, y) == 255;
         at(marker, x, y) = mark;
         unsigned char label = mark;
-        if (mark == 0) label = object ? LABEL_FG : LABEL_BG;
-        else if (t == 0 && object) label = LABEL_FG;
-        else if (t == 1 && !object) label = LABEL_BG;
+        if (mark == 0)
+          label = object ? LABEL_FG : LABEL_BG;
+        else if (t == 0 && object)
+          label = LABEL_FG;
+        else if (t == 1 && !object)
+          label = LABEL_BG;
         expected.at<unsigned char>(y, x) = label;
       }
     cv::resize(expected, expected, cv::Size(20, 15), 0, 0, cv::INTER_NEAREST);
@@ -158,7 +176,10 @@ TEST_F(LabelImage, ReducedPhotoWithAPreviousMaskGetsTheReducedFullSizeLabels) {
 TEST_F(LabelImage, StrokeBandFollowsTheStrokeAndIsClosed) {
   // Points at full resolution with factor 2; the reference draws the same
   // thickness-3 lines between the working points written out by hand.
-  const struct { std::vector<int> points; std::vector<cv::Point> working; } cases[] = {
+  const struct {
+    std::vector<int> points;
+    std::vector<cv::Point> working;
+  } cases[] = {
       {{21, 40}, {}},  // one point: no band
       {{11, 21, 31, 21}, {{5, 10}, {15, 10}}},
       {{20, 20, 61, 21, 60, 61}, {{10, 10}, {30, 10}, {30, 30}}},  // closed by (30,30)-(10,10)
@@ -170,7 +191,8 @@ TEST_F(LabelImage, StrokeBandFollowsTheStrokeAndIsClosed) {
     VELDSEMarker::currentStroke.points = c.points;
     engine.addUnknownRegion();
     cv::Mat expected(40, 40, CV_8UC1, cv::Scalar(LABEL_BG));
-    for (size_t k = 0; k + 1 < c.working.size(); ++k) cv::line(expected, c.working[k], c.working[k + 1], 0, 3, cv::LINE_8);
+    for (size_t k = 0; k + 1 < c.working.size(); ++k)
+      cv::line(expected, c.working[k], c.working[k + 1], 0, 3, cv::LINE_8);
     if (c.working.size() > 2) cv::line(expected, c.working.back(), c.working[0], 0, 3, cv::LINE_8);
     EXPECT_EQ(cv::norm(M(VELDSEMarker::m_labelImage), expected, cv::NORM_INF), 0.0);
     cvReleaseImage(&VELDSEMarker::m_labelImage);
@@ -201,7 +223,8 @@ TEST_F(LabelImage, WorkingBoxCases) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    VELDSEMarker::m_width = c.w, VELDSEMarker::m_height = c.h;
+    VELDSEMarker::m_width = c.w;
+    VELDSEMarker::m_height = c.h;
     g_imageResizeFactor = c.points.size() > 2 ? 2.0f : 1.0f;
     VELDSEMarker::m_labelImage = newImage(c.w, c.h, 1, LABEL_BG);
     at(VELDSEMarker::m_labelImage, 0, c.h - 1) = LABEL_FG;  // never part of a box
@@ -209,7 +232,8 @@ TEST_F(LabelImage, WorkingBoxCases) {
     if (c.strokeType >= 2) at(VELDSEMarker::m_labelImage, 5, 5) = LABEL_UNKNOWN;  // ignored then
     VELDSEMarker::currentStroke = {c.points, c.strokeType};
     engine.computeBoundingBox();
-    EXPECT_EQ(cv::Rect(VELDSEMarker::m_xMinBBox, VELDSEMarker::m_yMinBBox, engine.m_boundWidth, engine.m_boundHeight),
+    EXPECT_EQ(cv::Rect(VELDSEMarker::m_xMinBBox, VELDSEMarker::m_yMinBBox, engine.m_boundWidth,
+                       engine.m_boundHeight),
               cv::Rect(c.boxX, c.boxY, c.boxW, c.boxH));
     EXPECT_EQ(engine.m_areaTenth, c.areaTenth);
     cvReleaseImage(&VELDSEMarker::m_labelImage);
@@ -221,7 +245,10 @@ TEST_F(LabelImage, CropCopiesTheBoxAndLogsAnEmptyOne) {
     SCOPED_TRACE(channels);
     IplImage* image = newImage(30, 20, channels);
     cv::randu(M(image), 0, 256);
-    VELDSEMarker::m_xMinBBox = 7, VELDSEMarker::m_yMinBBox = 4, engine.m_boundWidth = 23, engine.m_boundHeight = 9;
+    VELDSEMarker::m_xMinBBox = 7;
+    VELDSEMarker::m_yMinBBox = 4;
+    engine.m_boundWidth = 23;
+    engine.m_boundHeight = 9;
     IplImage* crop = engine.cropImage(image);
     ASSERT_EQ(crop->nChannels, channels);
     EXPECT_EQ(cv::norm(M(crop), M(image)(cv::Rect(7, 4, 23, 9)), cv::NORM_INF), 0.0);

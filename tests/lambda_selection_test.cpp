@@ -80,15 +80,21 @@ TEST_F(LambdaSelection, TrialsThenChoiceOrFallBack) {
       EXPECT_EQ(cv::countNonZero(M(hybrid->m_cropLabel) != M(hybrid->m_cropLabelInit)), 0);
     }
     hybrid->m_lambda = 21.0;  // later iterations keep the weight
-    EXPECT_TRUE(hybrid->parallelLamdaSwtich(4) == 1 && hybrid->parallelLamdaSwtich(7) == 1 && hybrid->m_lambda == 21.0);
+    EXPECT_TRUE(hybrid->parallelLamdaSwtich(4) == 1 && hybrid->parallelLamdaSwtich(7) == 1 &&
+                hybrid->m_lambda == 21.0);
   }
 
   // On the flat crop every shape but those on the frame has verdict 1.
   // chosen -1: the fall-back.
-  const struct { const char* name; int shapes[3]; int chosen; } cases[] = {
+  const struct {
+    const char* name;
+    int shapes[3];
+    int chosen;
+  } cases[] = {
       {"all verdicts 2: the first trial, not the fall-back", {kTopRow, kTopRow, kFrame}, 0},
       {"a spanning trial with verdict 2 does not count; equal areas keep the lower index",
-       {kFrame, kRing, kRing}, 1},
+       {kFrame, kRing, kRing},
+       1},
       {"the smallest spanning area wins", {kRingAndBlob, kRing, 150}, 1},
       // Blobs above (int)(0.7 * 272) = 190 pixels count beside the 272-pixel ring.
       {"a 190-pixel blob is dropped: equal areas", {1190, kRing, kRing}, 0},
@@ -114,7 +120,8 @@ TEST_F(LambdaSelection, TrialsThenChoiceOrFallBack) {
       EXPECT_EQ(hybrid->parallelLamdaSwtich(3), c.chosen == -1 ? 2 : 1);
       // The chosen candidate exactly (13.513 is not truncated here), or the
       // fall-back weight with the initial labels.
-      EXPECT_EQ(hybrid->m_lambda, c.chosen == -1 ? (isGrey ? 3.0 : 4.0) : static_cast<double>(candidates[isGrey][c.chosen]));
+      EXPECT_EQ(hybrid->m_lambda,
+                c.chosen == -1 ? (isGrey ? 3.0 : 4.0) : static_cast<double>(candidates[isGrey][c.chosen]));
       const IplImage* labels = c.chosen == -1 ? hybrid->m_cropLabelInit : hybrid->m_iterLabel[c.chosen];
       EXPECT_EQ(cv::countNonZero(M(hybrid->m_cropLabel) != M(labels)), 0);
     }
@@ -134,7 +141,8 @@ int referenceIntensity(const IplImage* mask, const IplImage* src) {
         for (int dx = -1; dx <= 1; ++dx) {
           if (dx == 0 && dy == 0) continue;
           const int which = at(mask, x + dx, y + dy) == 255 ? 1 : 0;
-          sums[which] += cv::norm(cv::Vec3d(image.at<cv::Vec3b>(y, x)) - cv::Vec3d(image.at<cv::Vec3b>(y + dy, x + dx)));
+          sums[which] +=
+              cv::norm(cv::Vec3d(image.at<cv::Vec3b>(y, x)) - cv::Vec3d(image.at<cv::Vec3b>(y + dy, x + dx)));
           ++counts[which];
         }
   return sums[0] / counts[0] - sums[1] / counts[1] >= 0.0 ? 1 : 2;
@@ -155,7 +163,8 @@ TEST_F(LambdaSelection, IntensityTestMatchesReferenceOnRandomScenes) {
         const bool inside = std::hypot(x - centre.x, y - centre.y) < 8 + trial % 5;
         if (inside) at(mask, x, y) = 255;
         const int base = inside ? 60 : 60 + trial % 4 * 12, spread = inside ? spreadIn : spreadOut;
-        for (int ch = 0; ch < 3; ++ch) at(src, x, y, ch) = static_cast<unsigned char>(base + noise(rng) % (spread + 1) / 2);
+        for (int ch = 0; ch < 3; ++ch)
+          at(src, x, y, ch) = static_cast<unsigned char>(base + noise(rng) % (spread + 1) / 2);
       }
     const int verdict = hybrid->intensityTest(mask);
     EXPECT_EQ(verdict, referenceIntensity(mask, src));

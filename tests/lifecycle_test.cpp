@@ -17,7 +17,10 @@ class Lifecycle : public ::testing::Test {
     for (size_t i = 0; i < argb.size(); ++i) argb[i] = static_cast<unsigned>(i * 37 % 256) * 0x010101u;
     setSourceImage(64, 48, argb.data());  // a grey photo
   }
-  void TearDown() override { deinitSegmentation(), VELDSEMarker::m_exitApp = false; }
+  void TearDown() override {
+    deinitSegmentation();
+    VELDSEMarker::m_exitApp = false;
+  }
 };
 
 // Start with flags left from an earlier context, reset, then tear down twice.

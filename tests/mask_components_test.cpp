@@ -25,7 +25,8 @@ cv::Mat randomMask(std::mt19937* rng, int w, int h) {
         .setTo(kValues[uni(0, 2)]);
   const long pixels = static_cast<long>(w) * h;
   const int density = uni(0, 60);  // percent of pixels set at random
-  for (long p = pixels * density / 100; p > 0; --p) m.at<unsigned char>(uni(0, h - 1), uni(0, w - 1)) = kValues[uni(0, 2)];
+  for (long p = pixels * density / 100; p > 0; --p)
+    m.at<unsigned char>(uni(0, h - 1), uni(0, w - 1)) = kValues[uni(0, 2)];
   return m;
 }
 
@@ -43,7 +44,8 @@ void expectSameAsFlood(const cv::Mat& m, unsigned char value, std::mt19937* rng)
   EXPECT_EQ(components.largest(), largest);
   for (int y = 0; y < m.rows; ++y)
     for (int x = 0; x < m.cols; ++x)
-      ASSERT_EQ(components.componentAt(x, y), ref.label[static_cast<size_t>(y) * m.cols + x]) << "at " << x << "," << y;
+      ASSERT_EQ(components.componentAt(x, y), ref.label[static_cast<size_t>(y) * m.cols + x])
+          << "at " << x << "," << y;
   for (const cv::Point p : {cv::Point(-1, 0), cv::Point(0, -1), cv::Point(m.cols, 0), cv::Point(0, m.rows)})
     EXPECT_EQ(components.componentAt(p.x, p.y), -1) << p;
 
@@ -51,7 +53,8 @@ void expectSameAsFlood(const cv::Mat& m, unsigned char value, std::mt19937* rng)
   // random choice; each against the same painting done pixel by pixel.
   std::vector<bool> chosen(ref.size.size());
   for (size_t c = 0; c < chosen.size(); ++c) chosen[c] = (*rng)() % 2 == 0;
-  const int limit = ref.size.empty() ? 1 : ref.size[(*rng)() % ref.size.size()] + static_cast<int>((*rng)() % 2);
+  const int limit =
+      ref.size.empty() ? 1 : ref.size[(*rng)() % ref.size.size()] + static_cast<int>((*rng)() % 2);
   const unsigned char paint = static_cast<unsigned char>(value + 1);
   cv::Mat bySize = m.clone(), byChoice = m.clone();
   cv::Mat expectSize = m.clone(), expectChoice = m.clone();
@@ -100,7 +103,8 @@ TEST(MaskComponents, RandomMasksMatchAFloodPerComponent) {
     const int w = uni(1, 70), h = uni(1, 50);
     const cv::Mat m = randomMask(&rng, w, h);
     for (unsigned char value : {0, 127, 255}) {
-      SCOPED_TRACE(testing::Message() << "round " << round << ", " << w << "x" << h << ", value " << int(value));
+      SCOPED_TRACE(testing::Message()
+                   << "round " << round << ", " << w << "x" << h << ", value " << int(value));
       expectSameAsFlood(m, value, &rng);
       if (HasFatalFailure()) return;
     }
@@ -128,8 +132,8 @@ TEST(MaskComponents, MasksWiderThan65535MatchAFloodPerComponent) {
         if (s.height > 2) m(cv::Rect(65530, s.height - 2, 1, 1)).setTo(255);
       }
       for (unsigned char value : {0, 127, 255}) {
-        SCOPED_TRACE(testing::Message() << s.width << "x" << s.height << ", variant " << variant << ", value "
-                                        << int(value));
+        SCOPED_TRACE(testing::Message()
+                     << s.width << "x" << s.height << ", variant " << variant << ", value " << int(value));
         expectSameAsFlood(m, value, &rng);
         if (HasFatalFailure()) return;
       }
@@ -162,7 +166,8 @@ TEST(MaskComponents, SameSetsAsOpenCVFloodFill) {
         if (c < 0 || filled[c]++) continue;
         cv::Mat work = m.clone();
         cv::Rect box;
-        const int area = cv::floodFill(work, cv::Point(x, y), cv::Scalar(value == 255 ? 1 : 2), &box, 0, 0, 4);
+        const int area =
+            cv::floodFill(work, cv::Point(x, y), cv::Scalar(value == 255 ? 1 : 2), &box, 0, 0, 4);
         ASSERT_EQ(area, components.size(c));
         // As many pixels changed in the fill's box as the component has, all
         // of them in the component: the same set.

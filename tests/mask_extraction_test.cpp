@@ -32,14 +32,19 @@ TEST_F(MaskExtraction, ResultIsPostProcessedBeforeRecording) {
   // Working image 14 x 12 (the photo's size), box (2, 2, 10, 8); the label
   // image holds object codes outside the box too: they do not count.
   const cv::Rect box(2, 2, 10, 8);
-  VELDSEMarker::m_originalWidth = 14, VELDSEMarker::m_originalHeight = 12;
+  VELDSEMarker::m_originalWidth = 14;
+  VELDSEMarker::m_originalHeight = 12;
   VELDSEManageUndoRedo::allocate();
-  hybrid_.m_imgWidth = 14, hybrid_.m_imgHeight = 12;
-  VELDSEMarker::m_xMinBBox = box.x, VELDSEMarker::m_yMinBBox = box.y;
-  hybrid_.m_boundWidth = box.width, hybrid_.m_boundHeight = box.height;
+  hybrid_.m_imgWidth = 14;
+  hybrid_.m_imgHeight = 12;
+  VELDSEMarker::m_xMinBBox = box.x;
+  VELDSEMarker::m_yMinBBox = box.y;
+  hybrid_.m_boundWidth = box.width;
+  hybrid_.m_boundHeight = box.height;
   VELDSEMarker::m_labelImage = testsupport::newImage(14, 12);
   for (int y = 0; y < 12; ++y)
-    for (int x = 0; x < 14; ++x) at(VELDSEMarker::m_labelImage, x, y) = static_cast<unsigned char>((x + y) % 5);
+    for (int x = 0; x < 14; ++x)
+      at(VELDSEMarker::m_labelImage, x, y) = static_cast<unsigned char>((x + y) % 5);
   cv::Mat labels = M(VELDSEMarker::m_labelImage).clone();
   // An 8 x 6 object (codes 4 and, in its first row, 2) with a one-pixel hole,
   // and a one-pixel island.

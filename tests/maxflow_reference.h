@@ -15,7 +15,9 @@
 
 namespace maxflow_reference {
 
-struct TerminalCall { int source, sink; };
+struct TerminalCall {
+  int source, sink;
+};
 
 struct GridCase {
   int w = 0, h = 0;
@@ -37,8 +39,8 @@ inline void build(const GridCase& gc, VELDSEGraph* g) {
   g->addNode(n);
   for (int i = 0; i < n; ++i)
     for (int k = 0, a = 4 * i; k < 4; ++k, ++a)
-      g->addEdge(i, earlierNeighbour(gc.w, i, k), static_cast<float>(gc.cap[a]), static_cast<float>(gc.revCap[a]),
-                 gc.absent[a]);
+      g->addEdge(i, earlierNeighbour(gc.w, i, k), static_cast<float>(gc.cap[a]),
+                 static_cast<float>(gc.revCap[a]), gc.absent[a]);
   for (int i = 0; i < n; ++i)
     for (const TerminalCall& t : gc.terminals[i])
       g->addtWeights(i, static_cast<float>(t.source), static_cast<float>(t.sink));
@@ -46,14 +48,20 @@ inline void build(const GridCase& gc, VELDSEGraph* g) {
 
 // An empty grid: every pair absent, no terminal links.
 inline GridCase emptyGrid(int w, int h) {
-  return GridCase{w, h, std::vector<int>(4 * w * h), std::vector<int>(4 * w * h),
-                  std::vector<bool>(4 * w * h, true), std::vector<std::vector<TerminalCall>>(w * h)};
+  return GridCase{w,
+                  h,
+                  std::vector<int>(4 * w * h),
+                  std::vector<int>(4 * w * h),
+                  std::vector<bool>(4 * w * h, true),
+                  std::vector<std::vector<TerminalCall>>(w * h)};
 }
 
 // Sets the edge between i and its earlier neighbour in pair k.
 inline void setEdge(GridCase* gc, int i, int k, int cap, int revCap) {
   ASSERT_GE(earlierNeighbour(gc->w, i, k), 0);
-  gc->cap[4 * i + k] = cap, gc->revCap[4 * i + k] = revCap, gc->absent[4 * i + k] = false;
+  gc->cap[4 * i + k] = cap;
+  gc->revCap[4 * i + k] = revCap;
+  gc->absent[4 * i + k] = false;
 }
 
 // Every pair present with capacity cap both ways.
@@ -77,7 +85,8 @@ inline GridCase randomGrid(std::mt19937* rng, int w, int h) {
       setEdge(&gc, i, k, cap, uni(1, 100) <= zeroPct ? 0 : uni(1, capMax));
     }
     if (uni(1, 100) > terminalPct) continue;
-    for (int c = uni(1, 2); c > 0; --c) gc.terminals[i].push_back({uni(-5, terminalMax), uni(-5, terminalMax)});
+    for (int c = uni(1, 2); c > 0; --c)
+      gc.terminals[i].push_back({uni(-5, terminalMax), uni(-5, terminalMax)});
   }
   return gc;
 }
@@ -130,7 +139,10 @@ struct Dinic {
     return 0;
   }
 
-  struct Arc { int to; int64_t res; };
+  struct Arc {
+    int to;
+    int64_t res;
+  };
   std::vector<Arc> arcs;  // arc a^1 is the reverse of arc a
   std::vector<std::vector<int>> adj;
   std::vector<int> level, it;
@@ -149,7 +161,8 @@ inline Reference solveReference(const GridCase& gc) {
   int64_t common = 0;
   for (int i = 0; i < n; ++i) {
     for (int k = 0; k < 4; ++k)
-      if (!gc.absent[4 * i + k]) d.addArcPair(i, earlierNeighbour(gc.w, i, k), gc.cap[4 * i + k], gc.revCap[4 * i + k]);
+      if (!gc.absent[4 * i + k])
+        d.addArcPair(i, earlierNeighbour(gc.w, i, k), gc.cap[4 * i + k], gc.revCap[4 * i + k]);
     int64_t src = 0, snk = 0;
     for (const TerminalCall& c : gc.terminals[i]) src += c.source, snk += c.sink;
     const int64_t both = std::min(src, snk);

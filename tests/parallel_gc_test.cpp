@@ -13,16 +13,19 @@ namespace {
 using maxflow_reference::GridCase;
 
 TEST(ParallelGCBlocks, ShapesForOneToSixteenThreads) {
-  const struct { int n, cols, rows; } rows[] = {
-      {1, 1, 1}, {2, 2, 1}, {3, 3, 1}, {4, 2, 2}, {5, 1, 5}, {6, 3, 2}, {7, 1, 7}, {8, 4, 2},
-      {9, 3, 3}, {10, 5, 2}, {11, 1, 11}, {12, 4, 3}, {13, 1, 13}, {14, 2, 7}, {15, 5, 3}, {16, 4, 4}};
+  const struct {
+    int n, cols, rows;
+  } rows[] = {{1, 1, 1},   {2, 2, 1},  {3, 3, 1},  {4, 2, 2},  {5, 1, 5},   {6, 3, 2},
+              {7, 1, 7},   {8, 4, 2},  {9, 3, 3},  {10, 5, 2}, {11, 1, 11}, {12, 4, 3},
+              {13, 1, 13}, {14, 2, 7}, {15, 5, 3}, {16, 4, 4}};
   VELDSEGraph g(101 * 61, 8 * 101 * 61, 101, 61, 0);
   g.addNode(101 * 61);
   for (const auto& r : rows) {
     SCOPED_TRACE(r.n);
     ParallelGC pgc(&g, r.n);
     EXPECT_EQ(cv::Size(pgc.m_blockCols, pgc.m_blockRows), cv::Size(r.cols, r.rows));
-    EXPECT_EQ(cv::Size(pgc.m_blockWidth, pgc.m_blockHeight), cv::Size((101 + r.cols - 1) / r.cols, (61 + r.rows - 1) / r.rows));
+    EXPECT_EQ(cv::Size(pgc.m_blockWidth, pgc.m_blockHeight),
+              cv::Size((101 + r.cols - 1) / r.cols, (61 + r.rows - 1) / r.rows));
     for (int k = 0; k < r.n; ++k) {
       const VELDSEGraph* v = pgc.m_blockGraphs[k];
       EXPECT_EQ(v->m_blockRow * r.cols + v->m_blockCol, k);
@@ -79,7 +82,8 @@ VELDSEColorModel randomModel(std::mt19937* rng) {
     double a[9];
     for (double& v : a) v = 20.0 * (u(*rng) - 0.5);
     for (int e = 0; e < 9; ++e)
-      m.covariance[k][e] = 0.5 * (a[e] + a[3 * (e % 3) + e / 3]) + (e % 4 == 0 ? 2000.0 + 3000.0 * u(*rng) : 0.0);
+      m.covariance[k][e] =
+          0.5 * (a[e] + a[3 * (e % 3) + e / 3]) + (e % 4 == 0 ? 2000.0 + 3000.0 * u(*rng) : 0.0);
   }
   m.setDeterminant();
   m.setInverseCovariance();
@@ -120,19 +124,26 @@ TEST(ParallelGCTerminalLinks, MatchTheSerialLoopForEveryBlockShape) {
     const double p = fg.GMMProb(pixelVal{{double(px[0]), double(px[1]), double(px[2])}});
     EXPECT_NEAR(mixtureDensity(fg, px), p, 1e-4 * p);
   }
-  const struct { int threads, sinkCode, sourceCode; } rows[] = {{2, 1, 2}, {3, 1, 2}, {4, 3, 4}, {6, 2, 1}, {12, 3, 3}};
+  const struct {
+    int threads, sinkCode, sourceCode;
+  } rows[] = {{2, 1, 2}, {3, 1, 2}, {4, 3, 4}, {6, 2, 1}, {12, 3, 3}};
   for (const auto& r : rows) {
     SCOPED_TRACE(r.threads);
     VELDSEGraph expected(n, 8 * n, w, h, 0), g(n, 8 * n, w, h, r.threads);
-    expected.addNode(n), g.addNode(n);
+    expected.addNode(n);
+    g.addNode(n);
     ParallelGC pgc(&g, r.threads);
     for (int round = 0; round < 2; ++round) {  // the second round accumulates on the first
       SCOPED_TRACE(round);
       const float K = 1000.0f + round;
       for (int i = 0; i < n; ++i) {
-        if (labels.data[i] == r.sourceCode) expected.addtWeights(i, K, 0.0f);
-        else if (labels.data[i] == r.sinkCode) expected.addtWeights(i, 0.0f, K);
-        else expected.addtWeights(i, -logf(mixtureDensity(bg, img.data + 3 * i)), -logf(mixtureDensity(fg, img.data + 3 * i)));
+        if (labels.data[i] == r.sourceCode)
+          expected.addtWeights(i, K, 0.0f);
+        else if (labels.data[i] == r.sinkCode)
+          expected.addtWeights(i, 0.0f, K);
+        else
+          expected.addtWeights(i, -logf(mixtureDensity(bg, img.data + 3 * i)),
+                               -logf(mixtureDensity(fg, img.data + 3 * i)));
       }
       pgc.ComputeGMMProbsParallely(&img, &labels, K, r.sinkCode, r.sourceCode, &fg, &bg, &g);
       int wrong = 0, first = -1;

@@ -13,7 +13,8 @@ using testsupport::at;
 
 using ImagePtr = std::unique_ptr<IplImage, void (*)(IplImage*)>;
 ImagePtr makeImage(int rows, int cols, int channels, int value = 0) {
-  return ImagePtr(testsupport::newImage(cols, rows, channels, value), [](IplImage* p) { cvReleaseImage(&p); });
+  return ImagePtr(testsupport::newImage(cols, rows, channels, value),
+                  [](IplImage* p) { cvReleaseImage(&p); });
 }
 ImagePtr randomImage(int rows, int cols, int channels, int maxValue, std::mt19937& rng) {
   ImagePtr img = makeImage(rows, cols, channels);
@@ -38,7 +39,8 @@ TEST(FindParentInfo, NodeRecordIs152Bytes) { EXPECT_EQ(sizeof(Node_), 152u); }
 
 // Checks parents against Bellman-Ford distances; the exact comparisons use the
 // search's own step costs so that rounding is identical.
-void checkAgainstReference(IplImage* src, IplImage* label, int sr, int sc, double alpha, const std::vector<int>& parent) {
+void checkAgainstReference(IplImage* src, IplImage* label, int sr, int sc, double alpha,
+                           const std::vector<int>& parent) {
   const int rows = src->height, cols = src->width, n = rows * cols;
   std::vector<double> ref(n, HUGE_VAL);
   ref[sr * cols + sc] = 0.0;
@@ -51,7 +53,10 @@ void checkAgainstReference(IplImage* src, IplImage* label, int sr, int sc, doubl
           if ((!dr && !dc) || r < 0 || c < 0 || r >= rows || c >= cols) continue;
           if (label && crosses(at(label, c, r), at(label, v % cols, v / cols))) continue;
           const double alt = ref[r * cols + c] + refCost(src, r, c, v / cols, v % cols, alpha);
-          if (alt < ref[v]) ref[v] = alt, changed = true;
+          if (alt < ref[v]) {
+            ref[v] = alt;
+            changed = true;
+          }
         }
   }
   // The search's own step costs; a wrong cost shows as a distance off the reference.
@@ -61,7 +66,8 @@ void checkAgainstReference(IplImage* src, IplImage* label, int sr, int sc, doubl
     assign_weight(src, label, node[v], v / cols, v % cols, alpha);
   }
   auto cost = [&](int from, int to) {
-    for (const Node_::Neighbour& nb : node[from].neighbours) if (nb.index == to) return nb.cost;
+    for (const Node_::Neighbour& nb : node[from].neighbours)
+      if (nb.index == to) return nb.cost;
     ADD_FAILURE() << to << " is no neighbour of " << from;
     return DBL_MAX;
   };
@@ -73,7 +79,9 @@ void checkAgainstReference(IplImage* src, IplImage* label, int sr, int sc, doubl
   ASSERT_EQ(parent[sr * cols + sc], sr * cols + sc);
   for (int v = 0; v < n; ++v) {
     ASSERT_EQ(parent[v] == -1, ref[v] == HUGE_VAL) << v;
-    if (parent[v] != -1) { EXPECT_NEAR(chain(v), ref[v], 1e-9 * (1 + ref[v])) << v; }
+    if (parent[v] != -1) {
+      EXPECT_NEAR(chain(v), ref[v], 1e-9 * (1 + ref[v])) << v;
+    }
   }
   for (int v = 0; v < n; ++v) {
     if (parent[v] == -1 || parent[v] == v) continue;
@@ -83,20 +91,28 @@ void checkAgainstReference(IplImage* src, IplImage* label, int sr, int sc, doubl
       EXPECT_GE(alt, dist[v]) << nb.index << " -> " << v;
       // A neighbour settled before the parent that offers the same cost would
       // have been the parent: ties keep the earlier one.
-      if (dist[nb.index] < dist[parent[v]]) { EXPECT_GT(alt, dist[v]) << nb.index << " -> " << v; }
+      if (dist[nb.index] < dist[parent[v]]) {
+        EXPECT_GT(alt, dist[v]) << nb.index << " -> " << v;
+      }
     }
   }
 }
 
 TEST(FindParentInfo, MatchesIndependentShortestPaths) {
-  struct Case { int rows, cols; double alpha; bool labelled; int maxColour; };
+  struct Case {
+    int rows, cols;
+    double alpha;
+    bool labelled;
+    int maxColour;
+  };
   const Case cases[] = {{1, 1, 0.5, false, 255}, {1, 7, 0.3, true, 255}, {6, 1, 0.0, false, 255},
-                        {5, 5, 1.0, true, 3},    {7, 9, 0.0, true, 2},    {10, 12, 0.3, true, 255},
-                        {12, 10, 0.7, false, 4}, {9, 11, 1.0, false, 0},  {4, 5, 0.25, true, 255}};
+                        {5, 5, 1.0, true, 3},    {7, 9, 0.0, true, 2},   {10, 12, 0.3, true, 255},
+                        {12, 10, 0.7, false, 4}, {9, 11, 1.0, false, 0}, {4, 5, 0.25, true, 255}};
   std::mt19937 rng(11);
   for (const Case& t : cases) {
     for (int trial = 0; trial < 3; ++trial) {
-      SCOPED_TRACE(testing::Message() << t.rows << "x" << t.cols << " alpha " << t.alpha << " trial " << trial);
+      SCOPED_TRACE(testing::Message()
+                   << t.rows << "x" << t.cols << " alpha " << t.alpha << " trial " << trial);
       ImagePtr src = randomImage(t.rows, t.cols, 3, t.maxColour, rng);
       ImagePtr label = randomImage(t.rows, t.cols, 1, 4, rng);
       const int sr = rng() % t.rows, sc = rng() % t.cols;
@@ -129,9 +145,11 @@ TEST(FindParentInfo, SeedIsTheFlatIndex) {
   const int rows = 4, cols = 5;
   std::mt19937 rng(5);
   ImagePtr src = randomImage(rows, cols, 3, 255, rng);
-  struct Case { int r, c, flat; };  // flat -1: outside the image
-  const Case cases[] = {{0, cols, 5},   {1, -1, 4},   {0, 2 * cols + 1, 11}, {3, 4, 19},
-                        {rows, 0, -1}, {3, cols, -1}, {0, -1, -1},          {1 << 30, 1 << 30, -1}};
+  struct Case {
+    int r, c, flat;
+  };  // flat -1: outside the image
+  const Case cases[] = {{0, cols, 5},  {1, -1, 4},    {0, 2 * cols + 1, 11}, {3, 4, 19},
+                        {rows, 0, -1}, {3, cols, -1}, {0, -1, -1},           {1 << 30, 1 << 30, -1}};
   for (const Case& t : cases) {
     SCOPED_TRACE(testing::Message() << "seed (" << t.r << ", " << t.c << ")");
     ImagePtr out = makeImage(rows, cols, 1, 77);
@@ -149,8 +167,8 @@ TEST(FindParentInfo, SeedIsTheFlatIndex) {
       continue;
     }
     EXPECT_TRUE(parent.empty());
-    const std::string line = "E/Error: find_parent_info: seed (" + std::to_string(t.r) + ", " + std::to_string(t.c) +
-                             ") outside the 5 x 4 image";
+    const std::string line = "E/Error: find_parent_info: seed (" + std::to_string(t.r) + ", " +
+                             std::to_string(t.c) + ") outside the 5 x 4 image";
     EXPECT_EQ(log, testsupport::Lines(2, line));
     for (int v = 0; v < rows * cols; ++v) EXPECT_EQ(at(out.get(), v % cols, v / cols), 77) << v;
   }

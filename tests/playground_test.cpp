@@ -53,16 +53,20 @@ class PlaygroundServer : public ::testing::Test {
     thread_ = new std::thread([] { server_->listen(); });
   }
   static void TearDownTestSuite() {
-    server_->stop(), thread_->join();
+    server_->stop();
+    thread_->join();
     delete thread_;
     delete server_;
   }
   // Each case starts from a fresh context on the coffee photo.
-  void SetUp() override { ASSERT_EQ(post("/api/photo?name=coffee.png", readFile(kPhoto), "image/png").first, 200); }
+  void SetUp() override {
+    ASSERT_EQ(post("/api/photo?name=coffee.png", readFile(kPhoto), "image/png").first, 200);
+  }
 
   static std::unique_ptr<httplib::Client> client() {
     auto c = std::make_unique<httplib::Client>("127.0.0.1", port_);
-    c->set_read_timeout(120), c->set_write_timeout(120);
+    c->set_read_timeout(120);
+    c->set_write_timeout(120);
     return c;
   }
   static std::pair<int, std::string> post(const std::string& path, const std::string& body,
@@ -132,10 +136,17 @@ TEST_F(PlaygroundServer, HistoryFlagsFollowRequests) {
   const std::string bgStroke = R"({"points":[[200,200],[300,210]],"object":false,"width":12})";
   const std::string editStroke = R"({"points":[[150,250],[200,250]],"object":false,"width":10,"edit":true})";
   // One recorded mask leaves canUndo false (undo would go back to the photo).
-  const struct { const char* path; std::string body; bool canUndo, canRedo, hasMask; } steps[] = {
-      {"/api/rect", kRect, false, false, true},   {"/api/stroke", bgStroke, true, false, true},
-      {"/api/undo", "", false, true, true},       {"/api/redo", "", true, false, true},
-      {"/api/stroke", editStroke, true, false, true}, {"/api/undo", "", true, true, true},
+  const struct {
+    const char* path;
+    std::string body;
+    bool canUndo, canRedo, hasMask;
+  } steps[] = {
+      {"/api/rect", kRect, false, false, true},
+      {"/api/stroke", bgStroke, true, false, true},
+      {"/api/undo", "", false, true, true},
+      {"/api/redo", "", true, false, true},
+      {"/api/stroke", editStroke, true, false, true},
+      {"/api/undo", "", true, true, true},
       {"/api/reset", "", false, false, false},
       {"/api/loop", R"({"points":[[70,60],[480,60],[480,390],[70,390]]})", false, false, true},
   };
@@ -213,13 +224,16 @@ TEST_F(PlaygroundServer, CancelledStrokeKeepsTheMaskAndTheHistory) {
   const cv::Mat previewBefore = getImage("/api/preview.png");
 
   std::pair<int, std::string> cancel;
-  const json r = cancelWhileRunning("/api/stroke", R"({"points":[[100,100],[500,300]],"object":true,"width":30})", &cancel);
+  const json r = cancelWhileRunning("/api/stroke",
+                                    R"({"points":[[100,100],[500,300]],"object":true,"width":30})", &cancel);
   EXPECT_EQ(cancel.first, 200) << cancel.second;
   ASSERT_TRUE(r.value("cancelled", false)) << r.dump();
   EXPECT_NE(r.value("message", "").find("history are kept"), std::string::npos) << r.dump();
   const json after = r["state"];
-  EXPECT_EQ(std::make_tuple(after["hasMask"], after["canUndo"], after["canRedo"], after["objectPixels"], after["version"]),
-            std::make_tuple(shown["hasMask"], shown["canUndo"], shown["canRedo"], shown["objectPixels"], shown["version"]));
+  EXPECT_EQ(std::make_tuple(after["hasMask"], after["canUndo"], after["canRedo"], after["objectPixels"],
+                            after["version"]),
+            std::make_tuple(shown["hasMask"], shown["canUndo"], shown["canRedo"], shown["objectPixels"],
+                            shown["version"]));
   EXPECT_EQ(cv::norm(getImage("/api/mask.png"), maskBefore, cv::NORM_INF), 0.0);
   EXPECT_EQ(cv::norm(getImage("/api/preview.png"), previewBefore, cv::NORM_INF), 0.0);
   // The redo step is still the loop's mask, and cuts work again (the cancel
@@ -268,13 +282,15 @@ TEST_F(PlaygroundServer, AStalePageIsToldToReload) {
   const json s = state();
   const std::string view = s["photoId"].get<std::string>() + "." + std::to_string(s["version"].get<long>());
   const json r = postJson("/api/rect?view=" + view, kRect);
-  const std::string newView = view.substr(0, view.find('.') + 1) + std::to_string(r["state"]["version"].get<long>());
+  const std::string newView =
+      view.substr(0, view.find('.') + 1) + std::to_string(r["state"]["version"].get<long>());
   // Another page still showing the photo before that rectangle, and a page of
   // another photo (or of the server before a restart), are refused.
-  for (const std::string& old : {view, std::string("1-1.") + std::to_string(r["state"]["version"].get<long>())}) {
+  for (const std::string& old :
+       {view, std::string("1-1.") + std::to_string(r["state"]["version"].get<long>())}) {
     for (const char* path : {"/api/loop", "/api/undo", "/api/reset"}) {
-      const json refused = postJson(std::string(path) + "?view=" + old,
-                                    R"({"points":[[70,60],[480,60],[480,390]]})", 409);
+      const json refused =
+          postJson(std::string(path) + "?view=" + old, R"({"points":[[70,60],[480,60],[480,390]]})", 409);
       EXPECT_TRUE(refused.value("stale", false)) << path << refused.dump();
       EXPECT_NE(refused.value("error", "").find("Reload the page"), std::string::npos);
     }
@@ -285,9 +301,10 @@ TEST_F(PlaygroundServer, AStalePageIsToldToReload) {
 
 TEST_F(PlaygroundServer, TransparentPhotoIsCompositedOnWhite) {
   cv::Mat rgba(40, 60, CV_8UC4, cv::Scalar(0, 0, 200, 255));
-  rgba(cv::Rect(0, 0, 30, 40)).setTo(cv::Scalar(0, 0, 0, 0));      // transparent black
+  rgba(cv::Rect(0, 0, 30, 40)).setTo(cv::Scalar(0, 0, 0, 0));       // transparent black
   rgba(cv::Rect(30, 0, 10, 40)).setTo(cv::Scalar(100, 0, 0, 128));  // half-transparent blue
-  const json r = json::parse(post("/api/photo?name=t.png", encode(rgba, ".png"), "image/png").second, nullptr, false);
+  const json r =
+      json::parse(post("/api/photo?name=t.png", encode(rgba, ".png"), "image/png").second, nullptr, false);
   ASSERT_TRUE(r["state"]["onWhite"].get<bool>()) << r.dump();
   const cv::Mat preview = getImage("/api/preview.png");
   ASSERT_EQ(preview.size(), cv::Size(60, 40));
@@ -297,7 +314,8 @@ TEST_F(PlaygroundServer, TransparentPhotoIsCompositedOnWhite) {
   EXPECT_EQ(preview.at<cv::Vec3b>(5, 50), cv::Vec3b(0, 0, 200));
   // An opaque four-channel file is not marked.
   cv::Mat opaque(40, 60, CV_8UC4, cv::Scalar(10, 20, 30, 255));
-  EXPECT_FALSE(json::parse(post("/api/photo", encode(opaque, ".png"), "image/png").second)["state"]["onWhite"].get<bool>());
+  EXPECT_FALSE(json::parse(post("/api/photo", encode(opaque, ".png"), "image/png").second)["state"]["onWhite"]
+                   .get<bool>());
 }
 
 TEST(PlaygroundDecode, GreyAlphaAndSixteenBitFiles) {
@@ -317,18 +335,24 @@ TEST(PlaygroundDecode, GreyAlphaAndSixteenBitFiles) {
 }
 
 TEST_F(PlaygroundServer, BadInputIsRefusedAndThePhotoStays) {
-  const json edit = postJson("/api/stroke", R"({"points":[[10,10],[40,10]],"object":true,"width":5,"edit":true})", 409);
+  const json edit =
+      postJson("/api/stroke", R"({"points":[[10,10],[40,10]],"object":true,"width":5,"edit":true})", 409);
   EXPECT_NE(edit.value("error", "").find("no mask"), std::string::npos) << edit.dump();
   ASSERT_TRUE(postJson("/api/rect", kRect)["delivered"].get<bool>());
   const json before = state();
   const std::string js = "application/json";
-  const struct { std::string path, body, type; int status; const char* message; } cases[] = {
+  const struct {
+    std::string path, body, type;
+    int status;
+    const char* message;
+  } cases[] = {
       {"/api/photo", "hello, not an image", "text/plain", 415, "not a PNG or JPEG"},
       {"/api/photo", "", "image/png", 400, "empty"},
       {"/api/photo", pngHeader(0, 0), "image/png", 400, "no pixels"},
       {"/api/photo", pngHeader(10000, 7000), "image/png", 413, "60 megapixels"},
       {"/api/photo", readFile(kPhoto).substr(0, 200), "image/png", 400, "decoded"},
-      {"/api/photo", encode(cv::Mat(8, 8, CV_8UC3, cv::Scalar::all(90)), ".jpg"), "image/jpeg", 400, "at least 16x16"},
+      {"/api/photo", encode(cv::Mat(8, 8, CV_8UC3, cv::Scalar::all(90)), ".jpg"), "image/jpeg", 400,
+       "at least 16x16"},
       {"/api/photo", std::string((size_t{64} << 20) + 1, 'x'), "image/png", 413, "too large"},
       {"/api/rect", R"({"x1":10,"y1":10,"x2":600,"y2":300})", js, 400, "outside"},
       {"/api/rect", R"({"x1":"a","y1":10,"x2":100})", js, 400, "whole numbers"},
@@ -344,7 +368,8 @@ TEST_F(PlaygroundServer, BadInputIsRefusedAndThePhotoStays) {
     SCOPED_TRACE(c.path + " " + c.body.substr(0, 40));
     const auto r = post(c.path, c.body, c.type);
     EXPECT_EQ(r.first, c.status) << r.second;
-    EXPECT_NE(json::parse(r.second, nullptr, false).value("error", "").find(c.message), std::string::npos) << r.second;
+    EXPECT_NE(json::parse(r.second, nullptr, false).value("error", "").find(c.message), std::string::npos)
+        << r.second;
   }
   const json after = state();
   EXPECT_EQ(after["version"], before["version"]);

@@ -89,15 +89,35 @@ TEST_F(PostProcessTest, LoopCleanUpMatchesOneFloodPerComponent) {
 }
 
 TEST_F(PostProcessTest, StrokeKeepsOnlyChangesConnectedToIt) {
-  const struct { const char* name; int type; const char *prev, *mask, *expected; std::vector<int> points; } cases[] = {
-      {"object stroke: touched addition stays, others revert", 2, "##......../##......../........../..........",
-       "####....##/#.##....##/........../......#...", "####....../####....../........../..........", {2, 0, 3, 1}},
-      {"object stroke on unchanged pixels changes nothing", 2, "##......../##......../........../..........",
-       "####....##/####....##/........../..........", "##......../##......../........../..........", {0, 0, 5, 3}},
-      {"diagonal contact is not connected", 2, "........../........../........../..........",
-       "##......../##......../..##....../..##......", "##......../##......../........../..........", {0, 0}},
-      {"background stroke keeps the touched removal", 3, "##########/##########/##########/##########",
-       "###...####/###...####/##########/#.#######.", "###...####/###...####/##########/##########",
+  const struct {
+    const char* name;
+    int type;
+    const char *prev, *mask, *expected;
+    std::vector<int> points;
+  } cases[] = {
+      {"object stroke: touched addition stays, others revert",
+       2,
+       "##......../##......../........../..........",
+       "####....##/#.##....##/........../......#...",
+       "####....../####....../........../..........",
+       {2, 0, 3, 1}},
+      {"object stroke on unchanged pixels changes nothing",
+       2,
+       "##......../##......../........../..........",
+       "####....##/####....##/........../..........",
+       "##......../##......../........../..........",
+       {0, 0, 5, 3}},
+      {"diagonal contact is not connected",
+       2,
+       "........../........../........../..........",
+       "##......../##......../..##....../..##......",
+       "##......../##......../........../..........",
+       {0, 0}},
+      {"background stroke keeps the touched removal",
+       3,
+       "##########/##########/##########/##########",
+       "###...####/###...####/##########/#.#######.",
+       "###...####/###...####/##########/##########",
        {4, 1, 4, 1, 5}},  // odd count: the last value is no point
   };
   for (const auto& tc : cases) {
@@ -134,7 +154,8 @@ TEST_F(PostProcessTest, MasksWiderThan65535FollowTrueComponents) {
         if (uni(0, 2) > 0) m(r).setTo(255);
         x += run;
       }
-      for (int p = uni(0, 2000); p > 0; --p) m.at<unsigned char>(uni(0, s.height - 1), uni(0, s.width - 1)) ^= 255;
+      for (int p = uni(0, 2000); p > 0; --p)
+        m.at<unsigned char>(uni(0, s.height - 1), uni(0, s.width - 1)) ^= 255;
       return m;
     };
 
@@ -144,7 +165,8 @@ TEST_F(PostProcessTest, MasksWiderThan65535FollowTrueComponents) {
       const cv::Mat m = randomMask();
       cv::Mat expected = m.clone();
       const flood_reference::Labels objects = flood_reference::flood(expected, 255);
-      const int largest = objects.size.empty() ? 0 : *std::max_element(objects.size.begin(), objects.size.end());
+      const int largest =
+          objects.size.empty() ? 0 : *std::max_element(objects.size.begin(), objects.size.end());
       const int threshold = static_cast<int>(largest * 0.1);
       for (size_t p = 0; p < objects.label.size(); ++p)
         if (objects.label[p] >= 0 && objects.size[objects.label[p]] < threshold) expected.data[p] = 0;
@@ -176,7 +198,8 @@ TEST_F(PostProcessTest, MasksWiderThan65535FollowTrueComponents) {
       }
       // And one point on a change past position 65,535, where a wrapped
       // flood would go wrong.
-      for (size_t p = 65536 * static_cast<size_t>(s.width >= s.height ? 1 : s.width); p < areas.label.size(); ++p) {
+      for (size_t p = 65536 * static_cast<size_t>(s.width >= s.height ? 1 : s.width); p < areas.label.size();
+           ++p) {
         if (areas.label[p] < 0 || p % s.width < (s.width >= s.height ? 65536u : 0u)) continue;
         points.insert(points.end(), {static_cast<int>(p % s.width), static_cast<int>(p / s.width)});
         touched[areas.label[p]] = true;
@@ -218,8 +241,10 @@ TEST_F(PostProcessTest, MergeKeepsOnlyTheRequestedDirectionInsideTheRegion) {
   // Previous result: columns 0..24. New mask: the square (4..33, 4..33) with
   // a 3 x 3 hole at (14, 12), and a 35-pixel island in the bottom-right corner.
   g_imageResizeFactor = 2.25f;
-  hybrid_.m_imgWidth = 20, hybrid_.m_imgHeight = 16;
-  VELDSEMarker::m_xMinBBox = 4, VELDSEMarker::m_yMinBBox = 3;
+  hybrid_.m_imgWidth = 20;
+  hybrid_.m_imgHeight = 16;
+  VELDSEMarker::m_xMinBBox = 4;
+  VELDSEMarker::m_yMinBBox = 3;
   // Object rectangles of the result. Adding types: the square's part right of
   // the previous result and inside the region (the loop drops the island; the
   // stroke at (30, 20) keeps only the part it touches). Type 1 removes inside
@@ -227,7 +252,10 @@ TEST_F(PostProcessTest, MergeKeepsOnlyTheRequestedDirectionInsideTheRegion) {
   // touches no removal, so nothing changes.
   const std::vector<cv::Rect> grown = {{0, 0, 25, 37}, {25, 6, 9, 28}};
   const std::vector<cv::Rect> cases[4] = {
-      grown, {{0, 0, 9, 37}, {9, 0, 16, 12}, {9, 12, 5, 3}, {17, 12, 8, 3}, {9, 15, 16, 19}}, grown, {{0, 0, 25, 37}}};
+      grown,
+      {{0, 0, 9, 37}, {9, 0, 16, 12}, {9, 12, 5, 3}, {17, 12, 8, 3}, {9, 15, 16, 19}},
+      grown,
+      {{0, 0, 25, 37}}};
   for (int type : {0, 1, 2, 3}) {
     SCOPED_TRACE(type);
     VELDSEMarker::currentStroke = {{12, 10, 30, 20, 8, 30}, type};
@@ -244,7 +272,8 @@ TEST_F(PostProcessTest, MergeKeepsOnlyTheRequestedDirectionInsideTheRegion) {
     cvReleaseImage(&VELDSEMarker::m_prevResult);
   }
   // An empty region: the mask reverts to the previous result.
-  hybrid_.m_imgWidth = 10, hybrid_.m_imgHeight = 0;
+  hybrid_.m_imgWidth = 10;
+  hybrid_.m_imgHeight = 0;
   VELDSEMarker::currentStroke.strokeType = 1;
   VELDSEMarker::m_prevResult = maskFromRows("##../##..");
   IplImage* mask = maskFromRows("..../####");

@@ -16,7 +16,11 @@ using synthetic::Scene;
 
 class Requests : public ::testing::Test {
  protected:
-  void TearDown() override { deinitSegmentation(), VELDSEMarker::m_exitApp = false, g_exitStatus = 0; }
+  void TearDown() override {
+    deinitSegmentation();
+    VELDSEMarker::m_exitApp = false;
+    g_exitStatus = 0;
+  }
   static void expectTornDown() {
     EXPECT_TRUE(pHybrid == nullptr && VELDSEMarker::m_originalImage == nullptr &&
                 VELDSEMarker::m_srcImage == nullptr && VELDSEManageUndoRedo::m_bitPlane == nullptr &&
@@ -25,7 +29,10 @@ class Requests : public ::testing::Test {
 };
 
 TEST_F(Requests, RectangleAndStrokesRecoverTheObject) {
-  struct Case { int w, h; bool grey; } cases[] = {{240, 180, false}, {240, 180, true}, {960, 720, false}};
+  struct Case {
+    int w, h;
+    bool grey;
+  } cases[] = {{240, 180, false}, {240, 180, true}, {960, 720, false}};
   for (const Case& c : cases) {
     // Emulated, the large photo comes close to the 10 s cut limit on a busy machine.
     if (c.w > 240 && synthetic::emulated()) continue;
@@ -36,7 +43,9 @@ TEST_F(Requests, RectangleAndStrokesRecoverTheObject) {
     cv::Mat disc = cv::Mat::zeros(c.h, c.w, CV_8U);
     cv::circle(disc, cv::Point(cx, cy), r, cv::Scalar(255), cv::FILLED);
     // Rectangle round the disc only (the square stays outside).
-    ASSERT_EQ(doSegmentationBB(c.w, c.h, s.argb.data(), cx - r - m, cy - r - m, cx + r + m, cy + r + m, mask.data()), 0);
+    ASSERT_EQ(doSegmentationBB(c.w, c.h, s.argb.data(), cx - r - m, cy - r - m, cx + r + m, cy + r + m,
+                               mask.data()),
+              0);
     EXPECT_GT(iou(mask, disc), 0.93);
     // An object stroke across the square only adds; a background one only
     // removes. The stroke's marker codes are painted along its polyline.
@@ -52,7 +61,10 @@ TEST_F(Requests, RectangleAndStrokesRecoverTheObject) {
       Pixels blended = s.argb;
       ASSERT_EQ(processSegment(0, 0, 0, blended.data(), mask.data()), 0);
       int added = 0, removed = 0;
-      for (size_t i = 0; i < mask.size(); ++i) added += before[i] != 0 && mask[i] == 0, removed += before[i] == 0 && mask[i] != 0;
+      for (size_t i = 0; i < mask.size(); ++i) {
+        added += before[i] != 0 && mask[i] == 0;
+        removed += before[i] == 0 && mask[i] != 0;
+      }
       EXPECT_EQ(code == LABEL_FG ? removed : added, 0);
       EXPECT_GT(code == LABEL_FG ? added : removed, side * side / 2);
       EXPECT_GT(iou(mask, code == LABEL_FG ? s.truth : disc), 0.93);
@@ -113,7 +125,8 @@ TEST_F(Requests, RectanglePointListAndMarkerBlock) {
   for (unsigned int& p : photo) p = 0xFF000000u | (rng() & 0x00FFFFFFu) | 0x010101u;
   Bytes mask(40 * 40, 77);
   ASSERT_EQ(doSegmentationBB(40, 40, photo.data(), 10, 20, 13, 22, mask.data()), 0);
-  const std::vector<int> expected = {10, 20, 11, 20, 12, 20, 13, 20, 13, 21, 13, 22, 12, 22, 11, 22, 10, 22, 10, 21};
+  const std::vector<int> expected = {10, 20, 11, 20, 12, 20, 13, 20, 13, 21,
+                                     13, 22, 12, 22, 11, 22, 10, 22, 10, 21};
   EXPECT_EQ(VELDSEMarker::currentStroke.points, expected);
   // Inside the block the labels are cut to 3 or 4; beyond the band
   // (thickness 3, round ends) everything is background.
@@ -122,8 +135,12 @@ TEST_F(Requests, RectanglePointListAndMarkerBlock) {
       SCOPED_TRACE(::testing::Message() << x << "," << y);
       const int code = testsupport::at(VELDSEMarker::m_labelImage, x, y);
       const int dx = x < 10 ? 10 - x : x > 13 ? x - 13 : 0, dy = y < 20 ? 20 - y : y > 22 ? y - 22 : 0;
-      if (dx == 0 && dy == 0) { EXPECT_TRUE(code == LABEL_PR_BG || code == LABEL_PR_FG); }
-      if (dx >= 3 || dy >= 3) { EXPECT_TRUE(code == LABEL_BG && mask[y * 40 + x] == 255); }
+      if (dx == 0 && dy == 0) {
+        EXPECT_TRUE(code == LABEL_PR_BG || code == LABEL_PR_FG);
+      }
+      if (dx >= 3 || dy >= 3) {
+        EXPECT_TRUE(code == LABEL_BG && mask[y * 40 + x] == 255);
+      }
     }
 }
 
@@ -138,17 +155,22 @@ TEST_F(Requests, ThinPhotosGetAResult) {
     const int w = shape.width, h = shape.height;
     const bool wide = w > h;
     const int length = wide ? w : h, across = wide ? h : w;
-    auto index = [&](int along, int side) { return wide ? static_cast<size_t>(side) * w + along : static_cast<size_t>(along) * w + side; };
+    auto index = [&](int along, int side) {
+      return wide ? static_cast<size_t>(side) * w + along : static_cast<size_t>(along) * w + side;
+    };
     std::mt19937 rng(static_cast<unsigned>(length));
     Pixels photo(static_cast<size_t>(w) * h);
     for (int a = 0; a < length; ++a)
       for (int c = 0; c < across; ++c) {
         const bool object = a >= length * 2 / 5 && a < length * 3 / 5;
         const unsigned n = rng() % 24;
-        photo[index(a, c)] = 0xFF000000u | (object ? (195 + n) << 16 | (60 + n) << 8 | (40 + n)
-                                                   : (40 + n) << 16 | (120 + n) << 8 | (70 + n + (a / 997) % 30));
+        photo[index(a, c)] =
+            0xFF000000u | (object ? (195 + n) << 16 | (60 + n) << 8 | (40 + n)
+                                  : (40 + n) << 16 | (120 + n) << 8 | (70 + n + (a / 997) % 30));
       }
-    auto point = [&](int along, int side) { return wide ? std::vector<int>{along, side} : std::vector<int>{side, along}; };
+    auto point = [&](int along, int side) {
+      return wide ? std::vector<int>{along, side} : std::vector<int>{side, along};
+    };
     auto expectMask = [&](const Bytes& mask) {
       size_t other = 0;
       for (unsigned char m : mask) other += m != 0 && m != 255;
@@ -196,13 +218,15 @@ TEST_F(Requests, ThinPhotosGetAResult) {
       const std::vector<int> end = point(length / 2 + length / 50, across / 2);
       stroke.insert(stroke.end(), end.begin(), end.end());
       std::vector<int> markers(photo.size(), 0);
-      for (int a = length / 2 - length / 50; a <= length / 2 + length / 50; ++a) markers[index(a, across / 2)] = LABEL_FG;
+      for (int a = length / 2 - length / 50; a <= length / 2 + length / 50; ++a)
+        markers[index(a, across / 2)] = LABEL_FG;
       setCurrentMarkerVector(4, stroke.data());
       setMarkerImage(w, h, markers.data(), 2);
       Pixels blended = photo;
       ASSERT_EQ(processSegment(0, 0, 0, blended.data(), mask.data()), 0);
       expectMask(mask);
-      for (size_t i = 0; i < mask.size(); ++i) ASSERT_FALSE(before[i] == 0 && mask[i] != 0) << "removed at " << i;
+      for (size_t i = 0; i < mask.size(); ++i)
+        ASSERT_FALSE(before[i] == 0 && mask[i] != 0) << "removed at " << i;
       expectOutline();
       EXPECT_EQ(undo(blended.data(), mask.data()), 0);
       EXPECT_EQ(mask, before);
@@ -277,7 +301,8 @@ TEST_F(Edits, OutlineArrayLayoutAndOneTimeDelivery) {
   // Preview: exactly the full-intensity pixels of the anti-aliased outline.
   cv::Mat outline = cv::Mat::zeros(kH, kW, CV_8U);
   cv::drawContours(outline, ref, -1, cv::Scalar(255), 2, cv::LINE_AA);
-  for (int i = 0; i < kW * kH; ++i) EXPECT_EQ(blended[i], outline.data[i] == 255 ? 0xFFFFFF00u : photo[i]) << i;
+  for (int i = 0; i < kW * kH; ++i)
+    EXPECT_EQ(blended[i], outline.data[i] == 255 ? 0xFFFFFF00u : photo[i]) << i;
   EXPECT_GT(cv::countNonZero(outline == 255), 50);
 
   // A result without object while an outline is still undelivered: the
@@ -393,7 +418,13 @@ TEST_F(Edits, EditHistoryAndTheirExitTeardown) {
       EXPECT_EQ(differ(mask, *s.expected), 0);
       EXPECT_GT(std::count(blended.begin(), blended.end(), 0xFFFFFF00u), 20);
     }
-    if (s.exit) expectTornDown(), VELDSEMarker::m_exitApp = false, SetUp(), record(a), record(b);
+    if (s.exit) {
+      expectTornDown();
+      VELDSEMarker::m_exitApp = false;
+      SetUp();
+      record(a);
+      record(b);
+    }
     EXPECT_EQ(std::make_pair(canUndo(), canRedo()), std::make_pair(s.canUndo, s.canRedo));
   }
 }
@@ -411,7 +442,8 @@ TEST_F(ExitProtocol, RequestsAfterATeardownAreRefused) {
   setSourceImage(scene.w, scene.h, scene.argb.data());
   ASSERT_EQ(initSegmentationEngine(0), 0);
   std::vector<int> loop = {40, 20, 150, 20, 150, 160, 40, 160}, markers(scene.argb.size(), 0);
-  cv::rectangle(cv::Mat(180, 240, CV_32S, markers.data()), cv::Rect(40, 20, 111, 141), cv::Scalar(4), cv::FILLED);
+  cv::rectangle(cv::Mat(180, 240, CV_32S, markers.data()), cv::Rect(40, 20, 111, 141), cv::Scalar(4),
+                cv::FILLED);
   setCurrentMarkerVector(8, loop.data());
   setMarkerImage(240, 180, markers.data(), 0);
   Pixels blended(scene.argb.size(), 0u), plain(scene.argb.size());
@@ -424,7 +456,8 @@ TEST_F(ExitProtocol, RequestsAfterATeardownAreRefused) {
   EXPECT_EQ(g_exitStatus.load(), 1) << "left for the bridge to see";
   EXPECT_EQ(blended, plain) << "abandoned cut: the plain photo";
   EXPECT_EQ(mask, Bytes(mask.size(), 77));
-  VELDSEMarker::m_exitApp = false, g_exitStatus = 0;
+  VELDSEMarker::m_exitApp = false;
+  g_exitStatus = 0;
 
   using Call = int (*)(unsigned int*, unsigned char*);
   const std::pair<const char*, Call> calls[] = {

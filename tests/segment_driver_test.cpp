@@ -39,7 +39,9 @@ namespace {
 class SegmentDriver : public ::testing::Test {
  protected:
   void TearDown() override {
-    g_clockJumps = g_clockLeap = false, deinitSegmentation(), VELDSEMarker::m_exitApp = false;
+    g_clockJumps = g_clockLeap = false;
+    deinitSegmentation();
+    VELDSEMarker::m_exitApp = false;
   }
 
   // A context on the scene, and a rectangle request's marks (probable object
@@ -54,7 +56,8 @@ class SegmentDriver : public ::testing::Test {
     std::vector<int> loop = {x1, y1, x2, y1, x2, y2, x1, y2};
     setCurrentMarkerVector(static_cast<int>(loop.size()), loop.data());
     std::vector<int> markers(static_cast<size_t>(w) * h, 0);
-    cv::Mat(h, w, CV_32S, markers.data())(cv::Rect(cv::Point(x1, y1), cv::Point(x2 + 1, y2 + 1))).setTo(LABEL_PR_FG);
+    cv::Mat(h, w, CV_32S, markers.data())(cv::Rect(cv::Point(x1, y1), cv::Point(x2 + 1, y2 + 1)))
+        .setTo(LABEL_PR_FG);
     setMarkerImage(w, h, markers.data(), 0);
     pHybrid->setLabelImage(g_markerImage);
     cvReleaseImage(&g_markerImage);
@@ -74,8 +77,9 @@ TEST_F(SegmentDriver, ExitFlagOrTimeOutAbandonsAfterFirstCut) {
       EXPECT_NEAR(m->weight[0] + m->weight[1] + m->weight[2] + m->weight[3] + m->weight[4], 1.0, 1e-12);
     g_clockJumps = VELDSEMarker::m_exitApp = false;
     // Nothing of the abandoned request is left.
-    EXPECT_TRUE(pHybrid->m_graph == nullptr && pHybrid->m_cropSrc == nullptr && pHybrid->m_cropLabel == nullptr &&
-                pHybrid->m_cropLabelInit == nullptr && g_cancelTimer == nullptr);
+    EXPECT_TRUE(pHybrid->m_graph == nullptr && pHybrid->m_cropSrc == nullptr &&
+                pHybrid->m_cropLabel == nullptr && pHybrid->m_cropLabelInit == nullptr &&
+                g_cancelTimer == nullptr);
     for (IplImage* l : pHybrid->m_iterLabel) EXPECT_EQ(l, nullptr);
     EXPECT_EQ(std::count(log.begin(), log.end(), "E/Error: Segmentation canceled due to timeout"), 1);
     EXPECT_EQ(VELDSEManageUndoRedo::m_current, 0) << "no result recorded";
@@ -109,7 +113,10 @@ TEST_F(SegmentDriver, ChooseIterKeepsFirstCutOnlyWhenItFollowsEdgesBetter) {
     testsupport::M(l)(cv::Rect(kStart, row, kLength, 1)).setTo(code);
     return l;
   };
-  const struct { double first, last; bool firstWins; } cases[] = {
+  const struct {
+    double first, last;
+    bool firstWins;
+  } cases[] = {
       {0.75, 0.75, true},   // first just good enough, last no better
       {0.74, 0.74, false},  // first just short of 0.75
       {0.80, 0.98, true},   // last at the limit is not "clearly better"

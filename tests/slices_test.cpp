@@ -17,8 +17,13 @@ TEST(Slices, EveryIndexOnceInNonEmptySlices) {
   const struct {
     int count;
     long pixels;
-  } cases[] = {{1, 1}, {3, 100}, {1, slices::kParallelPixels}, {2, slices::kParallelPixels},
-               {3, slices::kParallelPixels}, {7, slices::kParallelPixels}, {1021, slices::kParallelPixels * 4},
+  } cases[] = {{1, 1},
+               {3, 100},
+               {1, slices::kParallelPixels},
+               {2, slices::kParallelPixels},
+               {3, slices::kParallelPixels},
+               {7, slices::kParallelPixels},
+               {1021, slices::kParallelPixels * 4},
                {1021, 1}};
   for (const auto& c : cases) {
     SCOPED_TRACE(::testing::Message() << c.count << " items, " << c.pixels << " pixels");

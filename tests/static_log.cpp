@@ -1,6 +1,5 @@
 #include "tests/static_log.h"
 
-
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>

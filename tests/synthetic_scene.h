@@ -42,9 +42,13 @@ inline Scene makeScene(int w, int h, bool grey = false, bool withSquare = false,
       if (grey) {
         r = g = b = object ? 190 : (stripe ? 50 : 85);
       } else if (object) {
-        r = 205; g = 70; b = 45;
+        r = 205;
+        g = 70;
+        b = 45;
       } else {
-        r = stripe ? 40 : 75; g = stripe ? 125 : 150; b = stripe ? 70 : 100;
+        r = stripe ? 40 : 75;
+        g = stripe ? 125 : 150;
+        b = stripe ? 70 : 100;
       }
       const int n = noise(rng);
       const unsigned int rr = clip(r + n), gg = clip(g + (grey ? n : noise(rng))),

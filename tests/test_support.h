@@ -67,8 +67,12 @@ inline bool sameBits(const VELDSEColorModel& a, const VELDSEColorModel& b) {
 // channel and no correlation, normaliser `norm`.
 inline VELDSEColorModel singleComponent(double b, double g, double r, double var, double norm = 1.0) {
   VELDSEColorModel m;
-  m.weight[0] = 1.0, m.normFactor[0] = norm, m.determinant[0] = var * var * var;
-  m.mean[0][0] = b, m.mean[0][1] = g, m.mean[0][2] = r;
+  m.weight[0] = 1.0;
+  m.normFactor[0] = norm;
+  m.determinant[0] = var * var * var;
+  m.mean[0][0] = b;
+  m.mean[0][1] = g;
+  m.mean[0][2] = r;
   for (int i : {0, 4, 8}) m.covariance[0][i] = var, m.inverseCovariance[0][i] = 1.0 / var;
   return m;
 }

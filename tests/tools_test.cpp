@@ -20,9 +20,11 @@ TEST(Scoring, HandMadeCaseGivesTheCountedAnswer) {
   const cv::Mat truth = (cv::Mat_<uchar>(3, 4) << 0, 0, 255, 255, 0, 128, 255, 255, 0, 0, 0, 128);
   const cv::Mat predicted = (cv::Mat_<uchar>(3, 4) << 0, 255, 255, 0, 0, 255, 255, 255, 255, 0, 0, 0);
   const segtools::MaskScore s = segtools::scoreMask(predicted, truth, cv::Rect(1, 0, 2, 2));
-  EXPECT_EQ((std::vector<long>{s.scored, s.wrong, s.intersection, s.unionCount, s.scoredInRect, s.wrongInRect}),
-            (std::vector<long>{10, 3, 3, 6, 3, 1}));
-  EXPECT_EQ((std::vector<double>{s.error(), s.iou(), s.rectError()}), (std::vector<double>{0.3, 0.5, 1.0 / 3.0}));
+  EXPECT_EQ(
+      (std::vector<long>{s.scored, s.wrong, s.intersection, s.unionCount, s.scoredInRect, s.wrongInRect}),
+      (std::vector<long>{10, 3, 3, 6, 3, 1}));
+  EXPECT_EQ((std::vector<double>{s.error(), s.iou(), s.rectError()}),
+            (std::vector<double>{0.3, 0.5, 1.0 / 3.0}));
 }
 
 TEST(Statistics, QuantilesInterpolateBetweenOrderStatistics) {
@@ -71,7 +73,11 @@ class SegmentPhoto : public ::testing::Test {
 TEST_F(SegmentPhoto, BadInputExitsWithAMessage) {
   const std::string coffee = "'" + sample("coffee.png") + "' ";
   const std::string notImage = write("photo.png", "not a picture");
-  const struct { std::string args; int status; std::string message; } cases[] = {
+  const struct {
+    std::string args;
+    int status;
+    std::string message;
+  } cases[] = {
       {"", 2, "no photo given"},
       {coffee, 2, "no request given"},
       {coffee + "--rect", 2, "--rect needs a value"},
@@ -83,8 +89,10 @@ TEST_F(SegmentPhoto, BadInputExitsWithAMessage) {
       {coffee + "--rect 10,10,600,100", 1, "lies outside the 600x400 photo"},
       {coffee + "--loop '" + write("two.txt", "10 10\n20 20\n") + "'", 1, "the loop is empty"},
       {coffee + "--loop /no/points.txt", 1, "cannot read the points file /no/points.txt"},
-      {coffee + "--loop-mask '" + sample("chelsea.png") + "'", 1, "the loop mask is 451x300 but the photo is 600x400"},
-      {coffee + "--scribbles '" + sample("camera.png") + "'", 1, "the scribble image is 512x512 but the photo is 600x400"},
+      {coffee + "--loop-mask '" + sample("chelsea.png") + "'", 1,
+       "the loop mask is 451x300 but the photo is 600x400"},
+      {coffee + "--scribbles '" + sample("camera.png") + "'", 1,
+       "the scribble image is 512x512 but the photo is 600x400"},
       {coffee + "--script /no/script.txt", 1, "cannot read the script /no/script.txt"},
   };
   for (const auto& c : cases) {
@@ -97,8 +105,13 @@ TEST_F(SegmentPhoto, BadInputExitsWithAMessage) {
 
 TEST_F(SegmentPhoto, RectangleGivesWhiteObjectInsideTheRectangleAndOutputs) {
   // The grey photo's rectangle is not checked (its object reaches past it).
-  const struct { const char* photo; const char* rect; cv::Rect box; int width; } cases[] = {
-      {"coffee.png", "120,60,480,340", cv::Rect(120, 60, 361, 281), 600}, {"camera.png", "100,40,400,480", {}, 512}};
+  const struct {
+    const char* photo;
+    const char* rect;
+    cv::Rect box;
+    int width;
+  } cases[] = {{"coffee.png", "120,60,480,340", cv::Rect(120, 60, 361, 281), 600},
+               {"camera.png", "100,40,400,480", {}, 512}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.photo);
     const std::string out = dir_ + "/" + c.photo;
@@ -116,19 +129,22 @@ TEST_F(SegmentPhoto, RectangleGivesWhiteObjectInsideTheRectangleAndOutputs) {
     }
     // The preview is the photo with a yellow outline.
     cv::Mat yellow;
-    cv::inRange(cv::imread(out + "/preview.png", cv::IMREAD_COLOR), cv::Scalar(0, 255, 255), cv::Scalar(0, 255, 255), yellow);
+    cv::inRange(cv::imread(out + "/preview.png", cv::IMREAD_COLOR), cv::Scalar(0, 255, 255),
+                cv::Scalar(0, 255, 255), yellow);
     EXPECT_GT(cv::countNonZero(yellow), 0);
     const std::string json = slurp(out + "/outline.json");
     EXPECT_TRUE(json.find("\"width\": " + std::to_string(c.width)) != std::string::npos &&
-                json.find("[[") != std::string::npos) << json;
+                json.find("[[") != std::string::npos)
+        << json;
   }
 }
 
 TEST_F(SegmentPhoto, ScriptedSessionReplaysToTheSameMask) {
   write("stroke.txt", "300 200\n330 210\n360 200\n");
-  const std::string script = write("session.txt",
-                                   "# a short editing session\nrect 120 60 480 340\nbackground 150,80 200,90\n"
-                                   "object stroke.txt\nundo\nredo\nloop 100 50 500 50 500 360 100 360\n");
+  const std::string script =
+      write("session.txt",
+            "# a short editing session\nrect 120 60 480 340\nbackground 150,80 200,90\n"
+            "object stroke.txt\nundo\nredo\nloop 100 50 500 50 500 360 100 360\n");
   std::string masks[2], outlines[2];
   for (int i = 0; i < 2; ++i) {
     SCOPED_TRACE(i);

@@ -45,7 +45,8 @@ struct AddressSpaceCap {
     long kb = 0;
     char line[256];
     FILE* f = std::fopen("/proc/self/status", "r");
-    while (f && std::fgets(line, sizeof line, f) && std::sscanf(line, "VmSize: %ld kB", &kb) != 1) {}
+    while (f && std::fgets(line, sizeof line, f) && std::sscanf(line, "VmSize: %ld kB", &kb) != 1) {
+    }
     if (f) std::fclose(f);
     struct rlimit cap = saved;
     cap.rlim_cur = static_cast<rlim_t>(kb) * 1024 + (rlim_t(512) << 20);
@@ -80,20 +81,23 @@ TEST(TrackedMemory, FailedAllocationsReportTheirSize) {
   // on the device.
   const unsigned int count = 0x10000u, size = 0x10000u;
   char calloc[128];
-  std::snprintf(calloc, sizeof calloc, "E/TAG_MEM: Failed to allocate %lu bytes in function : bigc, Line : 11 !",
+  std::snprintf(calloc, sizeof calloc,
+                "E/TAG_MEM: Failed to allocate %lu bytes in function : bigc, Line : 11 !",
                 static_cast<unsigned long>(count) * size);
   Lines log;
   {
     AddressSpaceCap cap;
-    if (reservable(0xFFFFFFF0u)) GTEST_SKIP() << "the address-space cap is not enforced here (a 64-bit emulated target)";
+    if (reservable(0xFFFFFFF0u))
+      GTEST_SKIP() << "the address-space cap is not enforced here (a 64-bit emulated target)";
     log = logged([&] {
       EXPECT_EQ(VELD_Malloc_Msg(0xFFFFFFF0u, "big", 10), nullptr);
       EXPECT_EQ(VELD_Calloc_Msg(count, size, "bigc", 11), nullptr);
       EXPECT_EQ(VELD_Malloc(0xFFFFFFF0u, "big", 12), nullptr);
     });
   }
-  EXPECT_EQ(log, (Lines{"E/TAG_MEM: Failed to allocate 4294967280 bytes in function : big, Line : 10 !", calloc,
-                        "E/TAG_MEM: Failed to allocate 4294967280 bytes in function : big, Line : 12 !"}));
+  EXPECT_EQ(log,
+            (Lines{"E/TAG_MEM: Failed to allocate 4294967280 bytes in function : big, Line : 10 !", calloc,
+                   "E/TAG_MEM: Failed to allocate 4294967280 bytes in function : big, Line : 12 !"}));
   EXPECT_TRUE(gMemStack.empty()) << "a failed tracked allocation records nothing";
 #endif
 }
@@ -129,8 +133,10 @@ TEST(TrackedMemory, FreeOfNullOrUntrackedPointerWarnsAndLeavesIt) {
               VELD_Free_Msg(nullptr, "caller", 77);
               VELD_Free(p, "freer", 42);
             }),
-            (Lines{"W/TAG_MEM: Trying to free invalid pointer : " + pointerText(nullptr) + " in function : caller, Line : 77 !",
-                   "W/TAG_MEM: Trying to free invalid pointer : " + pointerText(p) + " in function : freer, Line : 42 !"}));
+            (Lines{"W/TAG_MEM: Trying to free invalid pointer : " + pointerText(nullptr) +
+                       " in function : caller, Line : 77 !",
+                   "W/TAG_MEM: Trying to free invalid pointer : " + pointerText(p) +
+                       " in function : freer, Line : 42 !"}));
   EXPECT_EQ(static_cast<char*>(p)[15], 7) << "the block must still be usable";
   VELD_Free_Msg(p, "t", 0);
 }
@@ -149,7 +155,8 @@ TEST(TrackedMemory, ObjectManagersFindOnlyRegisteredObjects) {
     VELD_check_memory_status();
   });
   EXPECT_EQ(log, (Lines{"E/TAG_MEM: Allocation failed in function : makeNull, Line : 3 !",
-                        "W/TAG_MEM: Trying to delete invalid pointer : " + pointerText(object) + " in function : drop, Line : 5",
+                        "W/TAG_MEM: Trying to delete invalid pointer : " + pointerText(object) +
+                            " in function : drop, Line : 5",
                         "W/TAG_MEM: Trying to delete invalid pointer array: " + pointerText(array) +
                             " in function : dropArray, Line : 7",
                         "I/TAG_MEM: No memory Leak found "}));

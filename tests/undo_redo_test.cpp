@@ -11,7 +11,8 @@ using H = VELDSEManageUndoRedo;
 class UndoRedo : public ::testing::Test {
  protected:
   void SetUp() override {
-    VELDSEMarker::m_originalWidth = kW, VELDSEMarker::m_originalHeight = kH;
+    VELDSEMarker::m_originalWidth = kW;
+    VELDSEMarker::m_originalHeight = kH;
     H::allocate();
   }
   void TearDown() override {
@@ -46,9 +47,12 @@ TEST_F(UndoRedo, WorkedSequenceAndRecordingAfterUndo) {
   EXPECT_FALSE(H::canUndo()) << "one mask: the button stays off";
   record(1);
   EXPECT_EQ(identify(H::prevMask()), 1);
-  const struct { IplImage* (*call)(); int mask, current; bool canUndo, canRedo; } steps[] = {
-      {H::undo, 0, 1, false, true}, {H::undo, -1, 0, false, true}, {H::undo, -1, 0, false, true},
-      {H::redo, 0, 1, false, true}, {H::redo, 1, 2, true, false},  {H::redo, 1, 2, true, false}};
+  const struct {
+    IplImage* (*call)();
+    int mask, current;
+    bool canUndo, canRedo;
+  } steps[] = {{H::undo, 0, 1, false, true}, {H::undo, -1, 0, false, true}, {H::undo, -1, 0, false, true},
+               {H::redo, 0, 1, false, true}, {H::redo, 1, 2, true, false},  {H::redo, 1, 2, true, false}};
   for (size_t i = 0; i < sizeof steps / sizeof *steps; ++i) {
     SCOPED_TRACE(i);
     EXPECT_EQ(identify(steps[i].call()), steps[i].mask);
@@ -80,7 +84,8 @@ TEST_F(UndoRedo, RingDropsTheOldestAfter32And33Recordings) {
         EXPECT_EQ(H::m_bitPlane[x][y] >> k & 1u, y * kW + x == (k == 0 ? 32 : k) % (kW * kH) ? 1u : 0u)
             << "pixel " << x << "," << y << " slot " << k;
   // 31 undo calls: 30 masks, newest first, then the plain photo.
-  for (int expected = 31; expected >= 2; --expected) EXPECT_EQ(identify(H::undo()), expected % (kW * kH)) << expected;
+  for (int expected = 31; expected >= 2; --expected)
+    EXPECT_EQ(identify(H::undo()), expected % (kW * kH)) << expected;
   EXPECT_EQ(H::undo(), nullptr);
   EXPECT_EQ(H::m_current, H::m_bottom);
 }
@@ -90,12 +95,14 @@ TEST_F(UndoRedo, RingDropsTheOldestAfter32And33Recordings) {
 // not land on it), and planes released at once must not be touched after.
 TEST(UndoRedoLargePhoto, MaskRecordedWhileFreshPlanesAreTouchedComesBackWhole) {
   constexpr int w = 1280, h = 1024;
-  VELDSEMarker::m_originalWidth = w, VELDSEMarker::m_originalHeight = h;
+  VELDSEMarker::m_originalWidth = w;
+  VELDSEMarker::m_originalHeight = h;
   H::allocate();
   H::deallocate();  // released while the toucher is under way
   IplImage* all = testsupport::newImage(w, h);
   cvSet(all, cvScalarAll(1));
-  VELDSEMarker::m_originalWidth = w, VELDSEMarker::m_originalHeight = h;
+  VELDSEMarker::m_originalWidth = w;
+  VELDSEMarker::m_originalHeight = h;
   H::allocate();
   H::updateBitPlane(all);
   cvReleaseImage(&all);
@@ -117,10 +124,15 @@ TEST(UndoRedoLargePhoto, MaskRecordedWhileFreshPlanesAreTouchedComesBackWhole) {
 // overwritten slot held a redo step, or the step at the bottom), a wrapped
 // ring, and a rollback that commits (the recording stays).
 TEST_F(UndoRedo, RollbackRestoresIndicesAndOverwrittenStep) {
-  const struct { const char* name; int records, undos; bool commit; } cases[] = {
-      {"record at the top", 3, 0, false},     {"record after one undo", 3, 1, false},
-      {"record after undoing all", 3, 3, false}, {"wrapped ring, after two undos", 40, 2, false},
-      {"committed", 3, 1, true}};
+  const struct {
+    const char* name;
+    int records, undos;
+    bool commit;
+  } cases[] = {{"record at the top", 3, 0, false},
+               {"record after one undo", 3, 1, false},
+               {"record after undoing all", 3, 3, false},
+               {"wrapped ring, after two undos", 40, 2, false},
+               {"committed", 3, 1, true}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     H::reset();

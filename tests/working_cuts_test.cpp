@@ -43,7 +43,9 @@ namespace {
 
 enum class Kind { kColour, kGrey, kHomogeneous };
 
-const char* nameOf(Kind k) { return k == Kind::kColour ? "colour" : k == Kind::kGrey ? "grey" : "homogeneous"; }
+const char* nameOf(Kind k) {
+  return k == Kind::kColour ? "colour" : k == Kind::kGrey ? "grey" : "homogeneous";
+}
 
 // A w x h photo (0xAARRGGBB): an ellipse of one colour on a background of
 // random blocks of two far-apart colours (colour and grey kinds) or of one
@@ -83,10 +85,12 @@ Scene randomScene(Kind kind, unsigned seed) {
   for (int y = 0; y < s.h; ++y) {
     for (int x = 0; x < s.w; ++x) {
       const double ex = (x - cx) / static_cast<double>(rx), ey = (y - cy) / static_cast<double>(ry);
-      const int* base = ex * ex + ey * ey <= 1.0 ? object : back[blocks[(y / block) * (s.w / block + 1) + x / block]];
+      const int* base =
+          ex * ex + ey * ey <= 1.0 ? object : back[blocks[(y / block) * (s.w / block + 1) + x / block]];
       unsigned int ch[3];
       const int n = noise(rng);
-      for (int c = 0; c < 3; ++c) ch[c] = clip((kind == Kind::kGrey ? base[0] : base[c]) + (kind == Kind::kGrey ? n : noise(rng)));
+      for (int c = 0; c < 3; ++c)
+        ch[c] = clip((kind == Kind::kGrey ? base[0] : base[c]) + (kind == Kind::kGrey ? n : noise(rng)));
       s.argb[static_cast<size_t>(y) * s.w + x] = 0xFF000000u | ch[0] << 16 | ch[1] << 8 | ch[2];
     }
   }
@@ -134,8 +138,10 @@ void referenceBuild(VELDSEHybrid& h, VELDSEGraph* g) {
       } else {
         pixelVal x;
         x.val[0] = testsupport::at(h.m_cropSrc, c, r, 0);
-        x.val[1] = grey ? testsupport::at(VELDSEMarker::m_texHor, x0 + c, y0 + r) : testsupport::at(h.m_cropSrc, c, r, 1);
-        x.val[2] = grey ? testsupport::at(VELDSEMarker::m_texVer, x0 + c, y0 + r) : testsupport::at(h.m_cropSrc, c, r, 2);
+        x.val[1] = grey ? testsupport::at(VELDSEMarker::m_texHor, x0 + c, y0 + r)
+                        : testsupport::at(h.m_cropSrc, c, r, 1);
+        x.val[2] = grey ? testsupport::at(VELDSEMarker::m_texVer, x0 + c, y0 + r)
+                        : testsupport::at(h.m_cropSrc, c, r, 2);
         const double lb = std::log(h.m_bgModel.GMMProb(x));
         const double lf = std::log(h.m_fgModel.GMMProb(x));
         float first = static_cast<float>(-lb);
@@ -246,8 +252,8 @@ bool sameBytes(const IplImage* a, const IplImage* b) {
     return false;
   const size_t rowBytes = static_cast<size_t>(a->width) * a->nChannels * (a->depth & 255) / 8;
   for (int y = 0; y < a->height; ++y) {
-    if (std::memcmp(a->imageData + static_cast<long>(y) * a->widthStep, b->imageData + static_cast<long>(y) * b->widthStep,
-                    rowBytes) != 0)
+    if (std::memcmp(a->imageData + static_cast<long>(y) * a->widthStep,
+                    b->imageData + static_cast<long>(y) * b->widthStep, rowBytes) != 0)
       return false;
   }
   return true;
@@ -258,12 +264,14 @@ bool sameGraph(const VELDSEGraph& a, const VELDSEGraph& b) {
   if (std::memcmp(&a.m_flow, &b.m_flow, sizeof(float)) != 0) return false;
   if (std::memcmp(a.m_caps, b.m_caps, sizeof(float) * static_cast<size_t>(a.m_capCount)) != 0) return false;
   for (int i = 0; i < a.m_nodeCount; ++i) {
-    const nodes &x = a.m_nodes[i], &y = b.m_nodes[i];
+    const nodes& x = a.m_nodes[i];
+    const nodes& y = b.m_nodes[i];
     if (x.parent != y.parent || x.tree != y.tree || std::memcmp(&x.trCap, &y.trCap, sizeof(float)) != 0 ||
         (x.nextActive == nullptr) != (y.nextActive == nullptr))
       return false;
   }
-  return a.m_capLast - a.m_caps == b.m_capLast - b.m_caps && a.m_nodeLast - a.m_nodes == b.m_nodeLast - b.m_nodes;
+  return a.m_capLast - a.m_caps == b.m_capLast - b.m_caps &&
+         a.m_nodeLast - a.m_nodes == b.m_nodeLast - b.m_nodes;
 }
 
 // The core counts compared with the one-at-a-time order: one (everything on
@@ -319,7 +327,8 @@ TEST_F(WorkingCuts, GraphInSlicesEqualsNodeByNodeBuild) {
       for (int r = 0; r < h.m_boundHeight; ++r)
         for (int c = 0; c < h.m_boundWidth; ++c) {
           const unsigned char code = testsupport::at(h.m_cropLabelInit, c, r);
-          counted += h.m_graph->getTreeofNode(r * h.m_boundWidth + c) == 0 && code != LABEL_BG && code != LABEL_FG;
+          counted +=
+              h.m_graph->getTreeofNode(r * h.m_boundWidth + c) == 0 && code != LABEL_BG && code != LABEL_FG;
         }
       EXPECT_EQ(objects, counted);
       cvReleaseImage(&expected);
@@ -353,7 +362,8 @@ TEST_F(WorkingCuts, TrialsSideBySideEqualOneAfterTheOther) {
         expectedLambda = h.m_lambda;
       }
       for (int r = 0; r < h.m_boundHeight; ++r)
-        for (int c = 0; c < h.m_boundWidth; ++c) trialsDiffer += testsupport::at(expected[0], c, r) != testsupport::at(expected[2], c, r);
+        for (int c = 0; c < h.m_boundWidth; ++c)
+          trialsDiffer += testsupport::at(expected[0], c, r) != testsupport::at(expected[2], c, r);
 
       for (int cores : kCores) {
         SCOPED_TRACE(::testing::Message() << cores << " cores");
@@ -427,7 +437,8 @@ TEST_F(WorkingCuts, ModelRefitInSlicesEqualsSampleBySample) {
       initModel(samples, start, 10);
       start.setInverseCovariance();
       std::vector<int> labels(static_cast<size_t>(n));
-      for (int i = 0; i < n; ++i) labels[static_cast<size_t>(i)] = start.assignCluster(samples[static_cast<size_t>(i)]);
+      for (int i = 0; i < n; ++i)
+        labels[static_cast<size_t>(i)] = start.assignCluster(samples[static_cast<size_t>(i)]);
       VELDSEColorModel expected = start;
       setComponentsFromClusters(ClusterInfo(labels, samples), n, expected);
       expected.setDeterminant();
@@ -453,8 +464,8 @@ TEST_F(WorkingCuts, CancelOrTimeOutDuringEachTrialAbandonsTheRequest) {
   for (int cores : {1, 4}) {
     for (int trial = 0; trial < 3; ++trial) {
       for (bool clock : {false, true}) {
-        SCOPED_TRACE(::testing::Message() << cores << " cores, " << (clock ? "time-out" : "cancel") << " in trial "
-                                          << trial);
+        SCOPED_TRACE(::testing::Message()
+                     << cores << " cores, " << (clock ? "time-out" : "cancel") << " in trial " << trial);
         startContext(scene);
         slices::setCores(cores);
         cancelAt = trial;
@@ -478,8 +489,9 @@ TEST_F(WorkingCuts, CancelOrTimeOutDuringEachTrialAbandonsTheRequest) {
         // side all three are under way.
         EXPECT_EQ(started.load(), cores == 1 ? trial + 1 : 3);
         EXPECT_EQ(std::count(log.begin(), log.end(), "E/Error: Segmentation canceled due to timeout"), 1);
-        EXPECT_TRUE(pHybrid->m_graph == nullptr && pHybrid->m_cropSrc == nullptr && pHybrid->m_cropLabel == nullptr &&
-                    pHybrid->m_cropLabelInit == nullptr && g_cancelTimer == nullptr);
+        EXPECT_TRUE(pHybrid->m_graph == nullptr && pHybrid->m_cropSrc == nullptr &&
+                    pHybrid->m_cropLabel == nullptr && pHybrid->m_cropLabelInit == nullptr &&
+                    g_cancelTimer == nullptr);
         for (IplImage* l : pHybrid->m_iterLabel) EXPECT_EQ(l, nullptr);
         EXPECT_EQ(VELDSEManageUndoRedo::m_current, 0) << "no result recorded";
         VELDSEMarker::m_exitApp = false;
