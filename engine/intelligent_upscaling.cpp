@@ -560,13 +560,14 @@ void writeEnlargedLabels(const Enlarged& labels, IplImage* result) {
 
 // Solves the band graph and writes the enlarged labels into result. The
 // labels do not depend on the cut, so on a large photo a thread of its own
-// writes them while the band is solved (much of that on one core); when no
-// thread can be had, they are written here after the solve.
+// writes them while the band is solved (much of that on one core), and the
+// band's pieces get one thread fewer, so that four at most work at once; when
+// no thread can be had, they are written here after the solve.
 void solveBesideLabels(VELDSEGraph* graph, const Enlarged& labels, IplImage* result) {
   if (static_cast<long>(result->width) * result->height >= slices::kParallelPixels) {
     slices::runSlices({0, 1, 2}, [&](int part, int) {
       if (part == 0) {
-        bandMaxFlow(graph);
+        bandMaxFlow(graph, slices::kMaxThreads - 1);
       } else {
         writeEnlargedLabels(labels, result);
       }

@@ -44,46 +44,37 @@ bool stopAfterTrial() {
   return elapsedMs > VELDSEGraph::TIME_LIMIT_MS;
 }
 
-}  // namespace
-
-void trialCuts(VELDSEHybrid& h) {
-  const int width = h.m_boundWidth;
-  const int height = h.m_boundHeight;
-  const int n = width * height;
-
-  // The weights of the trials, as the weight selection sets them for each
-  // (this leaves the last trial's weight and a copy of the initial labels
-  // in place, as before its cut in the one-at-a-time order).
-  double lambdas[kTrials];
+// The weights of the trials, as the weight selection sets them for each
+// (this leaves the last trial's weight and a copy of the initial labels in
+// place, as before its cut in the one-at-a-time order); each trial writes its
+// cut into a copy of the initial labels.
+void prepareTrials(VELDSEHybrid& h, double lambdas[kTrials]) {
   lambdas[0] = h.m_lambda;
   for (int k = 1; k < kTrials; ++k) {
     h.parallelLamdaSwtich(k);
     lambdas[k] = h.m_lambda;
   }
-  // Each trial writes its cut into a copy of the initial labels.
   for (int k = 0; k < kTrials; ++k) h.m_iterLabel[k] = cloneImage(h.m_cropLabelInit);
+}
 
-  const owned::Tracked<float> pairs(static_cast<float*>(VELD_Malloc_Msg(
-      static_cast<unsigned int>(8 * static_cast<unsigned long>(n > 0 ? n : 1)), "trialCuts", 88)));
-  if (pairs.get() == nullptr) {
-    // No room for the shared weights: each trial builds its own graph, as any
-    // other cut does.
-    for (int k = 0; k < kTrials; ++k) {
-      h.m_lambda = lambdas[k];
-      h.constructGraphVELD_Whole_Image();
-      if (g_trialStarts != nullptr) g_trialStarts(k);
-      h.m_graph->maxFlow();
-      writeCut(h.m_graph, h.m_iterLabel[k]);
-      if (stopAfterTrial()) return;
-    }
-    cvCopy(h.m_iterLabel[kTrials - 1], h.m_cropLabel);
-    return;
+// No room for the shared weights: each trial builds its own graph, as any
+// other cut does.
+void trialsOneAtATime(VELDSEHybrid& h, const double lambdas[kTrials]) {
+  for (int k = 0; k < kTrials; ++k) {
+    h.m_lambda = lambdas[k];
+    h.constructGraphVELD_Whole_Image();
+    if (g_trialStarts != nullptr) g_trialStarts(k);
+    h.m_graph->maxFlow();
+    writeCut(h.m_graph, h.m_iterLabel[k]);
+    if (stopAfterTrial()) return;
   }
-  terminalWeights(h, h.m_cropLabelInit, pairs.get());
+  cvCopy(h.m_iterLabel[kTrials - 1], h.m_cropLabel);
+}
 
-  // One graph per slice of trials: the request's own and, with the cores for
-  // it, up to two more, made here so that no worker allocates.
-  const int wanted = slices::partsFor(kTrials, static_cast<long>(n) >= slices::parallelItems());
+// Up to wanted - 1 graphs beside the request's own, made here so that no
+// worker allocates; fewer (down to none) when memory runs short.
+std::vector<std::unique_ptr<VELDSEGraph>> extraGraphs(int wanted, int width, int height) {
+  const int n = width * height;
   std::vector<std::unique_ptr<VELDSEGraph>> extra;
   try {
     extra.reserve(static_cast<size_t>(wanted - 1));
@@ -94,18 +85,20 @@ void trialCuts(VELDSEHybrid& h) {
     if (g == nullptr || g->m_nodes == nullptr || g->m_caps == nullptr) break;
     extra.push_back(std::move(g));
   }
-  const int parts = 1 + static_cast<int>(extra.size());
-  VELDSEGraph* graphs[kTrials] = {h.m_graph, nullptr, nullptr};
-  for (int p = 1; p < parts; ++p) graphs[p] = extra[static_cast<size_t>(p - 1)].get();
+  return extra;
+}
+
+// The trials in slices, one graph per slice (graphs[0 .. parts-1]), all
+// filled from the shared weights.
+void trialsSideBySide(VELDSEHybrid& h, VELDSEGraph* const graphs[kTrials], int parts, const float* weights,
+                      const double lambdas[kTrials]) {
   std::vector<int> bounds;
   if (!slices::equalBounds(kTrials, parts, &bounds)) {
     bounds.clear();
   }
-
   // One time-limit watcher for all trials: with two workers and the calling
   // thread, four threads at most.
   const graphcore::LimitWatch limit;
-  const float* const weights = pairs.get();
   const auto run = [&](int t0, int t1) {
     // A slice's graph is the one of the slice it starts (a slice whose thread
     // could not be started runs on the calling thread with its own graph).
@@ -126,6 +119,33 @@ void trialCuts(VELDSEHybrid& h) {
     slices::runSlices(bounds, run);
   }
   cvCopy(h.m_iterLabel[kTrials - 1], h.m_cropLabel);
+}
+
+}  // namespace
+
+void trialCuts(VELDSEHybrid& h) {
+  const int width = h.m_boundWidth;
+  const int height = h.m_boundHeight;
+  const int n = width * height;
+  double lambdas[kTrials];
+  prepareTrials(h, lambdas);
+
+  const owned::Tracked<float> pairs(static_cast<float*>(VELD_Malloc_Msg(
+      static_cast<unsigned int>(8 * static_cast<unsigned long>(n > 0 ? n : 1)), "trialCuts", 88)));
+  if (pairs.get() == nullptr) {
+    trialsOneAtATime(h, lambdas);
+    return;
+  }
+  terminalWeights(h, h.m_cropLabelInit, pairs.get());
+
+  // One graph per slice of trials: the request's own and, with the cores for
+  // it, up to two more.
+  const int wanted = slices::partsFor(kTrials, static_cast<long>(n) >= slices::parallelItems());
+  const std::vector<std::unique_ptr<VELDSEGraph>> extra = extraGraphs(wanted, width, height);
+  const int parts = 1 + static_cast<int>(extra.size());
+  VELDSEGraph* graphs[kTrials] = {h.m_graph, nullptr, nullptr};
+  for (int p = 1; p < parts; ++p) graphs[p] = extra[static_cast<size_t>(p - 1)].get();
+  trialsSideBySide(h, graphs, parts, pairs.get(), lambdas);
 }
 
 }  // namespace workingcuts

@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <cstring>
 #include <new>
-#include <thread>
 #include <vector>
 
 #include "graph/solver_core.h"
@@ -244,9 +243,9 @@ constexpr int kParallelShare = 10;  // percent of the nodes outside the largest 
 
 }  // namespace
 
-float bandMaxFlow(VELDSEGraph* g) {
+float bandMaxFlow(VELDSEGraph* g, int maxThreads) {
   const graphcore::BandTopology t = topology(g);
-  const unsigned cores = std::min(4u, std::thread::hardware_concurrency());
+  const int cores = std::min({maxThreads, slices::kMaxThreads, slices::cores()});
   Pieces p;
   std::vector<int> bySize;
   std::vector<float> flows;
@@ -270,7 +269,7 @@ float bandMaxFlow(VELDSEGraph* g) {
       // can be had) and rethrows a failure once all are joined; a failure in
       // one piece stops every worker from taking more.
       std::atomic<int> next(0);
-      const int workers = std::min<int>(static_cast<int>(cores), pieces);
+      const int workers = std::min(cores, pieces);
       std::vector<int> bounds(static_cast<size_t>(workers) + 1);
       for (int w = 0; w <= workers; ++w) bounds[w] = w;
       slices::runSlices(bounds, [&](int, int) {

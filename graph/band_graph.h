@@ -60,11 +60,13 @@ int bandNeighbour(const VELDSEGraph* g, int i, int k);
 // or NaN - free, exactly as maxflowInit does for a grid), then the serial
 // two-tree solver with the same cancel and time-limit checks. A large
 // band made of several separate pieces (an object and the holes in it, say)
-// has its pieces solved side by side on up to four threads: no augmenting
+// has its pieces solved side by side on up to maxThreads threads: no augmenting
 // path, growth or adoption ever crosses from one piece to another, and each
 // piece sees exactly the operations it sees in one serial run, so the trees
 // and capacities come out the same (only the order in which the pieces' flows
-// are added to m_flow differs).
-float bandMaxFlow(VELDSEGraph* g);
+// are added to m_flow differs). maxThreads (at least 1) bounds the threads
+// working on the pieces, the calling thread included: a caller that keeps a
+// thread of its own busy meanwhile passes 3, so that four at most work at once.
+float bandMaxFlow(VELDSEGraph* g, int maxThreads = 4);
 
 #endif

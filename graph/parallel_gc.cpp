@@ -5,9 +5,12 @@
 #include <algorithm>
 #include <cmath>
 #include <exception>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <vector>
+
+#include "support/threads.h"
 
 namespace {
 
@@ -41,14 +44,14 @@ void leavingSlots(int i, int w, int h, Leaving* out) {
   add(down && left, 8 * (i + w - 1) + 7, i + w - 1);
 }
 
-// The threads of one phase, one per block. A block whose thread cannot be
-// started has its work done right here instead: the blocks of a phase touch
-// disjoint nodes, so running one on the calling thread gives the same result.
-// Only threads that did start are joined - by join(), or when the phase is
-// left by an exception - so no handle pthread_create did not fill is used.
+// The threads of one phase, one per block, each started at its entry point.
+// A block whose thread cannot be had has its work done right here instead
+// (the library's rule): the blocks of a phase touch disjoint nodes, so running
+// one on the calling thread gives the same result. Only threads that did
+// start are joined - by join(), or when the phase is left by an exception.
 class Phase {
  public:
-  explicit Phase(int n) : handles_(n), started_(n, 0) {}
+  explicit Phase(int n) : threads_(new threads::Thread[n]), count_(n) {}
   ~Phase() { join(); }
   Phase(const Phase&) = delete;
   Phase& operator=(const Phase&) = delete;
@@ -56,23 +59,15 @@ class Phase {
   // entry: the thread entry point; work: the same work without the thread's
   // exit, which never throws (failures are noted on the ParallelGC).
   void start(int k, void* (*entry)(void*), void (*work)(void*), void* arg) {
-    if (pthread_create(&handles_[k], nullptr, entry, arg) == 0) {
-      started_[k] = 1;
-    } else {
-      work(arg);
-    }
+    if (!threads_[k].startEntry(entry, arg)) work(arg);
   }
   void join() {
-    for (size_t k = 0; k < handles_.size(); ++k) {
-      if (started_[k] == 0) continue;
-      pthread_join(handles_[k], nullptr);
-      started_[k] = 0;
-    }
+    for (int k = 0; k < count_; ++k) threads_[k].join();
   }
 
  private:
-  std::vector<pthread_t> handles_;
-  std::vector<unsigned char> started_;
+  std::unique_ptr<threads::Thread[]> threads_;
+  int count_;
 };
 
 // The work of each thread entry point. Nothing may leave a thread's body (that

@@ -16,12 +16,11 @@
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
-#include <system_error>
-#include <thread>
 
 #include "graph/veldse_graph.h"
 #include "interface/veldse_marker.h"
 #include "support/cpu_timer.h"
+#include "support/threads.h"
 #include "support/veld_memory.h"
 
 namespace graphcore {
@@ -142,10 +141,11 @@ inline bool stopAfterVisit() {
 // before the limit and then raises `due`; from then on every visit reads the
 // clock exactly as stopAfterVisit does, so a run still stops at the first
 // visit after the limit. Without a timer there is no limit to watch; when the
-// limit has passed already, or no thread can be had, the clock is read on
-// every visit from the start. The watcher's own failures (a wait that cannot
-// be had) end the same way: reading the clock on every visit stops a run at
-// the same visit, only a little more slowly.
+// limit has passed already, or no thread can be had, the calling thread does
+// the watching itself: the clock is read on every visit from the start. The
+// watcher's own failures (a wait that cannot be had) end the same way:
+// reading the clock on every visit stops a run at the same visit, only a
+// little more slowly. The watcher ends when the LimitWatch is destroyed.
 class LimitWatch {
  public:
   LimitWatch() {
@@ -155,31 +155,11 @@ class LimitWatch {
     gettimeofday(&now, nullptr);
     const double elapsedMs = (static_cast<double>(now.tv_sec - t->start.tv_sec) * 1e6 +
                               static_cast<double>(now.tv_usec - t->start.tv_usec)) * 0.001;
-    const double untilDue = VELDSEGraph::TIME_LIMIT_MS - elapsedMs - kEarlyMs;
-    if (untilDue <= 0.0) {
-      due_.store(true, std::memory_order_relaxed);
-      return;
-    }
-    try {
-      watcher_ = std::thread([this, untilDue] {
-        // Nothing may leave a thread's body (that ends the process).
-        try {
-          std::unique_lock<std::mutex> lock(mutex_);
-          const auto wait = std::chrono::microseconds(static_cast<long long>(untilDue * 1000.0));
-          if (!wake_.wait_for(lock, wait, [this] { return finished_; })) {
-            due_.store(true, std::memory_order_relaxed);
-          }
-        } catch (...) {
-          due_.store(true, std::memory_order_relaxed);
-        }
-      });
-    } catch (const std::exception&) {
-      // No thread (std::system_error) or no memory for its state.
-      due_.store(true, std::memory_order_relaxed);
-    }
+    untilDueMs_ = VELDSEGraph::TIME_LIMIT_MS - elapsedMs - kEarlyMs;
+    if (untilDueMs_ <= 0.0 || !watcher_.start(wait_)) due_.store(true, std::memory_order_relaxed);
   }
   ~LimitWatch() {
-    if (!watcher_.joinable()) return;
+    if (!watcher_.running()) return;
     {
       const std::lock_guard<std::mutex> lock(mutex_);
       finished_ = true;
@@ -198,11 +178,30 @@ class LimitWatch {
   // more than the watcher's wake-up delay.
   static constexpr double kEarlyMs = 20.0;
 
+  // The watcher's body: sleeps until shortly before the limit, or until the
+  // LimitWatch ends.
+  struct Wait {
+    LimitWatch* self;
+    void operator()() const {
+      try {
+        std::unique_lock<std::mutex> lock(self->mutex_);
+        const auto wait = std::chrono::microseconds(static_cast<long long>(self->untilDueMs_ * 1000.0));
+        if (!self->wake_.wait_for(lock, wait, [this] { return self->finished_; })) {
+          self->due_.store(true, std::memory_order_relaxed);
+        }
+      } catch (...) {
+        self->due_.store(true, std::memory_order_relaxed);
+      }
+    }
+  };
+
   std::atomic<bool> due_{false};
-  std::thread watcher_;
+  double untilDueMs_ = 0.0;
   std::mutex mutex_;
   std::condition_variable wake_;
   bool finished_ = false;
+  Wait wait_{this};
+  threads::Thread watcher_;
 };
 
 // The FIFO queues of VELDSEGraph (same rules as its members, which call

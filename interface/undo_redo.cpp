@@ -2,10 +2,7 @@
 
 #include <android/log.h>
 
-#include <pthread.h>
-
 #include <algorithm>
-#include <atomic>
 #include <new>
 
 #include "interface/veldse_marker.h"
@@ -25,65 +22,29 @@ int VELDSEManageUndoRedo::height = 0;
 namespace {
 
 // The first mask recorded after allocate() would otherwise take the first
-// touch of every page of the planes, 4 bytes per photo pixel: on a large photo
-// the kernel's page clearing is a good part of the request. So fresh planes
-// are touched on a thread of their own while the photo is set up and
-// segmented. Their words are undefined until a slot is written, so writing
-// zeros there changes nothing; every access to the planes first stops and
-// joins the toucher, and it only ever runs on planes no slot has been written
-// to. A plain pthread: the toucher lives in a static, and a std::thread still
-// joinable there at process exit would terminate the process.
-class PlaneToucher {
- public:
-  // Starts on the planes just allocated, for photos large enough to matter.
-  void start(unsigned int** columns, int w, int h) {
-    if (columns == nullptr || w < 1 || h < 1 || static_cast<long>(w) * h < kMinPixels) return;
-    columns_ = columns;
-    width_ = w;
-    height_ = h;
-    stop_.store(false, std::memory_order_relaxed);
-    running_ = pthread_create(&thread_, nullptr, &PlaneToucher::run, this) == 0;
-  }
-  // Returns once the toucher has stopped (at once if none runs).
-  void finish() {
-    if (!running_) return;
-    stop_.store(true, std::memory_order_relaxed);
-    pthread_join(thread_, nullptr);
-    running_ = false;
-  }
+// touch of every page of the planes, 4 bytes per photo pixel: on a large
+// photo the kernel's page clearing is a good part of that request. So
+// allocate() touches fresh planes itself, in column slices side by side,
+// and is done with them when it returns. Their words are undefined until a
+// slot is written, so writing zeros there changes nothing.
+constexpr long kTouchPixels = 1L << 20;
+constexpr int kWordsPerPage = 4096 / sizeof(unsigned int);
 
- private:
-  static constexpr long kMinPixels = 1L << 20;
-  static constexpr int kWordsPerPage = 4096 / sizeof(unsigned int);
-
-  static void* run(void* self) {
-    static_cast<PlaneToucher*>(self)->touch();
-    return nullptr;
-  }
-  void touch() {
-    for (int x = 0; x < width_; ++x) {
-      if (stop_.load(std::memory_order_relaxed)) return;
+void touchPlanes(unsigned int** columns, int w, int h) {
+  if (w < 1 || h < 1 || static_cast<long>(w) * h < kTouchPixels) return;
+  slices::forSlices(w, static_cast<long>(w) * h, [&](int xa, int xb) {
+    for (int x = xa; x < xb; ++x) {
       // One word a page, and the last word for the page the column ends in.
-      unsigned int* column = columns_[x];
-      for (int y = 0; y < height_; y += kWordsPerPage) column[y] = 0;
-      column[height_ - 1] = 0;
+      unsigned int* column = columns[x];
+      for (int y = 0; y < h; y += kWordsPerPage) column[y] = 0;
+      column[h - 1] = 0;
     }
-  }
-
-  pthread_t thread_{};
-  bool running_ = false;
-  std::atomic<bool> stop_{false};
-  unsigned int** columns_ = nullptr;
-  int width_ = 0;
-  int height_ = 0;
-};
-
-PlaneToucher g_toucher;
+  });
+}
 
 }  // namespace
 
 void VELDSEManageUndoRedo::allocate() {
-  g_toucher.finish();
   const int w = VELDSEMarker::m_originalWidth;
   const int h = VELDSEMarker::m_originalHeight;
   // All or nothing: the planes are built aside, and when memory runs out
@@ -103,7 +64,7 @@ void VELDSEManageUndoRedo::allocate() {
   m_bitPlane = planes;
   m_top = m_bottom = m_current = 0;
   m_maxSize = 32;
-  g_toucher.start(m_bitPlane, width, height);
+  touchPlanes(m_bitPlane, width, height);
 }
 
 void releaseHistoryPlanes(unsigned int** planes, int width) {
@@ -113,7 +74,6 @@ void releaseHistoryPlanes(unsigned int** planes, int width) {
 }
 
 void VELDSEManageUndoRedo::deallocate() {
-  g_toucher.finish();
   HistoryRollback::drop();
   if (m_bitPlane != nullptr) {
     for (int x = 0; x < width; ++x) delete[] m_bitPlane[x];
@@ -167,12 +127,10 @@ void writeColumns(int k, int xa, int xb, int h, const IplImage* mask) {
 // Both run in column slices side by side on a large photo: every column is
 // its own words, and the mask's bytes of a column range are the range's own.
 void readSlot(int k, int w, int h, IplImage* mask) {
-  g_toucher.finish();
   slices::forSlices(w, static_cast<long>(w) * h, [&](int xa, int xb) { readColumns(k, xa, xb, h, mask); });
 }
 
 void writeSlot(int k, const IplImage* mask) {
-  g_toucher.finish();
   HistoryRollback::beforeOverwrite(k);
   const int w = VELDSEManageUndoRedo::width;
   const int h = VELDSEManageUndoRedo::height;

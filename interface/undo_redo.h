@@ -25,6 +25,10 @@ class VELDSEManageUndoRedo {
   // Sizes the planes for the stored photo and empties the history. Does not
   // release an earlier allocation (deallocate() does). All or nothing: when
   // memory runs out it raises std::bad_alloc and the history is untouched.
+  // On a photo of a megapixel or more it also touches every page of the
+  // fresh planes (column slices on up to four threads, all joined before it
+  // returns), so that the first recorded mask does not pay the kernel's page
+  // clearing: about 1 ms per megapixel on two cores.
   static void allocate();
   static void deallocate();
   // Empties the history; the planes stay.

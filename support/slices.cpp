@@ -1,5 +1,8 @@
 #include "support/slices.h"
 
+#include <atomic>
+#include <thread>
+
 namespace slices {
 
 namespace {

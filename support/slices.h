@@ -17,14 +17,16 @@
 #define SEGCORE_SUPPORT_SLICES_H
 
 #include <algorithm>
-#include <atomic>
 #include <exception>
 #include <new>
-#include <system_error>
-#include <thread>
 #include <vector>
 
+#include "support/threads.h"
+
 namespace slices {
+
+// Never more threads than this work at once, the calling thread included.
+constexpr int kMaxThreads = 4;
 
 // Below this many pixels a pass is not worth a thread.
 constexpr long kParallelPixels = 1L << 20;
@@ -47,7 +49,7 @@ void setParallelItems(long items);
 // at most `count`) when `parallel`, else one.
 inline int partsFor(int count, bool parallel) {
   if (!parallel) return 1;
-  return std::max(1, std::min({4, count, cores()}));
+  return std::max(1, std::min({kMaxThreads, count, cores()}));
 }
 
 // Bounds of `parts` slices of equal size over 0 .. count-1 (parts + 1
@@ -63,57 +65,44 @@ inline bool equalBounds(int count, int parts, std::vector<int>* bounds) {
 }
 
 // Calls run(bounds[k], bounds[k + 1]) for every non-empty slice k, slice 0 on
-// the calling thread and the others on threads of their own, and returns when
-// all are done. When no thread can be had (none can be started, or memory for
-// one runs out), the slices left run on the calling thread (as one range):
-// the result is the same either way. When run throws on any thread, every
-// thread is still joined first and then the first exception is rethrown on
-// the calling thread, so a failure never leaves a thread running or
-// terminates the process.
+// the calling thread and slices 1 to 3 on threads of their own (at most four
+// threads work at once; slices beyond the fourth run on the calling thread,
+// as one range after slice 0), and returns when all are done. A slice whose
+// thread cannot be had runs on the calling thread, together with every slice
+// after it, as one range: the result is the same either way. When run throws
+// on any thread, every thread is still joined first and then one exception
+// is rethrown on the calling thread (the calling thread's own first, else the
+// lowest slice's), so a failure never leaves a thread running or ends the
+// process. Takes no memory of its own.
 template <class Run>
 void runSlices(const std::vector<int>& bounds, const Run& run) {
   const int parts = static_cast<int>(bounds.size()) - 1;
   if (parts < 1) return;
-  // One slot per worker, reserved up front: starting a worker then needs no
-  // memory beyond the thread's own.
-  std::vector<std::exception_ptr> errors;
-  std::vector<std::thread> workers;
-  try {
-    errors.resize(static_cast<size_t>(parts));
-    workers.reserve(static_cast<size_t>(parts));
-  } catch (const std::bad_alloc&) {
-    if (bounds[0] < bounds[parts]) run(bounds[0], bounds[parts]);
-    return;
-  }
+  struct Slice {
+    const Run* run;
+    int begin;
+    int end;
+    void operator()() const { (*run)(begin, end); }
+  };
+  Slice slice[kMaxThreads] = {};
+  threads::Thread worker[kMaxThreads];
+  const int threaded = std::min(parts, kMaxThreads);
   int started = 1;
-  for (; started < parts; ++started) {
+  for (; started < threaded; ++started) {
     if (bounds[started] >= bounds[started + 1]) continue;
-    try {
-      std::exception_ptr* error = &errors[static_cast<size_t>(started)];
-      const int b0 = bounds[started], b1 = bounds[started + 1];
-      workers.emplace_back([&run, error, b0, b1] {
-        try {
-          run(b0, b1);
-        } catch (...) {
-          *error = std::current_exception();
-        }
-      });
-    } catch (const std::system_error&) {
-      break;
-    } catch (const std::bad_alloc&) {
-      break;
-    }
+    slice[started] = Slice{&run, bounds[started], bounds[started + 1]};
+    if (!worker[started].start(slice[started])) break;
   }
+  std::exception_ptr here;
   try {
     if (bounds[0] < bounds[1]) run(bounds[0], bounds[1]);
     if (started < parts && bounds[started] < bounds[parts]) run(bounds[started], bounds[parts]);
   } catch (...) {
-    errors[0] = std::current_exception();
+    here = std::current_exception();
   }
-  for (std::thread& w : workers) w.join();
-  for (const std::exception_ptr& e : errors) {
-    if (e) std::rethrow_exception(e);
-  }
+  for (threads::Thread& w : worker) w.join();
+  if (here) std::rethrow_exception(here);
+  for (threads::Thread& w : worker) w.rethrow();
 }
 
 // Calls run(begin, end) on non-empty slices of equal size that together cover

@@ -6,9 +6,12 @@
 
 #include <atomic>
 #include <chrono>
+#include <map>
+#include <mutex>
 #include <new>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -55,6 +58,21 @@ TEST(Slices, SmallWorkStaysOnTheCallingThreadLargeWorkSpreads) {
   const int parts = static_cast<int>(std::min(4u, cores < 1 ? 1u : cores));
   EXPECT_EQ(largeCalls.load(), parts);
   EXPECT_EQ(largeElsewhere.load(), parts - 1);
+}
+
+// At most four threads work at once: given more slices, the fifth onwards
+// run on the calling thread as one range after slice 0.
+TEST(Slices, SlicesBeyondTheFourthRunOnTheCallingThreadAsOneRange) {
+  const std::thread::id caller = std::this_thread::get_id();
+  std::mutex lock;
+  std::map<std::pair<int, int>, bool> ranges;  // range -> ran on the caller
+  slices::runSlices({0, 1, 2, 3, 4, 5, 6, 7}, [&](int begin, int end) {
+    const std::lock_guard<std::mutex> hold(lock);
+    ranges[{begin, end}] = std::this_thread::get_id() == caller;
+  });
+  const std::map<std::pair<int, int>, bool> expected = {
+      {{0, 1}, true}, {{1, 2}, false}, {{2, 3}, false}, {{3, 4}, false}, {{4, 7}, true}};
+  EXPECT_EQ(ranges, expected);
 }
 
 TEST(Slices, NothingToDoCallsNothing) {
