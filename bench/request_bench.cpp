@@ -12,9 +12,9 @@
 // inside it in the marker grid, mode 0), processSegment. The time is all of
 // these calls (not the app's own buffers, nor the previous context's
 // teardown). peak_B_per_px is the peak resident memory processSegment adds on top of
-// the set-up context, per photo pixel. The first request on a context also
-// faults in the history's bit planes (4 bytes per pixel, allocated with the
-// context but untouched until a mask is recorded): that is included.
+// the set-up context, per photo pixel. The history's bit planes (4 bytes per
+// pixel) are allocated and their pages touched by setSourceImage: they are in
+// the time, not in the peak.
 //
 // BM_RequestSetUp is BM_Request without processSegment (and the outline's
 // hand-over): the instructions a request executes are BM_Request's less
@@ -31,18 +31,7 @@
 // BM_PeerGrabCut runs OpenCV's cv::grabCut on the same photos and rectangles
 // for comparison (see there).
 //
-// BM_RequestStages runs the work stage by stage through the engine's members
-// and reports each stage's time per request as a counter (ms):
-//   reduce_weights  setSourceImage + initSegmentationEngine (working image,
-//                   grey test, neighbour weights)
-//   labels_box      marks -> label image, working box, pre-processing, crops
-//   colour_models   one fit (k-means seeded) and four refits of both models
-//   graph_build     five whole-box graph builds
-//   maxflow         five max-flows and label updates
-//   recut           the full-resolution re-cut of the boundary band
-//   post_process    island and hole clean-up, merge
-// It cuts five times at the default smoothness weight instead of choosing it
-// with three trial cuts, so its sum is close to, not equal to, the request.
+// The stages of a request are timed by bench/stages_bench.cpp.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 #include <opencv2/core/core_c.h>
@@ -62,12 +51,8 @@
 #include <string>
 #include <vector>
 
-#include "colormodel/kmeans_init.h"
-#include "colormodel/training.h"
-#include "engine/veldse_hybrid.h"
+#include "bench/bench_photos.h"
 #include "interface/segmentation_core.h"
-#include "interface/veldse_marker.h"
-#include "support/cpu_timer.h"
 
 // Counting a request's instructions under callgrind (bench/request_compare.sh)
 // runs it some fifty times slower, into the library's ten-second budget: the
@@ -95,62 +80,9 @@ extern "C" int gettimeofday(struct timeval* __restrict tv, void* __restrict) __T
 
 namespace {
 
-struct Photo {
-  int width = 0;
-  int height = 0;
-  std::vector<unsigned int> argb;
-  int x1 = 0, y1 = 0, x2 = 0, y2 = 0;  // rectangle, inclusive
-};
-
-struct Source {
-  const char* path;
-  int x1, y1, x2, y2;
-};
-
-const Source kSources[] = {
-    {SEGCORE_SOURCE_DIR "/samples/coffee.png", 65, 50, 485, 392},
-    {SEGCORE_SOURCE_DIR "/../shared/datasets/grabcut/images/189080.jpg", 15, 0, 298, 480},
-    {SEGCORE_SOURCE_DIR "/../shared/datasets/grabcut/images/person1.jpg", 55, 61, 599, 449},
-};
-
-// Source `which` scaled to `tenthsMp` tenths of a megapixel; empty when the
-// file is missing.
-Photo makePhoto(int which, int tenthsMp) {
-  const Source& s = kSources[which];
-  const cv::Mat src = cv::imread(s.path, cv::IMREAD_COLOR);
-  Photo p;
-  if (src.empty()) return p;
-  const double scale = std::sqrt(tenthsMp * 1e5 / (static_cast<double>(src.cols) * src.rows));
-  p.width = static_cast<int>(std::lround(src.cols * scale));
-  p.height = static_cast<int>(std::lround(src.rows * scale));
-  cv::Mat img;
-  cv::resize(src, img, cv::Size(p.width, p.height), 0, 0, cv::INTER_CUBIC);
-  p.argb.resize(static_cast<size_t>(p.width) * p.height);
-  for (int y = 0; y < p.height; ++y) {
-    const unsigned char* row = img.ptr<unsigned char>(y);
-    unsigned int* out = &p.argb[static_cast<size_t>(y) * p.width];
-    for (int x = 0; x < p.width; ++x) {
-      out[x] = 0xFF000000u | row[3 * x] | (row[3 * x + 1] << 8) | (row[3 * x + 2] << 16);
-    }
-  }
-  p.x1 = static_cast<int>(s.x1 * scale);
-  p.y1 = static_cast<int>(s.y1 * scale);
-  p.x2 = std::min(p.width - 1, static_cast<int>(s.x2 * scale));
-  p.y2 = std::min(p.height - 1, static_cast<int>(s.y2 * scale));
-  return p;
-}
-
-// One photo at a time is kept: a 50 megapixel one is 200 MB.
-const Photo& photoOf(int which, int tenthsMp) {
-  static Photo cached;
-  static int key = -1;
-  if (key != which * 10000 + tenthsMp) {
-    cached = Photo();
-    cached = makePhoto(which, tenthsMp);
-    key = which * 10000 + tenthsMp;
-  }
-  return cached;
-}
+using benchphotos::borderAndGrid;
+using benchphotos::Photo;
+using benchphotos::photoOf;
 
 // Resident memory from /proc/self/status (kB fields), in bytes.
 long statusBytes(const char* field) {
@@ -180,19 +112,6 @@ class PeakMemory {
  private:
   long base_;
 };
-
-void borderAndGrid(const Photo& p, std::vector<int>* border, std::vector<int>* grid) {
-  border->clear();
-  for (int x = p.x1; x < p.x2; ++x) border->insert(border->end(), {x, p.y1});
-  for (int y = p.y1; y < p.y2; ++y) border->insert(border->end(), {p.x2, y});
-  for (int x = p.x2; x > p.x1; --x) border->insert(border->end(), {x, p.y2});
-  for (int y = p.y2; y > p.y1; --y) border->insert(border->end(), {p.x1, y});
-  grid->assign(p.argb.size(), 0);
-  for (int y = p.y1; y <= p.y2; ++y) {
-    std::fill(grid->begin() + static_cast<long>(y) * p.width + p.x1,
-              grid->begin() + static_cast<long>(y) * p.width + p.x2 + 1, LABEL_PR_FG);
-  }
-}
 
 void reportPhoto(benchmark::State& state, const Photo& p, double peakBytes, const std::vector<unsigned char>& mask) {
   const double pixels = p.width * static_cast<double>(p.height);
@@ -354,123 +273,5 @@ void peerSizes(benchmark::internal::Benchmark* b) {
   b->ArgNames({"photo", "tenths_mp"})->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(1);
 }
 BENCHMARK(BM_PeerGrabCut)->Apply(peerSizes);
-
-class StageClock {
- public:
-  explicit StageClock(double* sink) : sink_(sink), t0_(std::chrono::steady_clock::now()) {}
-  ~StageClock() {
-    *sink_ += std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0_).count();
-  }
-
- private:
-  double* sink_;
-  std::chrono::steady_clock::time_point t0_;
-};
-
-void BM_RequestStages(benchmark::State& state) {
-  const Photo& p = photoOf(0, static_cast<int>(state.range(0)));
-  std::vector<unsigned int> pixels = p.argb;
-  // The rectangle's marks as doSegmentationBB makes them.
-  std::vector<int> border, grid;
-  borderAndGrid(p, &border, &grid);
-
-  enum { kReduce, kLabels, kModels, kBuild, kFlow, kRecut, kPost, kStages };
-  double ms[kStages] = {};
-  for (auto _ : state) {
-    {
-      StageClock c(&ms[kReduce]);
-      deinitSegmentation();
-      resetSegmentationInterface();
-      setSourceImage(p.width, p.height, pixels.data());
-      initSegmentationEngine(0);
-    }
-    VELDSEHybrid* h = pHybrid;
-    {
-      StageClock c(&ms[kLabels]);
-      std::vector<int> points = border;
-      std::vector<int> markers = grid;
-      setCurrentMarkerVector(static_cast<int>(points.size()), points.data());
-      setMarkerImage(p.width, p.height, markers.data(), 0);
-      h->setLabelImage(g_markerImage);
-      cvReleaseImage(&g_markerImage);
-      g_cancelTimer = create_timer();
-      start_cpu_timer(g_cancelTimer);
-      h->computeBoundingBox();
-      h->preProcess();
-      h->m_graph = h->graphSpaceAllocator();
-      h->m_cropSrc = h->cropImage(VELDSEMarker::m_srcImage);
-      h->m_cropLabel = h->cropImage(VELDSEMarker::m_labelImage);
-      h->m_cropLabelInit = cvCloneImage(h->m_cropLabel);
-      h->m_lambda = 50.0;
-      VELDSEMarker::m_noiseLevel = 0.1;
-    }
-    std::vector<pixelVal> objectSet, backgroundSet;
-    for (int cut = 0; cut < 5; ++cut) {
-      {
-        StageClock c(&ms[kModels]);
-        extractTrainingData(h->m_cropSrc, h->m_cropLabel, objectSet, backgroundSet);
-        if (cut == 0) {
-          initModel(backgroundSet, h->m_bgModel, 10);
-          initModel(objectSet, h->m_fgModel, 10);
-        } else {
-          updateModel(objectSet, backgroundSet, h->m_fgModel, h->m_bgModel);
-        }
-        h->m_fgModel.setInverseCovariance();
-        h->m_bgModel.setInverseCovariance();
-      }
-      {
-        StageClock c(&ms[kBuild]);
-        h->constructGraphVELD_Whole_Image();
-      }
-      {
-        StageClock c(&ms[kFlow]);
-        h->m_graph->maxFlow();
-        h->updateLabelImage();
-      }
-    }
-    delete h->m_graph;
-    h->m_graph = nullptr;
-    // The working mask as the mask extraction hands it to the re-cut: labels
-    // written back into the working label image, object 1 inside the box.
-    const bool scaled = g_imageResizeFactor > 1.0f;
-    IplImage* w = cvCreateImage(cvSize(h->m_imgWidth, h->m_imgHeight), IPL_DEPTH_8U, 1);
-    cvSetZero(w);
-    for (int r = 0; r < h->m_boundHeight; ++r) {
-      const unsigned char* lab =
-          reinterpret_cast<unsigned char*>(h->m_cropLabel->imageData + r * h->m_cropLabel->widthStep);
-      const int y = VELDSEMarker::m_yMinBBox + r;
-      unsigned char* full = reinterpret_cast<unsigned char*>(
-          VELDSEMarker::m_labelImage->imageData + y * VELDSEMarker::m_labelImage->widthStep);
-      unsigned char* out = reinterpret_cast<unsigned char*>(w->imageData + y * w->widthStep);
-      for (int c = 0; c < h->m_boundWidth; ++c) {
-        const int x = VELDSEMarker::m_xMinBBox + c;
-        full[x] = lab[c];
-        if (lab[c] == LABEL_FG || lab[c] == LABEL_PR_FG) out[x] = scaled ? 1 : 255;
-      }
-    }
-    IplImage* result = w;
-    if (scaled) {
-      StageClock c(&ms[kRecut]);
-      result = h->intelligentUpscaling(w);
-    }
-    {
-      StageClock c(&ms[kPost]);
-      h->postProcess(result);
-    }
-    if (result != w) cvReleaseImage(&result);
-    cvReleaseImage(&w);
-    h->clearMemory();
-  }
-  deinitSegmentation();
-  const char* names[kStages] = {"reduce_weights", "labels_box", "colour_models", "graph_build",
-                                "maxflow", "recut", "post_process"};
-  double total = 0.0;
-  for (int s = 0; s < kStages; ++s) {
-    state.counters[names[s]] = benchmark::Counter(ms[s], benchmark::Counter::kAvgIterations);
-    total += ms[s];
-  }
-  state.counters["sum"] = benchmark::Counter(total, benchmark::Counter::kAvgIterations);
-}
-BENCHMARK(BM_RequestStages)->Arg(3)->Arg(30)->Arg(120)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 }  // namespace

@@ -7,8 +7,10 @@
 #include "support/image_rows.h"
 #include "support/owned.h"
 #include "support/size_check.h"
+#include "support/stage_marks.h"
 
 IplImage* VELDSEHybrid::getObjMask() {
+  stagemarks::reached(stagemarks::kRecut);
   checkImageSize(m_imgWidth, m_imgHeight, "getObjMask", 1410);
   owned::Image workingOwner = owned::Image::create(cvSize(m_imgWidth, m_imgHeight), IPL_DEPTH_8U, 1);
   IplImage* const working = workingOwner.get();
@@ -39,7 +41,9 @@ IplImage* VELDSEHybrid::getObjMask() {
   } else {
     result = std::move(workingOwner);
   }
+  stagemarks::reached(stagemarks::kPostProcess);
   postProcess(result.get());
+  stagemarks::reached(stagemarks::kHistory);
   VELDSEManageUndoRedo::updateBitPlane(result.get());
   return result.release();
 }

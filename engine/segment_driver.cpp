@@ -23,6 +23,7 @@
 #include "support/cpu_timer.h"
 #include "support/image_rows.h"
 #include "support/owned.h"
+#include "support/stage_marks.h"
 
 namespace {
 
@@ -83,6 +84,26 @@ class RequestCleanup {
   VELDSEHybrid* engine_;
 };
 
+// The colour models before cut i, as the model action asks: refitted from
+// the labels so far, or fitted afresh (k-means seeded), after which the
+// models are only refitted. A fresh fit also decides whether trial weights
+// are asked for any more: a homogeneous scene gains nothing from them. The
+// sample vectors keep their room from cut to cut.
+void fitModels(VELDSEHybrid& h, int i, int* modelAction, bool* lambdaRequest, std::vector<pixelVal>& objectSamples,
+               std::vector<pixelVal>& backgroundSamples) {
+  if (*modelAction == VELDSEHybrid::MODELS_UPDATE) {
+    extractTrainingData(h.m_cropSrc, h.m_cropLabel, objectSamples, backgroundSamples);
+    updateModel(objectSamples, backgroundSamples, h.m_fgModel, h.m_bgModel);
+    h.homogenousLamda(i);
+  } else if (*modelAction == VELDSEHybrid::MODELS_TRAIN) {
+    extractTrainingData(h.m_cropSrc, h.m_cropLabel, objectSamples, backgroundSamples);
+    initModel(backgroundSamples, h.m_bgModel, 10);
+    initModel(objectSamples, h.m_fgModel, 10);
+    *lambdaRequest = h.homogenousLamda(i) != 0;
+    *modelAction = VELDSEHybrid::MODELS_UPDATE;
+  }
+}
+
 }  // namespace
 
 IplImage* VELDSEHybrid::segment() {
@@ -117,27 +138,20 @@ IplImage* VELDSEHybrid::segment() {
   bool cancelled = false;
 
   for (int i = 0; i < kCuts; ++i) {
+    stagemarks::reached(stagemarks::kColourModels);
     if (lambdaRequest) modelAction = parallelLamdaSwtich(i);
-    if (modelAction == MODELS_UPDATE) {
-      extractTrainingData(m_cropSrc, m_cropLabel, objectSamples, backgroundSamples);
-      updateModel(objectSamples, backgroundSamples, m_fgModel, m_bgModel);
-      homogenousLamda(i);
-    } else if (modelAction == MODELS_TRAIN) {
-      extractTrainingData(m_cropSrc, m_cropLabel, objectSamples, backgroundSamples);
-      initModel(backgroundSamples, m_bgModel, 10);
-      initModel(objectSamples, m_fgModel, 10);
-      // A homogeneous scene gains nothing from trial weights: stop asking.
-      lambdaRequest = homogenousLamda(i) != 0;
-      modelAction = MODELS_UPDATE;
-    }
+    fitModels(*this, i, &modelAction, &lambdaRequest, objectSamples, backgroundSamples);
 
     if (i == 0 && lambdaRequest) {
       // The three trial cuts at once: they share the models just fitted and
       // the initial labels, so they are made side by side (cuts 0 to 2).
+      stagemarks::reached(stagemarks::kTrialCuts);
       workingcuts::trialCuts(*this);
       i = 2;
     } else {
+      stagemarks::reached(stagemarks::kGraphBuild);
       constructGraphVELD_Whole_Image();
+      stagemarks::reached(stagemarks::kMaxFlow);
       m_graph->maxFlow();
       updateLabelImage();
       if (i < 3) m_iterLabel[i] = cloneImage(m_cropLabel);

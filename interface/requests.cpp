@@ -35,6 +35,7 @@
 #include "support/owned.h"
 #include "support/size_check.h"
 #include "support/slices.h"
+#include "support/stage_marks.h"
 
 namespace {
 
@@ -232,6 +233,7 @@ int exitCheck(bool keepExitStatus) {
 // kept, its images released and the exit check made.
 int finishRequest(RequestRollback& rollback, unsigned int* blended, unsigned char* mask,
                   bool keepExitStatus) {
+  stagemarks::reached(stagemarks::kOutput);
   if (g_resultMask != nullptr) {
     deliverResult(g_resultMask, blended, mask);
   } else {
@@ -252,6 +254,7 @@ int runSegment(unsigned int* blended, unsigned char* mask) {
 
   RequestRollback rollback;
   if (g_markerImage != nullptr) {
+    stagemarks::reached(stagemarks::kLabelsBox);
     pHybrid->setLabelImage(g_markerImage);
     g_resultMask = pHybrid->segment();
   }

@@ -9,7 +9,7 @@ set -eu
 cd "$(dirname "$0")/.."
 PACKAGES="cmake g++ make libopencv-core-dev libopencv-imgproc-dev libopencv-imgcodecs-dev \
 libgtest-dev libgmock-dev libbenchmark-dev android-liblog-dev android-liblog \
-libcpp-httplib-dev nlohmann-json3-dev chromium pkgconf $*"
+libcpp-httplib-dev nlohmann-json3-dev chromium pkgconf clang-format python3 $*"
 # Node and npm from Debian, unless a Node installation is there already (a
 # packaged Node that bundles npm conflicts with Debian's npm package).
 command -v node >/dev/null 2>&1 || PACKAGES="$PACKAGES nodejs"
