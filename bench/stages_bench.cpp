@@ -7,8 +7,8 @@
 // trial cuts side by side, the cuts after them, the re-cut - not a copy.
 //
 // BM_RequestStages makes request_bench's BM_Request (the rectangle on
-// coffee, photo 0, at 0.3, 3 and 12 megapixels) and reports per request, in
-// milliseconds:
+// photo 0 coffee, 1 189080 or 2 person1, at 0.3, 3 and 12 megapixels) and
+// reports per request, in milliseconds:
 //   reduce_weights  setSourceImage + initSegmentationEngine (working image,
 //                   grey test, neighbour weights, the history's planes)
 //   labels_box ... output   the stages of processSegment (support/stage_marks.h)
@@ -49,7 +49,8 @@ void stagemarks::reached(Stage next) {
 namespace {
 
 void BM_RequestStages(benchmark::State& state) {
-  const benchphotos::Photo& p = benchphotos::photoOf(0, static_cast<int>(state.range(0)));
+  const benchphotos::Photo& p =
+      benchphotos::photoOf(static_cast<int>(state.range(0)), static_cast<int>(state.range(1)));
   if (p.width == 0) {
     state.SkipWithError("photo not found");
     return;
@@ -92,10 +93,8 @@ void BM_RequestStages(benchmark::State& state) {
   state.counters["unmarked"] = benchmark::Counter(requestMs - stages, benchmark::Counter::kAvgIterations);
 }
 BENCHMARK(BM_RequestStages)
-    ->Arg(3)
-    ->Arg(30)
-    ->Arg(120)
-    ->ArgName("tenths_mp")
+    ->ArgsProduct({{0, 1, 2}, {3, 30, 120}})
+    ->ArgNames({"photo", "tenths_mp"})
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond)
     ->Iterations(3);
