@@ -5,6 +5,7 @@
 #ifndef SEGCORE_BENCH_BENCH_PHOTOS_H
 #define SEGCORE_BENCH_BENCH_PHOTOS_H
 
+#include <benchmark/benchmark.h>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
@@ -12,6 +13,7 @@
 #include <cmath>
 #include <vector>
 
+#include "interface/segmentation_core.h"
 #include "interface/veldse_marker.h"
 
 namespace benchphotos {
@@ -85,6 +87,33 @@ inline void borderAndGrid(const Photo& p, std::vector<int>* border, std::vector<
     std::fill(grid->begin() + static_cast<long>(y) * p.width + p.x1,
               grid->begin() + static_cast<long>(y) * p.width + p.x2 + 1, LABEL_PR_FG);
   }
+}
+
+// The photo a benchmark's arguments (photo, tenths of a megapixel) name; null,
+// with the benchmark skipped, when its file is missing.
+inline const Photo* photoArg(benchmark::State& state) {
+  const Photo& p = photoOf(static_cast<int>(state.range(0)), static_cast<int>(state.range(1)));
+  if (p.width != 0) return &p;
+  state.SkipWithError("photo not found");
+  return nullptr;
+}
+
+// The app's side of a rectangle request, which is not timed: the previous
+// context torn down, fresh copies of the photo for the library and for the
+// preview, and the rectangle's marks.
+struct RequestBuffers {
+  std::vector<unsigned int> photo;
+  std::vector<unsigned int> preview;
+  std::vector<int> border;
+  std::vector<int> grid;
+};
+
+inline void prepareRequest(const Photo& p, RequestBuffers* b) {
+  deinitSegmentation();
+  resetSegmentationInterface();
+  b->photo = p.argb;
+  b->preview = p.argb;
+  borderAndGrid(p, &b->border, &b->grid);
 }
 
 }  // namespace benchphotos

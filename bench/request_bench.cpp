@@ -82,7 +82,6 @@ namespace {
 
 using benchphotos::borderAndGrid;
 using benchphotos::Photo;
-using benchphotos::photoOf;
 
 // Resident memory from /proc/self/status (kB fields), in bytes.
 long statusBytes(const char* field) {
@@ -124,33 +123,25 @@ void reportPhoto(benchmark::State& state, const Photo& p, double peakBytes, cons
 // but processSegment and fetch_path_array (the set-up alone), so that what a
 // request executes is the difference of the two.
 void requestLoop(benchmark::State& state, bool request) {
-  const Photo& p = photoOf(static_cast<int>(state.range(0)), static_cast<int>(state.range(1)));
-  if (p.width == 0) {
-    state.SkipWithError("photo not found");
-    return;
-  }
-  std::vector<unsigned int> preview(p.argb.size());
+  const benchphotos::Photo* named = benchphotos::photoArg(state);
+  if (named == nullptr) return;
+  const benchphotos::Photo& p = *named;
+  benchphotos::RequestBuffers b;
   std::vector<unsigned char> mask(p.argb.size());
-  std::vector<int> border, grid;
   double peak = 0.0;
-  std::vector<unsigned int> photo;
   for (auto _ : state) {
     // The app's side (its buffers, the marker grid it draws) and the previous
     // context's teardown are not part of the request.
     state.PauseTiming();
-    deinitSegmentation();
-    resetSegmentationInterface();
-    photo = p.argb;
-    preview = p.argb;
-    borderAndGrid(p, &border, &grid);
+    benchphotos::prepareRequest(p, &b);
     state.ResumeTiming();
-    setSourceImage(p.width, p.height, photo.data());
+    setSourceImage(p.width, p.height, b.photo.data());
     initSegmentationEngine(0);
-    setCurrentMarkerVector(static_cast<int>(border.size()), border.data());
-    setMarkerImage(p.width, p.height, grid.data(), 0);
+    setCurrentMarkerVector(static_cast<int>(b.border.size()), b.border.data());
+    setMarkerImage(p.width, p.height, b.grid.data(), 0);
     if (!request) continue;
     const PeakMemory memory;
-    processSegment(0, 0, 0, preview.data(), mask.data());
+    processSegment(0, 0, 0, b.preview.data(), mask.data());
     peak += static_cast<double>(memory.added());
     int* outline = nullptr;
     int count = 0;
@@ -171,11 +162,9 @@ void BM_RequestSetUp(benchmark::State& state) { requestLoop(state, false); }
 // The same rectangle again on a context that already holds a result: the
 // history's planes are resident by then, so this is the request's own peak.
 void BM_RequestAgain(benchmark::State& state) {
-  const Photo& p = photoOf(static_cast<int>(state.range(0)), static_cast<int>(state.range(1)));
-  if (p.width == 0) {
-    state.SkipWithError("photo not found");
-    return;
-  }
+  const benchphotos::Photo* named = benchphotos::photoArg(state);
+  if (named == nullptr) return;
+  const benchphotos::Photo& p = *named;
   std::vector<unsigned int> photo = p.argb, preview(p.argb.size());
   std::vector<unsigned char> mask(p.argb.size());
   std::vector<int> border, grid;
@@ -200,11 +189,9 @@ void BM_RequestAgain(benchmark::State& state) {
 }
 
 void BM_DoSegmentationBB(benchmark::State& state) {
-  const Photo& p = photoOf(static_cast<int>(state.range(0)), static_cast<int>(state.range(1)));
-  if (p.width == 0) {
-    state.SkipWithError("photo not found");
-    return;
-  }
+  const benchphotos::Photo* named = benchphotos::photoArg(state);
+  if (named == nullptr) return;
+  const benchphotos::Photo& p = *named;
   std::vector<unsigned char> mask(p.argb.size());
   double peak = 0.0;
   std::vector<unsigned int> photo;
@@ -239,11 +226,9 @@ BENCHMARK(BM_DoSegmentationBB)->Apply(photoSizes);
 // call, per photo pixel. Up to 12 megapixels: that one already takes over two
 // minutes here.
 void BM_PeerGrabCut(benchmark::State& state) {
-  const Photo& p = photoOf(static_cast<int>(state.range(0)), static_cast<int>(state.range(1)));
-  if (p.width == 0) {
-    state.SkipWithError("photo not found");
-    return;
-  }
+  const benchphotos::Photo* named = benchphotos::photoArg(state);
+  if (named == nullptr) return;
+  const benchphotos::Photo& p = *named;
   // The ARGB words are B, G, R, A bytes in memory.
   cv::Mat bgr;
   cv::cvtColor(cv::Mat(p.height, p.width, CV_8UC4, const_cast<unsigned int*>(p.argb.data())), bgr,

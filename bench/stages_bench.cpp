@@ -22,7 +22,6 @@
 #include <vector>
 
 #include "bench/bench_photos.h"
-#include "interface/segmentation_core.h"
 #include "support/stage_marks.h"
 
 namespace {
@@ -49,34 +48,26 @@ void stagemarks::reached(Stage next) {
 namespace {
 
 void BM_RequestStages(benchmark::State& state) {
-  const benchphotos::Photo& p =
-      benchphotos::photoOf(static_cast<int>(state.range(0)), static_cast<int>(state.range(1)));
-  if (p.width == 0) {
-    state.SkipWithError("photo not found");
-    return;
-  }
-  std::vector<unsigned int> photo, preview;
+  const benchphotos::Photo* named = benchphotos::photoArg(state);
+  if (named == nullptr) return;
+  const benchphotos::Photo& p = *named;
+  benchphotos::RequestBuffers b;
   std::vector<unsigned char> mask(p.argb.size());
-  std::vector<int> border, grid;
   double reduceMs = 0.0;
   double requestMs = 0.0;
   std::fill(g_ms, g_ms + stagemarks::kStages, 0.0);
   for (auto _ : state) {
     state.PauseTiming();
-    deinitSegmentation();
-    resetSegmentationInterface();
-    photo = p.argb;
-    preview = p.argb;
-    benchphotos::borderAndGrid(p, &border, &grid);
+    benchphotos::prepareRequest(p, &b);
     state.ResumeTiming();
     const Clock::time_point t0 = Clock::now();
-    setSourceImage(p.width, p.height, photo.data());
+    setSourceImage(p.width, p.height, b.photo.data());
     initSegmentationEngine(0);
     reduceMs += msSince(t0);
-    setCurrentMarkerVector(static_cast<int>(border.size()), border.data());
-    setMarkerImage(p.width, p.height, grid.data(), 0);
+    setCurrentMarkerVector(static_cast<int>(b.border.size()), b.border.data());
+    setMarkerImage(p.width, p.height, b.grid.data(), 0);
     const Clock::time_point t1 = Clock::now();
-    processSegment(0, 0, 0, preview.data(), mask.data());
+    processSegment(0, 0, 0, b.preview.data(), mask.data());
     stagemarks::reached(stagemarks::kDone);
     requestMs += msSince(t1);
   }
