@@ -90,15 +90,16 @@ TEST_F(UndoRedo, RingDropsTheOldestAfter32And33Recordings) {
   EXPECT_EQ(H::m_current, H::m_bottom);
 }
 
-// Fresh planes of a photo over a megapixel are touched on a thread of their
-// own. A mask recorded at once must come back whole (the toucher's zeros may
-// not land on it), and planes released at once must not be touched after.
-TEST(UndoRedoLargePhoto, MaskRecordedWhileFreshPlanesAreTouchedComesBackWhole) {
+// Fresh planes of a photo over a megapixel have their pages touched (zeros
+// written) by allocate() in column slices side by side. A mask recorded right
+// after must come back whole: no touching zero may land after allocate()
+// returns, also when planes are released and allocated again at once.
+TEST(UndoRedoLargePhoto, MaskRecordedRightAfterFreshPlanesComesBackWhole) {
   constexpr int w = 1280, h = 1024;
   VELDSEMarker::m_originalWidth = w;
   VELDSEMarker::m_originalHeight = h;
   H::allocate();
-  H::deallocate();  // released while the toucher is under way
+  H::deallocate();  // released and allocated again at once
   IplImage* all = testsupport::newImage(w, h);
   cvSet(all, cvScalarAll(1));
   VELDSEMarker::m_originalWidth = w;
