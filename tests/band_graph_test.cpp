@@ -41,14 +41,6 @@ Terminals floatTerminals(const GridCase& gc) {
 // Equal, or both NaN: a NaN terminal capacity must stay NaN in both solvers.
 bool sameFloat(float a, float b) { return (std::isnan(a) && std::isnan(b)) || a == b; }
 
-// The tree a node starts in, from its terminal capacity alone: above zero the
-// source tree, below zero the sink tree, anything else (zero, NaN) free.
-int initialTree(float trCap) {
-  if (trCap > 0.0f) return VELDSEGraph::SOURCE_TREE;
-  if (trCap < 0.0f) return VELDSEGraph::SINK_TREE;
-  return VELDSEGraph::FREE_TREE;
-}
-
 // gc with the pixels marked in `fixed` isolated, as the re-cut's fixed pixels
 // are in the full grid.
 GridCase isolate(GridCase gc, const std::vector<bool>& fixed) {
@@ -145,17 +137,19 @@ void expectSameSolve(const GridCase& gc, const Terminals& terminals, const std::
       }
 }
 
-void expectSameSolve(const GridCase& gc, const std::vector<bool>& fixed) {
-  expectSameSolve(gc, floatTerminals(gc), fixed);
-}
-
 // Random terminal calls with a share of non-finite ones: +inf on both links
 // (NaN, as a colour both models rule out), +inf on one link (an infinite
-// capacity of either sign), and NaN handed in directly.
-Terminals withNonFinite(const GridCase& gc, std::mt19937* rng, int percent) {
+// capacity of either sign), and NaN handed in directly. Fixed pixels keep
+// none, as in the re-cut.
+Terminals withNonFinite(const GridCase& gc, const std::vector<bool>& fixed, std::mt19937* rng, int percent) {
   auto uni = [rng](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(*rng); };
   Terminals t = floatTerminals(gc);
-  for (auto& calls : t) {
+  for (size_t p = 0; p < t.size(); ++p) {
+    std::vector<std::pair<float, float>>& calls = t[p];
+    if (fixed[p]) {
+      calls.clear();
+      continue;
+    }
     if (uni(1, 100) > percent) continue;
     const float finite = static_cast<float>(uni(-5, 25));
     const std::pair<float, float> kinds[4] = {{kInf, kInf}, {kInf, finite}, {finite, kInf}, {kNaN, finite}};
@@ -169,37 +163,53 @@ Terminals withNonFinite(const GridCase& gc, std::mt19937* rng, int percent) {
   return t;
 }
 
+// Small random grids, with terminal weights all finite and with a share of
+// non-finite ones.
 TEST(BandGraph, RandomGridsSolveAsTheFullGrid) {
-  std::mt19937 rng(20261123);
-  auto uni = [&rng](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
-  for (int round = 0; round < 1500; ++round) {
-    const int w = uni(1, 18), h = uni(1, 18);
-    const GridCase base = randomGrid(&rng, w, h);
-    const int fixedPct = round % 5 == 0 ? 0 : uni(5, 90);
-    std::vector<bool> fixed(w * h);
-    for (int p = 0; p < w * h; ++p) fixed[p] = uni(1, 100) <= fixedPct;
-    SCOPED_TRACE(testing::Message() << "round " << round << ", " << w << "x" << h);
-    expectSameSolve(isolate(base, fixed), fixed);
-    if (HasFatalFailure()) return;
+  const struct {
+    const char* name;
+    unsigned seed;
+    int rounds, unfixedEvery, maxFixedPct;  // every unfixedEvery-th round has no fixed pixel
+    bool nonFinite;
+  } kinds[] = {{"finite", 20261123, 1500, 5, 90, false}, {"non-finite", 230, 600, 4, 80, true}};
+  for (const auto& kind : kinds) {
+    std::mt19937 rng(kind.seed);
+    auto uni = [&rng](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
+    for (int round = 0; round < kind.rounds; ++round) {
+      const int w = uni(1, 18), h = uni(1, 18);
+      const GridCase base = randomGrid(&rng, w, h);
+      const int fixedPct = round % kind.unfixedEvery == 0 ? 0 : uni(5, kind.maxFixedPct);
+      std::vector<bool> fixed(w * h);
+      for (int p = 0; p < w * h; ++p) fixed[p] = uni(1, 100) <= fixedPct;
+      const GridCase gc = isolate(base, fixed);
+      SCOPED_TRACE(testing::Message() << kind.name << " round " << round << ", " << w << "x" << h);
+      const Terminals terminals =
+          kind.nonFinite ? withNonFinite(gc, fixed, &rng, uni(5, 60)) : floatTerminals(gc);
+      expectSameSolve(gc, terminals, fixed);
+      if (HasFatalFailure()) return;
+    }
   }
 }
 
 // Large enough for its separate pieces to be solved on threads of their own.
 TEST(BandGraph, LargeBandInPiecesSolvesAsTheFullGrid) {
   std::mt19937 rng(11);
-  for (int fixedEvery : {120, 7}) {
-    SCOPED_TRACE("fixed column every " + std::to_string(fixedEvery));
+  const struct {
+    int fixedEvery;  // a fixed column every fixedEvery columns, besides 1 pixel in 20
+    int nonFinitePct;
+  } bands[] = {{120, 0}, {7, 0}, {50, 5}};
+  for (const auto& band : bands) {
+    SCOPED_TRACE(testing::Message() << "fixed column every " << band.fixedEvery << ", " << band.nonFinitePct
+                                    << "% non-finite terminal weights");
     const int w = 600, h = 400;
     const GridCase base = randomGrid(&rng, w, h);
     std::vector<bool> fixed(w * h);
-    for (int p = 0; p < w * h; ++p) fixed[p] = (p % w) % fixedEvery == fixedEvery - 1 || rng() % 20 == 0;
-    expectSameSolve(isolate(base, fixed), fixed);
+    for (int p = 0; p < w * h; ++p)
+      fixed[p] = (p % w) % band.fixedEvery == band.fixedEvery - 1 || rng() % 20 == 0;
+    const GridCase gc = isolate(base, fixed);
+    expectSameSolve(gc, withNonFinite(gc, fixed, &rng, band.nonFinitePct), fixed);
   }
 }
-
-}  // namespace
-
-namespace {
 
 // Three nodes in a row joined by links of 2 both ways: a colour both models
 // rule out (+inf on both links: NaN), one that only the object model allows
@@ -242,69 +252,6 @@ TEST(BandGraph, NonFiniteTerminalsWorkedExample) {
   EXPECT_EQ(s.band->m_caps[8 * 1 + 0], 2.0f);
   EXPECT_EQ(s.band->m_caps[8 * 1 + 1], 2.0f);
   expectSameSolve(gc, terminals, none);
-}
-
-// Every node's starting tree follows the three-way rule in both solvers, with
-// NaN, +inf and -inf among the terminal capacities.
-TEST(BandGraph, NonFiniteTerminalsStartInTheGridsTrees) {
-  std::mt19937 rng(2323);
-  auto uni = [&rng](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
-  for (int round = 0; round < 300; ++round) {
-    const int w = uni(1, 16), h = uni(1, 16);
-    const GridCase base = randomGrid(&rng, w, h);
-    std::vector<bool> fixed(w * h);
-    for (int p = 0; p < w * h; ++p) fixed[p] = uni(1, 100) <= 30;
-    const GridCase gc = isolate(base, fixed);
-    Terminals terminals = withNonFinite(gc, &rng, 40);
-    for (int p = 0; p < w * h; ++p)
-      if (fixed[p]) terminals[p].clear();
-    SCOPED_TRACE(testing::Message() << "round " << round << ", " << w << "x" << h);
-    Solved s(w * h, w, h);
-    solveBoth(gc, terminals, fixed, true, &s);
-    ASSERT_FALSE(HasFatalFailure());
-    int nonFinite = 0;
-    for (size_t i = 0; i < s.pixel.size(); ++i) {
-      const float r = s.grid.m_nodes[s.pixel[i]].trCap;
-      nonFinite += !std::isfinite(r);
-      SCOPED_TRACE("pixel " + std::to_string(s.pixel[i]));
-      ASSERT_EQ(s.grid.m_nodes[s.pixel[i]].tree, initialTree(r));
-      ASSERT_EQ(s.band->m_nodes[i].tree, initialTree(r));
-    }
-    if (round == 0) {
-      EXPECT_GT(nonFinite, 0);
-    }
-  }
-}
-
-// And the solved cut, flow and residual capacities agree too: on small
-// random grids and on a large band whose pieces are solved side by side.
-TEST(BandGraph, NonFiniteTerminalsSolveAsTheFullGrid) {
-  std::mt19937 rng(230);
-  auto uni = [&rng](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
-  for (int round = 0; round < 600; ++round) {
-    const int w = uni(1, 18), h = uni(1, 18);
-    const GridCase base = randomGrid(&rng, w, h);
-    std::vector<bool> fixed(w * h);
-    const int fixedPct = round % 4 == 0 ? 0 : uni(5, 80);
-    for (int p = 0; p < w * h; ++p) fixed[p] = uni(1, 100) <= fixedPct;
-    const GridCase gc = isolate(base, fixed);
-    Terminals terminals = withNonFinite(gc, &rng, uni(5, 60));
-    for (int p = 0; p < w * h; ++p)
-      if (fixed[p]) terminals[p].clear();
-    SCOPED_TRACE(testing::Message() << "round " << round << ", " << w << "x" << h);
-    expectSameSolve(gc, terminals, fixed);
-    if (HasFatalFailure()) return;
-  }
-  const int w = 600, h = 400;
-  const GridCase base = randomGrid(&rng, w, h);
-  std::vector<bool> fixed(w * h);
-  for (int p = 0; p < w * h; ++p) fixed[p] = (p % w) % 50 == 49 || rng() % 20 == 0;
-  const GridCase gc = isolate(base, fixed);
-  Terminals terminals = withNonFinite(gc, &rng, 5);
-  for (int p = 0; p < w * h; ++p)
-    if (fixed[p]) terminals[p].clear();
-  SCOPED_TRACE("large band in pieces");
-  expectSameSolve(gc, terminals, fixed);
 }
 
 }  // namespace

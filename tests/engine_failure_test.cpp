@@ -142,29 +142,13 @@ class SegmentDriver : public ::testing::Test {
   }
 
   void startContext(int w, int h, int centreTenths = 5) {
-    synthetic::Pixels photo = synthetic::makeScene(w, h, false, false, centreTenths).argb;
-    setSourceImage(w, h, photo.data());
-    g_imageResizeFactor = 1.0f;
-    pHybrid = new VELDSEHybrid;
-    VELDSEMarker::initializer();
-    pHybrid->intializer();
-  }
-
-  void markRectangle(int w, int h, int x1, int y1, int x2, int y2) {
-    std::vector<int> loop = {x1, y1, x2, y1, x2, y2, x1, y2};
-    setCurrentMarkerVector(static_cast<int>(loop.size()), loop.data());
-    std::vector<int> markers(static_cast<size_t>(w) * h, 0);
-    cv::Mat(h, w, CV_32S, markers.data())(cv::Rect(cv::Point(x1, y1), cv::Point(x2 + 1, y2 + 1)))
-        .setTo(LABEL_PR_FG);
-    setMarkerImage(w, h, markers.data(), 0);
-    pHybrid->setLabelImage(g_markerImage);
-    cvReleaseImage(&g_markerImage);
+    testsupport::startEngine(w, h, synthetic::makeScene(w, h, false, false, centreTenths).argb.data());
   }
 
   // The mask of one request on a fresh context, or an empty Mat.
   cv::Mat maskOf(int w, int h, int centreTenths) {
     startContext(w, h, centreTenths);
-    markRectangle(w, h, w / 4, h / 6, 3 * w / 4, 5 * h / 6);
+    testsupport::markRectangle(w, h, w / 4, h / 6, 3 * w / 4, 5 * h / 6);
     IplImage* mask = pHybrid->segment();
     cv::Mat out = mask != nullptr ? testsupport::M(mask).clone() : cv::Mat();
     if (mask != nullptr) cvReleaseImage(&mask);
@@ -207,7 +191,7 @@ TEST_F(SegmentDriver, TrackedAllocationFailureEndsRequestCleanly) {
     ASSERT_FALSE(expected.empty());
 
     startContext(r.w, r.h, r.centreTenths);
-    markRectangle(r.w, r.h, r.w / 4, r.h / 6, 3 * r.w / 4, 5 * r.h / 6);
+    testsupport::markRectangle(r.w, r.h, r.w / 4, r.h / 6, 3 * r.w / 4, 5 * r.h / 6);
     g_tracked.arm(r.function, r.line, r.skip);
     EXPECT_THROW(pHybrid->segment(), std::bad_alloc);
     EXPECT_EQ(g_tracked.firedCount(), 1) << "the allocation was never made";
@@ -215,7 +199,7 @@ TEST_F(SegmentDriver, TrackedAllocationFailureEndsRequestCleanly) {
     expectNothingLeft();
 
     // The context is still usable: the same request again.
-    markRectangle(r.w, r.h, r.w / 4, r.h / 6, 3 * r.w / 4, 5 * r.h / 6);
+    testsupport::markRectangle(r.w, r.h, r.w / 4, r.h / 6, 3 * r.w / 4, 5 * r.h / 6);
     IplImage* mask = pHybrid->segment();
     ASSERT_NE(mask, nullptr);
     EXPECT_EQ(cv::norm(testsupport::M(mask), expected, cv::NORM_INF), 0.0);
@@ -231,7 +215,7 @@ TEST_F(SegmentDriver, BandGraphWithoutMemoryGivesEnlargedWorkingMask) {
   for (int line : {53, 54}) {
     SCOPED_TRACE(line);
     startContext(400, 300);
-    markRectangle(400, 300, 100, 50, 300, 250);
+    testsupport::markRectangle(400, 300, 100, 50, 300, 250);
     // The working graph is the first VELDSEGraph of the request, the band
     // graph the second.
     g_tracked.arm("VELDSEGraph", line, 1);

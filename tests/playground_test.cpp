@@ -90,17 +90,33 @@ class PlaygroundServer : public ::testing::Test {
     return cv::imdecode(std::vector<unsigned char>(res->body.begin(), res->body.end()), cv::IMREAD_UNCHANGED);
   }
 
-  friend struct PlaygroundServerAccess;
+  // Polls the state until a request shows as running (20 s at most).
+  static bool waitUntilBusy() {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (std::chrono::steady_clock::now() < deadline) {
+      if (state().value("busy", false)) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return false;
+  }
+  // Starts `path` on another thread, waits until the server shows it running,
+  // cancels it and returns its answer.
+  static json cancelWhileRunning(const std::string& path, const std::string& body,
+                                 std::pair<int, std::string>* cancelAnswer = nullptr) {
+    std::pair<int, std::string> answer;
+    std::thread cut([&] { answer = post(path, body); });
+    const bool busy = waitUntilBusy();
+    const auto cancel = post("/api/cancel", "");
+    if (cancelAnswer) *cancelAnswer = cancel;
+    cut.join();
+    EXPECT_TRUE(busy);
+    EXPECT_EQ(answer.first, 200) << answer.second;
+    return json::parse(answer.second, nullptr, false);
+  }
+
   static inline playground::Server* server_ = nullptr;
   static inline std::thread* thread_ = nullptr;
   static inline int port_ = 0;
-};
-
-struct PlaygroundServerAccess {
-  static std::pair<int, std::string> post(const std::string& path, const std::string& body) {
-    return PlaygroundServer::post(path, body);
-  }
-  static json state() { return PlaygroundServer::state(); }
 };
 
 TEST_F(PlaygroundServer, ServesOnlyItsPageAndApiToItsOwnHost) {
@@ -164,22 +180,11 @@ TEST_F(PlaygroundServer, HistoryFlagsFollowRequests) {
   EXPECT_TRUE(px[4] < px[1] && px[1] < px[0] && px[7] > 0);
 }
 
-// Starts `path` on another thread, waits until the server shows it running,
-// cancels it and returns its answer.
-json cancelWhileRunning(const std::string& path, const std::string& body,
-                        std::pair<int, std::string>* cancelAnswer = nullptr);
-
 TEST_F(PlaygroundServer, SecondRequestIsBusyAndCancelStopsTheCut) {
   EXPECT_EQ(post("/api/cancel", "").first, 409);  // nothing runs yet
   std::pair<int, std::string> answer;
   std::thread cut([&] { answer = post("/api/rect", kRect); });
-  bool busy = false;
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (!busy && std::chrono::steady_clock::now() < deadline) {
-    busy = state().value("busy", false);
-    if (!busy) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  ASSERT_TRUE(busy) << "the rectangle request never showed as running";
+  ASSERT_TRUE(waitUntilBusy()) << "the rectangle request never showed as running";
   const auto second = post("/api/loop", R"({"points":[[10,10],[100,10],[100,100]]})");
   EXPECT_EQ(second.first, 409);
   EXPECT_TRUE(json::parse(second.second, nullptr, false).value("busy", false)) << second.second;
@@ -192,24 +197,6 @@ TEST_F(PlaygroundServer, SecondRequestIsBusyAndCancelStopsTheCut) {
   // Nothing was there before: plain photo, empty history, ready for more.
   EXPECT_TRUE(r["state"]["hasMask"] == false && r["state"]["canUndo"] == false) << answer.second;
   EXPECT_GT(postJson("/api/rect", kRect)["state"]["objectPixels"].get<long>(), 0);
-}
-
-json cancelWhileRunning(const std::string& path, const std::string& body,
-                        std::pair<int, std::string>* cancelAnswer) {
-  std::pair<int, std::string> answer;
-  std::thread cut([&] { answer = PlaygroundServerAccess::post(path, body); });
-  bool busy = false;
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (!busy && std::chrono::steady_clock::now() < deadline) {
-    busy = PlaygroundServerAccess::state().value("busy", false);
-    if (!busy) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  const auto cancel = PlaygroundServerAccess::post("/api/cancel", "");
-  if (cancelAnswer) *cancelAnswer = cancel;
-  cut.join();
-  EXPECT_TRUE(busy);
-  EXPECT_EQ(answer.first, 200) << answer.second;
-  return json::parse(answer.second, nullptr, false);
 }
 
 TEST_F(PlaygroundServer, CancelledStrokeKeepsTheMaskAndTheHistory) {

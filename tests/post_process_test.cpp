@@ -1,5 +1,5 @@
 // Mask clean-up after a cut: islands and holes for loop selections (against
-// one flood fill per component), stroke connectivity for strokes (also on
+// a plain flood fill per component), stroke connectivity for strokes (also on
 // masks wider or taller than 65,535 pixels, against a plain flood), and the
 // merge with the previous result.
 #include <sstream>
@@ -45,23 +45,20 @@ class PostProcessTest : public ::testing::Test {
   VELDSEHybrid hybrid_;
 };
 
-// The loop clean-up as one flood per component: every 4-connected component
-// of `value` measured by cv::floodFill on a copy, the small ones repainted by
-// flooding the mask from their first pixel.
-void floodReference(cv::Mat& mask, unsigned char value, int limit, unsigned char paint) {
-  cv::Mat work = mask.clone();
-  std::vector<std::pair<cv::Point, int>> found;
-  for (int y = 0; y < work.rows; ++y)
-    for (int x = 0; x < work.cols; ++x)
-      if (work.at<unsigned char>(y, x) == value)
-        found.push_back({{x, y}, cv::floodFill(work, cv::Point(x, y), cv::Scalar(1), nullptr, 0, 0, 4)});
-  if (limit < 0) {  // islands: a tenth of the largest
-    int largest = 0;
-    for (const auto& c : found) largest = std::max(largest, c.second);
-    limit = static_cast<int>(largest * 0.1);
-  }
-  for (const auto& c : found)
-    if (c.second < limit) cv::floodFill(mask, c.first, cv::Scalar(paint), nullptr, 0, 0, 4);
+// The loop clean-up by its rule, on a plain flood fill per component
+// (tests/flood_reference.h): object components under a tenth of the largest
+// go, then background components of 1 to 4 pixels are filled.
+cv::Mat loopCleanUp(const cv::Mat& m) {
+  cv::Mat out = m.clone();
+  const flood_reference::Labels objects = flood_reference::flood(out, 255);
+  const int largest = objects.size.empty() ? 0 : *std::max_element(objects.size.begin(), objects.size.end());
+  const int threshold = static_cast<int>(largest * 0.1);
+  for (size_t p = 0; p < objects.label.size(); ++p)
+    if (objects.label[p] >= 0 && objects.size[objects.label[p]] < threshold) out.data[p] = 0;
+  const flood_reference::Labels holes = flood_reference::flood(out, 0);
+  for (size_t p = 0; p < holes.label.size(); ++p)
+    if (holes.label[p] >= 0 && holes.size[holes.label[p]] < 5) out.data[p] = 255;
+  return out;
 }
 
 TEST_F(PostProcessTest, LoopCleanUpMatchesOneFloodPerComponent) {
@@ -76,9 +73,7 @@ TEST_F(PostProcessTest, LoopCleanUpMatchesOneFloodPerComponent) {
     for (int b = uni(0, 12); b > 0; --b)
       cv::rectangle(m, cv::Rect(uni(0, w), uni(0, h), uni(1, w), uni(1, h)), cv::Scalar(uni(0, 1) * 255), -1);
     for (int p = uni(0, w * h / 3); p > 0; --p) m.at<unsigned char>(uni(0, h - 1), uni(0, w - 1)) ^= 255;
-    cv::Mat expected = m.clone();
-    floodReference(expected, 255, -1, 0);
-    floodReference(expected, 0, 5, 255);
+    const cv::Mat expected = loopCleanUp(m);
     IplImage* mask = cvCreateImage(cvSize(w, h), IPL_DEPTH_8U, 1);
     m.copyTo(M(mask));
     hybrid_.postProcessForLoop(mask);
@@ -163,16 +158,7 @@ TEST_F(PostProcessTest, MasksWiderThan65535FollowTrueComponents) {
     // pixels are filled.
     {
       const cv::Mat m = randomMask();
-      cv::Mat expected = m.clone();
-      const flood_reference::Labels objects = flood_reference::flood(expected, 255);
-      const int largest =
-          objects.size.empty() ? 0 : *std::max_element(objects.size.begin(), objects.size.end());
-      const int threshold = static_cast<int>(largest * 0.1);
-      for (size_t p = 0; p < objects.label.size(); ++p)
-        if (objects.label[p] >= 0 && objects.size[objects.label[p]] < threshold) expected.data[p] = 0;
-      const flood_reference::Labels holes = flood_reference::flood(expected, 0);
-      for (size_t p = 0; p < holes.label.size(); ++p)
-        if (holes.label[p] >= 0 && holes.size[holes.label[p]] < 5) expected.data[p] = 255;
+      const cv::Mat expected = loopCleanUp(m);
       IplImage* mask = cvCreateImage(cvSize(s.width, s.height), IPL_DEPTH_8U, 1);
       m.copyTo(M(mask));
       hybrid_.postProcessForLoop(mask);

@@ -44,23 +44,11 @@ class SegmentDriver : public ::testing::Test {
     VELDSEMarker::m_exitApp = false;
   }
 
-  // A context on the scene, and a rectangle request's marks (probable object
-  // inside, the border loop as the stroke), at working size 1:1.
+  // A context on the scene, and a rectangle request's marks, at working size
+  // 1:1.
   void startRectangle(int w, int h, int x1, int y1, int x2, int y2) {
-    synthetic::Pixels photo = synthetic::makeScene(w, h, false, false, 5).argb;
-    setSourceImage(w, h, photo.data());
-    g_imageResizeFactor = 1.0f;
-    pHybrid = new VELDSEHybrid;
-    VELDSEMarker::initializer();
-    pHybrid->intializer();
-    std::vector<int> loop = {x1, y1, x2, y1, x2, y2, x1, y2};
-    setCurrentMarkerVector(static_cast<int>(loop.size()), loop.data());
-    std::vector<int> markers(static_cast<size_t>(w) * h, 0);
-    cv::Mat(h, w, CV_32S, markers.data())(cv::Rect(cv::Point(x1, y1), cv::Point(x2 + 1, y2 + 1)))
-        .setTo(LABEL_PR_FG);
-    setMarkerImage(w, h, markers.data(), 0);
-    pHybrid->setLabelImage(g_markerImage);
-    cvReleaseImage(&g_markerImage);
+    testsupport::startEngine(w, h, synthetic::makeScene(w, h, false, false, 5).argb.data());
+    testsupport::markRectangle(w, h, x1, y1, x2, y2);
   }
 };
 

@@ -1,5 +1,6 @@
 // What most unit tests share: the usual includes, IplImage shorthands, log
-// records as comparable lines, and one-component colour models.
+// records as comparable lines, one-component colour models, and an engine
+// started on a photo with a rectangle's marks.
 #ifndef SEGCORE_TESTS_TEST_SUPPORT_H
 #define SEGCORE_TESTS_TEST_SUPPORT_H
 
@@ -17,6 +18,9 @@
 #include <vector>
 
 #include "colormodel/veldse_color_model.h"
+#include "engine/veldse_hybrid.h"
+#include "interface/segmentation_core.h"
+#include "interface/veldse_marker.h"
 #include "tests/log_capture.h"
 
 namespace testsupport {
@@ -75,6 +79,31 @@ inline VELDSEColorModel singleComponent(double b, double g, double r, double var
   m.mean[0][2] = r;
   for (int i : {0, 4, 8}) m.covariance[0][i] = var, m.inverseCovariance[0][i] = 1.0 / var;
   return m;
+}
+
+// A context on a w x h photo (0xAARRGGBB; a copy goes, as the library may
+// write to it) with its engine made directly at working size 1:1, as the
+// engine's own tests start one.
+inline void startEngine(int w, int h, const unsigned int* argb) {
+  std::vector<unsigned int> photo(argb, argb + static_cast<size_t>(w) * h);
+  setSourceImage(w, h, photo.data());
+  g_imageResizeFactor = 1.0f;
+  pHybrid = new VELDSEHybrid;
+  VELDSEMarker::initializer();
+  pHybrid->intializer();
+}
+
+// A rectangle request's marks handed to that engine: probable object in
+// (x1, y1)-(x2, y2), its corners as the stroke.
+inline void markRectangle(int w, int h, int x1, int y1, int x2, int y2) {
+  std::vector<int> loop = {x1, y1, x2, y1, x2, y2, x1, y2};
+  setCurrentMarkerVector(static_cast<int>(loop.size()), loop.data());
+  std::vector<int> markers(static_cast<size_t>(w) * h, 0);
+  cv::Mat(h, w, CV_32S, markers.data())(cv::Rect(cv::Point(x1, y1), cv::Point(x2 + 1, y2 + 1)))
+      .setTo(LABEL_PR_FG);
+  setMarkerImage(w, h, markers.data(), 0);
+  pHybrid->setLabelImage(g_markerImage);
+  cvReleaseImage(&g_markerImage);
 }
 
 }  // namespace testsupport

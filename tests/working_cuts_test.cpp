@@ -102,20 +102,8 @@ Scene randomScene(Kind kind, unsigned seed) {
 void startContext(const Scene& s) {
   deinitSegmentation();
   resetSegmentationInterface();
-  std::vector<unsigned int> photo = s.argb;
-  setSourceImage(s.w, s.h, photo.data());
-  g_imageResizeFactor = 1.0f;
-  pHybrid = new VELDSEHybrid;
-  VELDSEMarker::initializer();
-  pHybrid->intializer();
-  std::vector<int> loop = {s.x1, s.y1, s.x2, s.y1, s.x2, s.y2, s.x1, s.y2};
-  setCurrentMarkerVector(static_cast<int>(loop.size()), loop.data());
-  std::vector<int> markers(s.argb.size(), 0);
-  for (int y = s.y1; y <= s.y2; ++y)
-    for (int x = s.x1; x <= s.x2; ++x) markers[static_cast<size_t>(y) * s.w + x] = LABEL_PR_FG;
-  setMarkerImage(s.w, s.h, markers.data(), 0);
-  pHybrid->setLabelImage(g_markerImage);
-  cvReleaseImage(&g_markerImage);
+  testsupport::startEngine(s.w, s.h, s.argb.data());
+  testsupport::markRectangle(s.w, s.h, s.x1, s.y1, s.x2, s.y2);
 }
 
 // The graph of one cut, node by node: reset, addNode, one addtWeights per
