@@ -552,22 +552,24 @@ constexpr int kRecordedPath = 1024;
 // middle edge (`start`) out to the half's root, and makes orphans of the
 // nodes whose parent edge (and of the root whose terminal link) it
 // saturates. On the sink half the residual runs from a node to its parent
-// (slot p), on the source half from the parent to the node (slot p ^ 1).
-// The node whose parent slot is p is the tail of p: when the first pass
-// recorded the half (len <= kRecordedPath) its slots and tails are read back,
-// otherwise the parent chain is walked again.
+// (slot p), on the source half from the parent to the node (slot p ^ 1): the
+// forward slot. When the first pass recorded the half (len <=
+// kRecordedPath) it recorded the forward slots, and the node that loses its
+// parent is worked out only then, as the tail of its parent slot p (head(p ^
+// 1)); otherwise the parent chain is walked again.
 template <bool sinkHalf, class Topology>
-void pushHalf(VELDSEGraph* g, const Topology& topo, int start, const int* slots, const int* tails, int len,
-              int root, float f) {
+void pushHalf(VELDSEGraph* g, const Topology& topo, int start, const int* forwards, int len, int root, float f) {
   float* const caps = g->m_caps;
   nodes* const base = g->m_nodes;
   if (len <= kRecordedPath) {
+    // Indices held as long (a no-op on 32-bit targets): a slot index is
+    // widened once, at its load, instead of again after every xor.
     for (int k = 0; k < len; ++k) {
-      const int forward = sinkHalf ? slots[k] : slots[k] ^ 1;
+      const long forward = forwards[k];
       const float left = caps[forward] - f;
       caps[forward] = left;
       caps[forward ^ 1] += f;
-      if (left == 0.0f) topo.orphan(g, tails[k]);
+      if (left == 0.0f) topo.orphan(g, topo.head(static_cast<int>(sinkHalf ? forward ^ 1 : forward)));
     }
   } else {
     int x = start;
@@ -596,56 +598,60 @@ void augmentPath(VELDSEGraph* g, const Topology& shared, int middle) {
   const Topology topo = shared;
   float* const caps = g->m_caps;
   nodes* const base = g->m_nodes;
-  // The first pass records the slots of each half so that the second pass
-  // need not chase the parent chain again; a half longer than the buffer is
-  // walked twice instead.
+  // The first pass records the forward slots of each half so that the second
+  // pass need not chase the parent chain again; a half longer than the
+  // buffer is walked twice instead.
   constexpr int kRecorded = kRecordedPath;
-  int sinkSlots[kRecorded], sourceSlots[kRecorded];
-  // ... with the node each slot leaves from (its tail).
-  int sinkTails[kRecorded], sourceTails[kRecorded];
+  int sinkForwards[kRecorded], sourceForwards[kRecorded];
 
   // Bottleneck over the sink half, the middle edge and the source half. The
   // two halves are independent chains, walked in step so that their loads
-  // overlap; the minimum does not depend on the order it is taken in.
+  // overlap; the minimum does not depend on the order it is taken in. The
+  // steps are taken in this order whether or not they are recorded: the
+  // loops below only move the buffer's bound test out of the steps.
   float f = caps[middle];
   int sinkLen = 0;
   int sourceLen = 0;
   const int sinkStart = topo.head(middle);
   const int sourceStart = topo.head(middle ^ 1);
-  int xs = sinkStart;
-  int xr = sourceStart;
-  int us = topo.up(base, xs);
-  int ur = topo.up(base, xr);
-  const auto sinkStep = [&] {
-    const int p = topo.parent(base, xs);
+  // Node and slot indices as long (see pushHalf).
+  long xs = sinkStart;
+  long xr = sourceStart;
+  long us = topo.up(base, sinkStart);
+  long ur = topo.up(base, sourceStart);
+  const auto sinkStep = [&](auto record) SEGCORE_ALWAYS_INLINE {
+    const long p = topo.parent(base, static_cast<int>(xs));
     if (caps[p] < f) f = caps[p];
-    if (sinkLen < kRecorded) {
-      sinkSlots[sinkLen] = p;
-      sinkTails[sinkLen] = xs;
-    }
+    if (decltype(record)::value) sinkForwards[sinkLen] = static_cast<int>(p);
     ++sinkLen;
     xs = us;
-    us = topo.up(base, xs);
+    us = topo.up(base, static_cast<int>(xs));
   };
-  const auto sourceStep = [&] {
-    const int p = topo.parent(base, xr);
-    if (caps[p ^ 1] < f) f = caps[p ^ 1];
-    if (sourceLen < kRecorded) {
-      sourceSlots[sourceLen] = p;
-      sourceTails[sourceLen] = xr;
-    }
+  const auto sourceStep = [&](auto record) SEGCORE_ALWAYS_INLINE {
+    const long forward = topo.parent(base, static_cast<int>(xr)) ^ 1;
+    if (caps[forward] < f) f = caps[forward];
+    if (decltype(record)::value) sourceForwards[sourceLen] = static_cast<int>(forward);
     ++sourceLen;
     xr = ur;
-    ur = topo.up(base, xr);
+    ur = topo.up(base, static_cast<int>(xr));
   };
-  while (us != VELDSEGraph::TERMINAL && ur != VELDSEGraph::TERMINAL) {
-    sinkStep();
-    sourceStep();
+  const std::true_type recorded{};
+  const std::false_type unrecorded{};
+  // In step, both halves equally long so far.
+  while (us != VELDSEGraph::TERMINAL && ur != VELDSEGraph::TERMINAL && sinkLen < kRecorded) {
+    sinkStep(recorded);
+    sourceStep(recorded);
   }
-  while (us != VELDSEGraph::TERMINAL) sinkStep();
-  while (ur != VELDSEGraph::TERMINAL) sourceStep();
-  const int sinkRoot = xs;
-  const int sourceRoot = xr;
+  while (us != VELDSEGraph::TERMINAL && ur != VELDSEGraph::TERMINAL) {
+    sinkStep(unrecorded);
+    sourceStep(unrecorded);
+  }
+  while (us != VELDSEGraph::TERMINAL && sinkLen < kRecorded) sinkStep(recorded);
+  while (us != VELDSEGraph::TERMINAL) sinkStep(unrecorded);
+  while (ur != VELDSEGraph::TERMINAL && sourceLen < kRecorded) sourceStep(recorded);
+  while (ur != VELDSEGraph::TERMINAL) sourceStep(unrecorded);
+  const int sinkRoot = static_cast<int>(xs);
+  const int sourceRoot = static_cast<int>(xr);
   if (-topo.terminal(base, sinkRoot) < f) f = -topo.terminal(base, sinkRoot);
   if (topo.terminal(base, sourceRoot) < f) f = topo.terminal(base, sourceRoot);
 
@@ -653,8 +659,8 @@ void augmentPath(VELDSEGraph* g, const Topology& shared, int middle) {
   caps[middle ^ 1] += f;
 
   // Push and collect orphans, sink half first, each half from the middle out.
-  pushHalf<true>(g, topo, sinkStart, sinkSlots, sinkTails, sinkLen, sinkRoot, f);
-  pushHalf<false>(g, topo, sourceStart, sourceSlots, sourceTails, sourceLen, sourceRoot, f);
+  pushHalf<true>(g, topo, sinkStart, sinkForwards, sinkLen, sinkRoot, f);
+  pushHalf<false>(g, topo, sourceStart, sourceForwards, sourceLen, sourceRoot, f);
 
   g->m_flow += f;
 }
@@ -709,18 +715,26 @@ void adoptOrphan(VELDSEGraph* g, int i, const Topology& shared) {
     return false;
   });
   if (adopted) return;
+  // A round steps every chain in place; the candidates are closed up only
+  // after a round in which a chain failed.
   while (n > 0) {
-    int alive = 0;
+    bool failed = false;
     for (int c = 0; c < n; ++c) {
       const int u = topo.up(base, candUp[c]);
       if (u == VELDSEGraph::TERMINAL) {
         topo.linkParent(base, i, candSlot[c], candNode[c]);
         return;
       }
-      if (u == VELDSEGraph::NONE) continue;
+      failed |= u == VELDSEGraph::NONE;
+      candUp[c] = u;
+    }
+    if (!failed) continue;
+    int alive = 0;
+    for (int c = 0; c < n; ++c) {
+      if (candUp[c] == VELDSEGraph::NONE) continue;
       candNode[alive] = candNode[c];
       candSlot[alive] = candSlot[c];
-      candUp[alive] = u;
+      candUp[alive] = candUp[c];
       ++alive;
     }
     n = alive;
