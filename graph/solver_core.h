@@ -715,26 +715,18 @@ void adoptOrphan(VELDSEGraph* g, int i, const Topology& shared) {
     return false;
   });
   if (adopted) return;
-  // A round steps every chain in place; the candidates are closed up only
-  // after a round in which a chain failed.
   while (n > 0) {
-    bool failed = false;
+    int alive = 0;
     for (int c = 0; c < n; ++c) {
       const int u = topo.up(base, candUp[c]);
       if (u == VELDSEGraph::TERMINAL) {
         topo.linkParent(base, i, candSlot[c], candNode[c]);
         return;
       }
-      failed |= u == VELDSEGraph::NONE;
-      candUp[c] = u;
-    }
-    if (!failed) continue;
-    int alive = 0;
-    for (int c = 0; c < n; ++c) {
-      if (candUp[c] == VELDSEGraph::NONE) continue;
+      if (u == VELDSEGraph::NONE) continue;
       candNode[alive] = candNode[c];
       candSlot[alive] = candSlot[c];
-      candUp[alive] = candUp[c];
+      candUp[alive] = u;
       ++alive;
     }
     n = alive;
