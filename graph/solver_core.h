@@ -563,7 +563,9 @@ void pushHalf(VELDSEGraph* g, const Topology& topo, int start, const int* forwar
   nodes* const base = g->m_nodes;
   if (len <= kRecordedPath) {
     // Indices held as long (a no-op on 32-bit targets): a slot index is
-    // widened once, at its load, instead of again after every xor.
+    // widened once, at its load, instead of again after every xor. Two
+    // steps per round of the loop: half the loop's own test and count.
+#pragma GCC unroll 2
     for (int k = 0; k < len; ++k) {
       const long forward = forwards[k];
       const float left = caps[forward] - f;
@@ -685,7 +687,9 @@ void adoptOrphan(VELDSEGraph* g, int i, const Topology& shared) {
   // round, so the first chain to reach the terminal (the earliest of a round)
   // is the nearest, no chain is walked beyond that distance, and the loads of
   // up to eight independent chains overlap. A chain through an orphan fails.
-  int candNode[8], candSlot[8], candUp[8];
+  // A candidate is its slot (the neighbour is the slot's head, worked out
+  // for the winner alone) and the node its chain has reached.
+  int candSlot[8], candUp[8];
   int n = 0;
   const bool adopted = eachDirection([&](auto dir) SEGCORE_ALWAYS_INLINE {
     constexpr int k = decltype(dir)::value;
@@ -708,7 +712,6 @@ void adoptOrphan(VELDSEGraph* g, int i, const Topology& shared) {
       topo.linkParent(base, i, e, j);
       return true;
     }
-    candNode[n] = j;
     candSlot[n] = e;
     candUp[n] = u;
     ++n;
@@ -720,11 +723,10 @@ void adoptOrphan(VELDSEGraph* g, int i, const Topology& shared) {
     for (int c = 0; c < n; ++c) {
       const int u = topo.up(base, candUp[c]);
       if (u == VELDSEGraph::TERMINAL) {
-        topo.linkParent(base, i, candSlot[c], candNode[c]);
+        topo.linkParent(base, i, candSlot[c], topo.head(candSlot[c]));
         return;
       }
       if (u == VELDSEGraph::NONE) continue;
-      candNode[alive] = candNode[c];
       candSlot[alive] = candSlot[c];
       candUp[alive] = u;
       ++alive;
