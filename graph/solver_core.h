@@ -630,7 +630,7 @@ void augmentPath(VELDSEGraph* g, const Topology& shared, int middle) {
     us = topo.up(base, static_cast<int>(xs));
   };
   const auto sourceStep = [&](auto record) SEGCORE_ALWAYS_INLINE {
-    const long forward = topo.parent(base, static_cast<int>(xr)) ^ 1;
+    const long forward = static_cast<long>(topo.parent(base, static_cast<int>(xr))) ^ 1;
     if (caps[forward] < f) f = caps[forward];
     if (decltype(record)::value) sourceForwards[sourceLen] = static_cast<int>(forward);
     ++sourceLen;
@@ -671,7 +671,7 @@ void augmentPath(VELDSEGraph* g, const Topology& shared, int middle) {
 // carries the residual towards the parent: from o to j in the sink tree, from
 // j to o in the source tree.
 template <bool sinkSide, class Topology>
-void adoptOrphan(VELDSEGraph* g, int i, const Topology& shared) {
+SEGCORE_ALWAYS_INLINE inline void adoptOrphan(VELDSEGraph* g, int i, const Topology& shared) {
   // A copy of the topology's fields that nothing else can reach: the stores
   // into the node state (some through a byte pointer, which may alias
   // anything) then cannot force them to be reloaded from the caller's
