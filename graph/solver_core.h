@@ -593,8 +593,11 @@ void pushHalf(VELDSEGraph* g, const Topology& topo, int start, const int* forwar
   if (terminal == 0.0f) topo.orphan(g, root);
 }
 
+// The augmentation through slot `middle`, whose head (sinkStart) is in the
+// sink tree and whose tail (sourceStart) in the source tree: the searching
+// loop knows both nodes already.
 template <class Topology>
-void augmentPath(VELDSEGraph* g, const Topology& shared, int middle) {
+void augmentPath(VELDSEGraph* g, const Topology& shared, int middle, int sinkStart, int sourceStart) {
   // A copy of the topology's fields that nothing else can reach (see
   // adoptOrphan): the path buffers' stores cannot force reloads.
   const Topology topo = shared;
@@ -614,8 +617,6 @@ void augmentPath(VELDSEGraph* g, const Topology& shared, int middle) {
   float f = caps[middle];
   int sinkLen = 0;
   int sourceLen = 0;
-  const int sinkStart = topo.head(middle);
-  const int sourceStart = topo.head(middle ^ 1);
   // Node and slot indices as long (see pushHalf).
   long xs = sinkStart;
   long xr = sourceStart;
@@ -665,6 +666,11 @@ void augmentPath(VELDSEGraph* g, const Topology& shared, int middle) {
   pushHalf<false>(g, topo, sourceStart, sourceForwards, sourceLen, sourceRoot, f);
 
   g->m_flow += f;
+}
+
+template <class Topology>
+void augmentPath(VELDSEGraph* g, const Topology& topo, int middle) {
+  augmentPath(g, topo, middle, topo.head(middle), topo.head(middle ^ 1));
 }
 
 // Adoption of orphan o of tree `tree`. sinkSide selects which slot of a pair
@@ -774,6 +780,7 @@ float serialLoop(VELDSEGraph* g, const Topology& shared, const LimitWatch& limit
       SEGCORE_COUNT_STEP(Topology, visits);
       topo.releaseActive(g, i);
       int middle = -1;
+      int middleNode = -1;  // the neighbour across the middle slot
       const int tree = topo.tree(base, i);
       // A neighbour of the node's own tree is passed over whatever its
       // capacity; where the topology allows (kTreeFirst), its tree is looked
@@ -794,6 +801,7 @@ float serialLoop(VELDSEGraph* g, const Topology& shared, const LimitWatch& limit
             topo.pushActive(g, j);
           } else if (jTree == VELDSEGraph::SINK_TREE) {
             middle = e;
+            middleNode = j;
             return true;
           }
           return false;
@@ -813,6 +821,7 @@ float serialLoop(VELDSEGraph* g, const Topology& shared, const LimitWatch& limit
             topo.pushActive(g, j);
           } else if (jTree == VELDSEGraph::SOURCE_TREE) {
             middle = e;
+            middleNode = j;
             return true;
           }
           return false;
@@ -827,7 +836,11 @@ float serialLoop(VELDSEGraph* g, const Topology& shared, const LimitWatch& limit
       // it is visited again right after.
       topo.holdActive(g, i);
       SEGCORE_COUNT_STEP(Topology, augmentations);
-      augmentPath(g, shared, middle);
+      if (tree == VELDSEGraph::SOURCE_TREE) {
+        augmentPath(g, shared, middle, middleNode, i);
+      } else {
+        augmentPath(g, shared, middle, i, middleNode);
+      }
       while (!exitRequested()) {
         const int o = topo.popOrphan(g);
         if (o < 0) break;
