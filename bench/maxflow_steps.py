@@ -17,10 +17,15 @@ solver:
                 (!exitRequested())` to the time-limit check after it);
   growth        the rest of serialLoop: taking the active node, scanning its
                 neighbours, growing, the check after each visit;
+  clock         the clock reads after a visit (stopAfterVisit), made only
+                once the limit's watcher thread has woken: under callgrind
+                that depends on the real time the run takes, so they are
+                kept apart from growth;
   other         the rest (tree set-up, write-back, threads).
 Prints "phase solver instructions" lines, summed over every file (thread)
-given, and "caller processSegment N" for the inclusive count of
-processSegment in the files whose name ends in -01 (the calling thread).
+given, "caller processSegment N" for the inclusive count of processSegment
+in the files whose name ends in -01 (the calling thread), and "all threads
+N" for every instruction of every file.
 """
 import re
 import subprocess
@@ -160,6 +165,11 @@ def classify(library, source, addresses):
             result[addr] = None
             continue
         phase = None
+        if any(re.search(r"\bstopAfterVisit\b", fn) for fn in names):
+            # Reading the clock after a visit: only once the limit watcher has
+            # woken, which depends on how long the run took in real time.
+            result[addr] = (solver, "clock", chain[0][1].split("/")[-1].split(" ")[0])
+            continue
         for fn, where in chain:  # innermost first
             if re.search(r"\baugmentPath\b|\bpushHalf\b", fn):
                 phase = "augmentation"
@@ -210,9 +220,10 @@ def main():
         for (phase, where), cost in sorted(lines.items(), key=lambda item: -item[1])[:60]:
             print("line %-12s %-28s %d" % (phase, where, cost))
     for solver in ("band", "grid"):
-        for phase in ("growth", "augmentation", "adoption", "other"):
+        for phase in ("growth", "augmentation", "adoption", "clock", "other"):
             print("%s %s %d" % (phase, solver, totals.get((solver, phase), 0)))
     print("caller processSegment %d" % caller)
+    print("all threads %d" % sum(sum(d.values()) for d in self_costs.values()))
 
 
 if __name__ == "__main__":
