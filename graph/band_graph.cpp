@@ -118,6 +118,9 @@ void setBandNeighbours(VELDSEGraph* g, int i, int left, int upLeft, int up, int 
   if (upRight >= 0) bits |= 1u << 3;
   p[i] = static_cast<unsigned char>(bits);
   l[i].above = above;
+  // Overwritten by the node below, if any: the solver reads `below` with
+  // the rest of a node's links whether or not anything lies below.
+  l[i].below = i;
   // i is its earlier neighbours' right, lower-right, down or lower-left
   // neighbour; the pixel below each of them is i, i's left one or i's right
   // one, whose index is i, i-1 (left present) or i, and i+1.

@@ -46,9 +46,11 @@
 VELDSEGraph* createBandGraph(int nodeCount, int width, int height);
 
 // Node i's earlier neighbours (left, upper-left, up, upper-right: node index
-// or -1); records i as their later neighbour in turn. Call once per node,
-// in index order, before i's four addEdge calls. Nodes must be numbered in
-// the row-major order of their pixels.
+// or -1); records i as their later neighbour in turn, and gives i's own link
+// to the pixel below a placeholder that a later node's call overwrites (the
+// solver reads it with the rest of i's links, used or not). Call once per
+// node, in index order, before i's four addEdge calls. Nodes must be
+// numbered in the row-major order of their pixels.
 void setBandNeighbours(VELDSEGraph* g, int i, int left, int upLeft, int up, int upRight);
 
 // The neighbour index of node i in direction k (the fixed order left,

@@ -15,7 +15,11 @@
 #include <climits>
 #include <condition_variable>
 #include <cstdint>
+#include <cstdio>
+#include <cstring>
 #include <mutex>
+#include <type_traits>
+#include <utility>
 
 #include "graph/veldse_graph.h"
 #include "interface/veldse_marker.h"
@@ -42,6 +46,37 @@ struct RowDivider {
     return static_cast<int>((static_cast<uint64_t>(static_cast<uint32_t>(i)) * magic) >> shift);
   }
 };
+
+// Step counts for bench/maxflow_steps.sh, which divides a callgrind run's
+// instructions by them. They exist only in a benchmark build configured with
+// -DSEGCORE_SOLVER_STEP_COUNTS (the counting adds an atomic increment per
+// step, so the instruction counts are taken from a build without it); the
+// shipped library compiles none of this. Band solves and grid solves are
+// counted apart; the totals are written to stderr when the process exits.
+#if defined(SEGCORE_SOLVER_STEP_COUNTS)
+struct StepCounts {
+  std::atomic<long long> visits[2];         // growth node visits: grid, band
+  std::atomic<long long> augmentations[2];  // augmenting paths
+  std::atomic<long long> orphans[2];        // orphans taken from the queue
+  StepCounts() {
+    for (int b = 0; b < 2; ++b) visits[b] = augmentations[b] = orphans[b] = 0;
+  }
+  ~StepCounts() {
+    for (int b = 0; b < 2; ++b) {
+      std::fprintf(stderr, "solver steps %s: visits %lld augmentations %lld orphans %lld\n",
+                   b ? "band" : "grid", visits[b].load(), augmentations[b].load(), orphans[b].load());
+    }
+  }
+};
+inline StepCounts& stepCounts() {
+  static StepCounts counts;
+  return counts;
+}
+#define SEGCORE_COUNT_STEP(Topology, field) \
+  graphcore::stepCounts().field[Topology::kBand ? 1 : 0].fetch_add(1, std::memory_order_relaxed)
+#else
+#define SEGCORE_COUNT_STEP(Topology, field) ((void)0)
+#endif
 
 // Direction bits in the fixed neighbour order.
 enum : unsigned {
@@ -87,7 +122,43 @@ struct GridWalk {
   }
 };
 
-inline bool residual(float c) { return c != 0.0f && c != VELDSEGraph::ABSENT_EDGE; }
+// Tests on a capacity's bits instead of float compares: an integer compare
+// is one instruction where a float equality also has to rule out an
+// unordered result. Each answers exactly as its float compare would, NaN
+// included (a NaN is neither zero nor ABSENT_EDGE).
+inline uint32_t bitsOf(float c) {
+  uint32_t b;
+  std::memcpy(&b, &c, sizeof b);
+  return b;
+}
+constexpr uint32_t kAbsentBits = 0xC0000000u;  // ABSENT_EDGE, -2.0f
+// c == 0.0f: +0.0 or -0.0, the sign bit aside.
+inline bool isZero(float c) { return (bitsOf(c) << 1) == 0; }
+inline bool isAbsent(float c) { return bitsOf(c) == kAbsentBits; }
+// c != 0.0f && c != ABSENT_EDGE.
+inline bool residual(float c) {
+  const uint32_t b = bitsOf(c);
+  return (b << 1) != 0 && b != kAbsentBits;
+}
+
+// The eight directions in the fixed order, unrolled: body(k) runs for k = 0
+// .. 7, each k a std::integral_constant, until one returns true (which this
+// then returns). With k known at compile time a band node's neighbour and
+// slot arithmetic folds to an add or two per direction, where a loop over k
+// had to dispatch through a jump table on every step.
+#if defined(__GNUC__)
+#define SEGCORE_ALWAYS_INLINE __attribute__((always_inline))
+#else
+#define SEGCORE_ALWAYS_INLINE
+#endif
+template <class Body, int... K>
+SEGCORE_ALWAYS_INLINE inline bool eachDirectionIn(Body& body, std::integer_sequence<int, K...>) {
+  return (body(std::integral_constant<int, K>()) || ...);
+}
+template <class Body>
+SEGCORE_ALWAYS_INLINE inline bool eachDirection(Body&& body) {
+  return eachDirectionIn(body, std::make_integer_sequence<int, 8>());
+}
 
 inline void freshNode(nodes* n) {
   n->parent = VELDSEGraph::NONE;
@@ -269,6 +340,7 @@ struct GridTopology {
   // pair's capacity (absent there) keeps a view from reading it. So the
   // capacity is looked at before the neighbour.
   static constexpr bool kTreeFirst = false;
+  static constexpr bool kBand = false;
 
   GridWalk walk;
   int offsets[8];
@@ -279,6 +351,20 @@ struct GridTopology {
   unsigned mask(int i) const { return walk.mask(i); }
   int slot(int i, int k) const { return 8 * i + walk.slotOffset[k]; }
   int neighbour(int i, int k) const { return i + walk.nodeOffset[k]; }
+  // What a node visit reads once for all its directions.
+  struct Visit {
+    int i;
+    unsigned mask;
+  };
+  Visit visit(int i) const { return {i, walk.mask(i)}; }
+  template <int k>
+  int neighbourOf(const Visit& v) const {
+    return v.i + walk.nodeOffset[k];
+  }
+  template <int k>
+  int slotOf(const Visit& v) const {
+    return 8 * v.i + walk.slotOffset[k];
+  }
   int head(int s) const { return offsets[(s + 1) & 7] + ((s + 1) >> 3); }
   // Node state as the solver reads and writes it.
   int parent(const nodes* base, int x) const { return base[x].parent; }
@@ -289,6 +375,8 @@ struct GridTopology {
   }
   int tree(const nodes* base, int x) const { return base[x].tree; }
   void setParent(nodes* base, int x, int s, int /*to*/) const { base[x].parent = s; }
+  // setParent with s a slot (never TERMINAL or NONE).
+  void linkParent(nodes* base, int x, int s, int /*to*/) const { base[x].parent = s; }
   void setTree(nodes* base, int x, int t) const { base[x].tree = t; }
   float& terminal(nodes* base, int x) const { return base[x].trCap; }
   // The queues, in the records. An active node being visited counts as
@@ -375,6 +463,7 @@ struct BandTopology {
   // components), so a neighbour's state may be read before the pair's
   // capacity.
   static constexpr bool kTreeFirst = true;
+  static constexpr bool kBand = true;
   const BandLinks* links;
   const unsigned char* present;
   int* ups;          // parent node, or TERMINAL / NONE
@@ -399,6 +488,30 @@ struct BandTopology {
     }
   }
   int slot(int i, int k) const { return k < 4 ? 8 * i + 2 * k : 8 * neighbour(i, k) + 2 * (k - 4) + 1; }
+  // What a node visit reads once for all its directions (setBandNeighbours
+  // gives `below` a value even where nothing lies below).
+  struct Visit {
+    int i;
+    unsigned mask;
+    int above;
+    int below;
+  };
+  Visit visit(int i) const { return {i, present[i], links[i].above, links[i].below}; }
+  template <int k>
+  int neighbourOf(const Visit& v) const {
+    if (k == 0) return v.i - 1;
+    if (k == 1) return v.above - 1;
+    if (k == 2) return v.above;
+    if (k == 3) return v.above + static_cast<int>((v.mask >> 2) & 1u);
+    if (k == 4) return v.i + 1;
+    if (k == 5) return v.below + static_cast<int>((v.mask >> 6) & 1u);
+    if (k == 6) return v.below;
+    return v.below - 1;
+  }
+  template <int k>
+  int slotOf(const Visit& v) const {
+    return k < 4 ? 8 * v.i + 2 * k : 8 * neighbourOf<k>(v) + 2 * (k - 4) + 1;
+  }
   int head(int s) const { return (s & 1) ? (s >> 3) : neighbour(s >> 3, (s & 7) >> 1); }
   int parent(const nodes* /*base*/, int x) const { return slots[x]; }
   int up(const nodes* /*base*/, int x) const { return ups[x]; }
@@ -406,6 +519,11 @@ struct BandTopology {
   void setParent(nodes* /*base*/, int x, int s, int to) const {
     slots[x] = s;
     ups[x] = s >= 0 ? to : s;
+  }
+  // setParent with s a slot (never TERMINAL or NONE).
+  void linkParent(nodes* /*base*/, int x, int s, int to) const {
+    slots[x] = s;
+    ups[x] = to;
   }
   void setTree(nodes* /*base*/, int x, int t) const { trees[x] = static_cast<unsigned char>(t); }
   float& terminal(nodes* /*base*/, int x) const { return terminals[x]; }
@@ -433,22 +551,26 @@ constexpr int kRecordedPath = 1024;
 // middle edge (`start`) out to the half's root, and makes orphans of the
 // nodes whose parent edge (and of the root whose terminal link) it
 // saturates. On the sink half the residual runs from a node to its parent
-// (slot p), on the source half from the parent to the node (slot p ^ 1).
-// The node whose parent slot is p is the tail of p: when the first pass
-// recorded the half (len <= kRecordedPath) its slots and tails are read back,
-// otherwise the parent chain is walked again.
+// (slot p), on the source half from the parent to the node (slot p ^ 1): the
+// forward slot. When the first pass recorded the half (len <=
+// kRecordedPath) it recorded the forward slots, and the node that loses its
+// parent is worked out only then, as the tail of its parent slot p (head(p ^
+// 1)); otherwise the parent chain is walked again.
 template <bool sinkHalf, class Topology>
-void pushHalf(VELDSEGraph* g, const Topology& topo, int start, const int* slots, const int* tails, int len,
-              int root, float f) {
+void pushHalf(VELDSEGraph* g, const Topology& topo, int start, const int* forwards, int len, int root, float f) {
   float* const caps = g->m_caps;
   nodes* const base = g->m_nodes;
   if (len <= kRecordedPath) {
+    // Indices held as long (a no-op on 32-bit targets): a slot index is
+    // widened once, at its load, instead of again after every xor. Two
+    // steps per round of the loop: half the loop's own test and count.
+#pragma GCC unroll 2
     for (int k = 0; k < len; ++k) {
-      const int forward = sinkHalf ? slots[k] : slots[k] ^ 1;
+      const long forward = forwards[k];
       const float left = caps[forward] - f;
       caps[forward] = left;
       caps[forward ^ 1] += f;
-      if (left == 0.0f) topo.orphan(g, tails[k]);
+      if (left == 0.0f) topo.orphan(g, topo.head(static_cast<int>(sinkHalf ? forward ^ 1 : forward)));
     }
   } else {
     int x = start;
@@ -470,58 +592,68 @@ void pushHalf(VELDSEGraph* g, const Topology& topo, int start, const int* slots,
   if (terminal == 0.0f) topo.orphan(g, root);
 }
 
+// The augmentation through slot `middle`, whose head (sinkStart) is in the
+// sink tree and whose tail (sourceStart) in the source tree: the searching
+// loop knows both nodes already.
 template <class Topology>
-void augmentPath(VELDSEGraph* g, const Topology& topo, int middle) {
+void augmentPath(VELDSEGraph* g, const Topology& shared, int middle, int sinkStart, int sourceStart) {
+  // A copy of the topology's fields that nothing else can reach (see
+  // adoptOrphan): the path buffers' stores cannot force reloads.
+  const Topology topo = shared;
   float* const caps = g->m_caps;
   nodes* const base = g->m_nodes;
-  // The first pass records the slots of each half so that the second pass
-  // need not chase the parent chain again; a half longer than the buffer is
-  // walked twice instead.
+  // The first pass records the forward slots of each half so that the second
+  // pass need not chase the parent chain again; a half longer than the
+  // buffer is walked twice instead.
   constexpr int kRecorded = kRecordedPath;
-  int sinkSlots[kRecorded], sourceSlots[kRecorded];
-  // ... with the node each slot leaves from (its tail).
-  int sinkTails[kRecorded], sourceTails[kRecorded];
+  int sinkForwards[kRecorded], sourceForwards[kRecorded];
 
   // Bottleneck over the sink half, the middle edge and the source half. The
   // two halves are independent chains, walked in step so that their loads
-  // overlap; the minimum does not depend on the order it is taken in.
+  // overlap; the minimum does not depend on the order it is taken in. The
+  // steps are taken in this order whether or not they are recorded: the
+  // loops below only move the buffer's bound test out of the steps.
   float f = caps[middle];
   int sinkLen = 0;
   int sourceLen = 0;
-  int xs = topo.head(middle);
-  int xr = topo.head(middle ^ 1);
-  int us = topo.up(base, xs);
-  int ur = topo.up(base, xr);
-  const auto sinkStep = [&] {
-    const int p = topo.parent(base, xs);
+  // Node and slot indices as long (see pushHalf).
+  long xs = sinkStart;
+  long xr = sourceStart;
+  long us = topo.up(base, sinkStart);
+  long ur = topo.up(base, sourceStart);
+  const auto sinkStep = [&](auto record) SEGCORE_ALWAYS_INLINE {
+    const long p = topo.parent(base, static_cast<int>(xs));
     if (caps[p] < f) f = caps[p];
-    if (sinkLen < kRecorded) {
-      sinkSlots[sinkLen] = p;
-      sinkTails[sinkLen] = xs;
-    }
+    if (decltype(record)::value) sinkForwards[sinkLen] = static_cast<int>(p);
     ++sinkLen;
     xs = us;
-    us = topo.up(base, xs);
+    us = topo.up(base, static_cast<int>(xs));
   };
-  const auto sourceStep = [&] {
-    const int p = topo.parent(base, xr);
-    if (caps[p ^ 1] < f) f = caps[p ^ 1];
-    if (sourceLen < kRecorded) {
-      sourceSlots[sourceLen] = p;
-      sourceTails[sourceLen] = xr;
-    }
+  const auto sourceStep = [&](auto record) SEGCORE_ALWAYS_INLINE {
+    const long forward = static_cast<long>(topo.parent(base, static_cast<int>(xr))) ^ 1;
+    if (caps[forward] < f) f = caps[forward];
+    if (decltype(record)::value) sourceForwards[sourceLen] = static_cast<int>(forward);
     ++sourceLen;
     xr = ur;
-    ur = topo.up(base, xr);
+    ur = topo.up(base, static_cast<int>(xr));
   };
-  while (us != VELDSEGraph::TERMINAL && ur != VELDSEGraph::TERMINAL) {
-    sinkStep();
-    sourceStep();
+  const std::true_type recorded{};
+  const std::false_type unrecorded{};
+  // In step, both halves equally long so far.
+  while (us != VELDSEGraph::TERMINAL && ur != VELDSEGraph::TERMINAL && sinkLen < kRecorded) {
+    sinkStep(recorded);
+    sourceStep(recorded);
   }
-  while (us != VELDSEGraph::TERMINAL) sinkStep();
-  while (ur != VELDSEGraph::TERMINAL) sourceStep();
-  const int sinkRoot = xs;
-  const int sourceRoot = xr;
+  while (us != VELDSEGraph::TERMINAL && ur != VELDSEGraph::TERMINAL) {
+    sinkStep(unrecorded);
+    sourceStep(unrecorded);
+  }
+  while (us != VELDSEGraph::TERMINAL && sinkLen < kRecorded) sinkStep(recorded);
+  while (us != VELDSEGraph::TERMINAL) sinkStep(unrecorded);
+  while (ur != VELDSEGraph::TERMINAL && sourceLen < kRecorded) sourceStep(recorded);
+  while (ur != VELDSEGraph::TERMINAL) sourceStep(unrecorded);
+  const int sinkRoot = static_cast<int>(xs);
+  const int sourceRoot = static_cast<int>(xr);
   if (-topo.terminal(base, sinkRoot) < f) f = -topo.terminal(base, sinkRoot);
   if (topo.terminal(base, sourceRoot) < f) f = topo.terminal(base, sourceRoot);
 
@@ -529,143 +661,201 @@ void augmentPath(VELDSEGraph* g, const Topology& topo, int middle) {
   caps[middle ^ 1] += f;
 
   // Push and collect orphans, sink half first, each half from the middle out.
-  pushHalf<true>(g, topo, topo.head(middle), sinkSlots, sinkTails, sinkLen, sinkRoot, f);
-  pushHalf<false>(g, topo, topo.head(middle ^ 1), sourceSlots, sourceTails, sourceLen, sourceRoot, f);
+  pushHalf<true>(g, topo, sinkStart, sinkForwards, sinkLen, sinkRoot, f);
+  pushHalf<false>(g, topo, sourceStart, sourceForwards, sourceLen, sourceRoot, f);
 
   g->m_flow += f;
 }
 
-// Adoption of orphan o of tree `tree`. sinkSide selects which slot of a pair
-// carries the residual towards the parent: from o to j in the sink tree, from
-// j to o in the source tree.
-template <bool sinkSide, class Topology>
-void adoptOrphan(VELDSEGraph* g, int i, const Topology& topo) {
+template <class Topology>
+void augmentPath(VELDSEGraph* g, const Topology& topo, int middle) {
+  augmentPath(g, topo, middle, topo.head(middle), topo.head(middle ^ 1));
+}
+
+// The new parent of orphan i (visit v) of tree `tree`, linked; false when no
+// neighbour qualifies. The parent is the candidate nearest the terminal, ties
+// to the earlier slot. The candidates' chains are walked side by side, one
+// step each per round, so the first chain to reach the terminal (the earliest
+// of a round) is the nearest, no chain is walked beyond that distance, and
+// the loads of up to eight independent chains overlap. A chain through an
+// orphan fails. A candidate is its slot (the neighbour is the slot's head,
+// worked out for the winner alone) and the node its chain has reached.
+template <bool sinkSide, class Topology, class Visit>
+SEGCORE_ALWAYS_INLINE inline bool findParent(VELDSEGraph* g, int i, const Topology& topo, const Visit& v) {
   const int tree = sinkSide ? VELDSEGraph::SINK_TREE : VELDSEGraph::SOURCE_TREE;
   nodes* const base = g->m_nodes;
   float* const caps = g->m_caps;
-  const unsigned mask = topo.mask(i);
-
-  // The parent is the candidate nearest the terminal, ties to the earlier
-  // slot. The candidates' chains are walked side by side, one step each per
-  // round, so the first chain to reach the terminal (the earliest of a round)
-  // is the nearest, no chain is walked beyond that distance, and the loads of
-  // up to eight independent chains overlap. A chain through an orphan fails.
-  int candNode[8], candSlot[8], candUp[8];
+  int candSlot[8], candUp[8];
   int n = 0;
-  for (int k = 0; k < 8; ++k) {
-    if ((mask & (1u << k)) == 0) continue;
+  const bool adopted = eachDirection([&](auto dir) SEGCORE_ALWAYS_INLINE {
+    constexpr int k = decltype(dir)::value;
+    if ((v.mask & (1u << k)) == 0) return false;
     // Where the topology allows, the neighbour's own state first (dense
     // arrays), its pair's capacity (perhaps in the neighbour's floats) only
-    // for a possible parent.
-    const int j = topo.neighbour(i, k);
-    const auto candidate = [&] { return topo.tree(base, j) == tree && topo.parent(base, j) != VELDSEGraph::NONE; };
-    if (Topology::kTreeFirst && !candidate()) continue;
-    const int e = topo.slot(i, k);
-    if (caps[e] == VELDSEGraph::ABSENT_EDGE) continue;
-    if ((sinkSide ? caps[e] : caps[e ^ 1]) == 0.0f) continue;
-    if (!Topology::kTreeFirst && !candidate()) continue;
+    // for a possible parent. The parent node is NONE exactly when the parent
+    // slot is, and it is needed next anyway.
+    const int j = topo.template neighbourOf<k>(v);
+    if (Topology::kTreeFirst && topo.tree(base, j) != tree) return false;
+    const int e = topo.template slotOf<k>(v);
+    if (isAbsent(caps[e])) return false;
+    if (isZero(sinkSide ? caps[e] : caps[e ^ 1])) return false;
+    if (!Topology::kTreeFirst && topo.tree(base, j) != tree) return false;
     const int u = topo.up(base, j);
+    if (u == VELDSEGraph::NONE) return false;
     if (u == VELDSEGraph::TERMINAL) {
       // Two steps from the terminal: nothing later can be strictly nearer,
       // and every earlier candidate is further.
-      topo.setParent(base, i, e, j);
-      return;
+      topo.linkParent(base, i, e, j);
+      return true;
     }
-    candNode[n] = j;
     candSlot[n] = e;
     candUp[n] = u;
     ++n;
-  }
+    return false;
+  });
+  if (adopted) return true;
   while (n > 0) {
     int alive = 0;
     for (int c = 0; c < n; ++c) {
       const int u = topo.up(base, candUp[c]);
       if (u == VELDSEGraph::TERMINAL) {
-        topo.setParent(base, i, candSlot[c], candNode[c]);
-        return;
+        topo.linkParent(base, i, candSlot[c], topo.head(candSlot[c]));
+        return true;
       }
       if (u == VELDSEGraph::NONE) continue;
-      candNode[alive] = candNode[c];
       candSlot[alive] = candSlot[c];
       candUp[alive] = u;
       ++alive;
     }
     n = alive;
   }
+  return false;
+}
 
+// Orphan i (visit v) of tree `tree` found no parent: it becomes free, its
+// neighbours of the tree that could grow back into it are queued as active,
+// and its children become orphans.
+template <bool sinkSide, class Topology, class Visit>
+SEGCORE_ALWAYS_INLINE inline void freeOrphan(VELDSEGraph* g, int i, const Topology& topo, const Visit& v) {
+  const int tree = sinkSide ? VELDSEGraph::SINK_TREE : VELDSEGraph::SOURCE_TREE;
+  nodes* const base = g->m_nodes;
+  float* const caps = g->m_caps;
   topo.setParent(base, i, VELDSEGraph::NONE, -1);
   topo.setTree(base, i, VELDSEGraph::FREE_TREE);
-  for (int k = 0; k < 8; ++k) {
-    if ((mask & (1u << k)) == 0) continue;
+  eachDirection([&](auto dir) SEGCORE_ALWAYS_INLINE {
+    constexpr int k = decltype(dir)::value;
+    if ((v.mask & (1u << k)) == 0) return false;
     // Neighbours of the same tree, including ones that are themselves orphans
     // still waiting in the queue: such a neighbour may be re-adopted later,
     // and unless it is queued now nobody would grow back into o. Skipping
     // them leaves free nodes with residual edges into a tree at the end, so
     // the cut is not minimal (and an augmenting path can be missed).
-    const int j = topo.neighbour(i, k);
-    if (Topology::kTreeFirst && topo.tree(base, j) != tree) continue;
-    const int e = topo.slot(i, k);
-    if (caps[e] == VELDSEGraph::ABSENT_EDGE) continue;
-    if (!Topology::kTreeFirst && topo.tree(base, j) != tree) continue;
-    if ((sinkSide ? caps[e] : caps[e ^ 1]) != 0.0f) topo.pushActive(g, j);
+    const int j = topo.template neighbourOf<k>(v);
+    if (Topology::kTreeFirst && topo.tree(base, j) != tree) return false;
+    const int e = topo.template slotOf<k>(v);
+    if (isAbsent(caps[e])) return false;
+    if (!Topology::kTreeFirst && topo.tree(base, j) != tree) return false;
+    if (!isZero(sinkSide ? caps[e] : caps[e ^ 1])) topo.pushActive(g, j);
     if (topo.up(base, j) == i) topo.orphan(g, j);
+    return false;
+  });
+}
+
+// Adoption of orphan o of tree `tree`. sinkSide selects which slot of a pair
+// carries the residual towards the parent: from o to j in the sink tree, from
+// j to o in the source tree.
+template <bool sinkSide, class Topology>
+SEGCORE_ALWAYS_INLINE inline void adoptOrphan(VELDSEGraph* g, int i, const Topology& shared) {
+  // A copy of the topology's fields that nothing else can reach: the stores
+  // into the node state (some through a byte pointer, which may alias
+  // anything) then cannot force them to be reloaded from the caller's
+  // object on every direction.
+  const Topology topo = shared;
+  const auto v = topo.visit(i);
+  if (!findParent<sinkSide>(g, i, topo, v)) freeOrphan<sinkSide>(g, i, topo, v);
+}
+
+// Growth from node i (visit v) of the source tree, or of the sink tree when
+// fromSink: free neighbours reachable through a residual slot join the tree
+// as i's children and become active. Returns the first slot, oriented from
+// the source side, whose far node is in the other tree (the middle of an
+// augmenting path; that node in *middleNode), or -1 when there is none. A
+// neighbour of the node's own tree is passed over whatever its capacity;
+// where the topology allows (kTreeFirst), its tree is looked at first, since
+// the capacity of a pair towards a later neighbour lies in that neighbour's
+// floats.
+template <bool fromSink, class Topology, class Visit>
+SEGCORE_ALWAYS_INLINE inline int growFrom(VELDSEGraph* g, const Topology& topo, int i, const Visit& v,
+                                          int* middleNode) {
+  constexpr int own = fromSink ? VELDSEGraph::SINK_TREE : VELDSEGraph::SOURCE_TREE;
+  constexpr int other = fromSink ? VELDSEGraph::SOURCE_TREE : VELDSEGraph::SINK_TREE;
+  nodes* const base = g->m_nodes;
+  float* const caps = g->m_caps;
+  int middle = -1;
+  eachDirection([&](auto dir) SEGCORE_ALWAYS_INLINE {
+    constexpr int k = decltype(dir)::value;
+    if ((v.mask & (1u << k)) == 0) return false;
+    const int j = topo.template neighbourOf<k>(v);
+    if (Topology::kTreeFirst && topo.tree(base, j) == own) return false;
+    const int e = fromSink ? topo.template slotOf<k>(v) ^ 1 : topo.template slotOf<k>(v);
+    if (!residual(caps[e])) return false;
+    const int jTree = topo.tree(base, j);
+    if (jTree == VELDSEGraph::FREE_TREE) {
+      topo.setTree(base, j, own);
+      topo.linkParent(base, j, fromSink ? e : e ^ 1, i);
+      topo.pushActive(g, j);
+    } else if (jTree == other) {
+      middle = e;
+      *middleNode = j;
+      return true;
+    }
+    return false;
+  });
+  return middle;
+}
+
+// The orphans an augmentation left, adopted in queue order until none is left
+// (or a cancel arrives).
+template <class Topology>
+SEGCORE_ALWAYS_INLINE inline void adoptOrphans(VELDSEGraph* g, const Topology& topo) {
+  nodes* const base = g->m_nodes;
+  while (!exitRequested()) {
+    const int o = topo.popOrphan(g);
+    if (o < 0) break;
+    SEGCORE_COUNT_STEP(Topology, orphans);
+    const int oTree = topo.tree(base, o);
+    if (oTree == VELDSEGraph::SINK_TREE) {
+      adoptOrphan<true>(g, o, topo);
+    } else if (oTree == VELDSEGraph::SOURCE_TREE) {
+      adoptOrphan<false>(g, o, topo);
+    }
   }
 }
 
 // The main loop under `limit`, a watch that other runs going on side by side
 // may share (one watcher thread for all of them).
 template <class Topology>
-float serialLoop(VELDSEGraph* g, const Topology& topo, const LimitWatch& limit) {
+float serialLoop(VELDSEGraph* g, const Topology& shared, const LimitWatch& limit) {
   if (exitRequested()) return g->m_flow;
+  // A copy of the topology's fields that nothing else can reach (see
+  // adoptOrphan); augmentPath, not inlined, gets the caller's object.
+  const Topology topo = shared;
   nodes* const base = g->m_nodes;
-  float* const caps = g->m_caps;
 
   for (;;) {
     const int i = topo.popActive(g);
     if (i < 0) return g->m_flow;
-    const unsigned mask = topo.mask(i);
+    const auto v = topo.visit(i);
     for (;;) {
+      SEGCORE_COUNT_STEP(Topology, visits);
       topo.releaseActive(g, i);
       int middle = -1;
+      int middleNode = -1;  // the neighbour across the middle slot
       const int tree = topo.tree(base, i);
-      // A neighbour of the node's own tree is passed over whatever its
-      // capacity; where the topology allows (kTreeFirst), its tree is looked
-      // at first, since the capacity of a pair towards a later neighbour
-      // lies in that neighbour's floats.
       if (tree == VELDSEGraph::SOURCE_TREE) {
-        for (int k = 0; k < 8; ++k) {
-          if ((mask & (1u << k)) == 0) continue;
-          const int j = topo.neighbour(i, k);
-          if (Topology::kTreeFirst && topo.tree(base, j) == VELDSEGraph::SOURCE_TREE) continue;
-          const int e = topo.slot(i, k);
-          if (!residual(caps[e])) continue;
-          const int jTree = topo.tree(base, j);
-          if (jTree == VELDSEGraph::FREE_TREE) {
-            topo.setTree(base, j, VELDSEGraph::SOURCE_TREE);
-            topo.setParent(base, j, e ^ 1, i);
-            topo.pushActive(g, j);
-          } else if (jTree == VELDSEGraph::SINK_TREE) {
-            middle = e;
-            break;
-          }
-        }
+        middle = growFrom<false>(g, topo, i, v, &middleNode);
       } else if (tree == VELDSEGraph::SINK_TREE) {
-        for (int k = 0; k < 8; ++k) {
-          if ((mask & (1u << k)) == 0) continue;
-          const int j = topo.neighbour(i, k);
-          if (Topology::kTreeFirst && topo.tree(base, j) == VELDSEGraph::SINK_TREE) continue;
-          const int e = topo.slot(i, k) ^ 1;
-          if (!residual(caps[e])) continue;
-          const int jTree = topo.tree(base, j);
-          if (jTree == VELDSEGraph::FREE_TREE) {
-            topo.setTree(base, j, VELDSEGraph::SINK_TREE);
-            topo.setParent(base, j, e, i);
-            topo.pushActive(g, j);
-          } else if (jTree == VELDSEGraph::SOURCE_TREE) {
-            middle = e;
-            break;
-          }
-        }
+        middle = growFrom<true>(g, topo, i, v, &middleNode);
       }
       if (middle < 0) {
         if (limit.stop()) return g->m_flow;
@@ -675,17 +865,13 @@ float serialLoop(VELDSEGraph* g, const Topology& topo, const LimitWatch& limit) 
       // Counts as queued while its own augmentation's orphans are adopted;
       // it is visited again right after.
       topo.holdActive(g, i);
-      augmentPath(g, topo, middle);
-      while (!exitRequested()) {
-        const int o = topo.popOrphan(g);
-        if (o < 0) break;
-        const int oTree = topo.tree(base, o);
-        if (oTree == VELDSEGraph::SINK_TREE) {
-          adoptOrphan<true>(g, o, topo);
-        } else if (oTree == VELDSEGraph::SOURCE_TREE) {
-          adoptOrphan<false>(g, o, topo);
-        }
+      SEGCORE_COUNT_STEP(Topology, augmentations);
+      if (tree == VELDSEGraph::SOURCE_TREE) {
+        augmentPath(g, shared, middle, middleNode, i);
+      } else {
+        augmentPath(g, shared, middle, i, middleNode);
       }
+      adoptOrphans(g, topo);
       if (limit.stop()) return g->m_flow;
     }
   }

@@ -211,6 +211,28 @@ TEST(BandGraph, LargeBandInPiecesSolvesAsTheFullGrid) {
   }
 }
 
+// A band two pixels wide down the side of a tall box, fed at its two ends:
+// the trees meet in the middle, and each half of an augmenting path runs
+// past the 1024 slots the augmentation records on its first pass, so the
+// push walks the parent chains a second time.
+TEST(BandGraph, LongPathsSolveAsTheFullGrid) {
+  std::mt19937 rng(29);
+  const int w = 6, h = 2600;
+  GridCase gc = maxflow_reference::fullGrid(w, h, 0);
+  std::uniform_int_distribution<int> capacity(1, 9);
+  for (int p = 0; p < 4 * w * h; ++p) {
+    if (gc.absent[p]) continue;
+    gc.cap[p] = capacity(rng);
+    gc.revCap[p] = capacity(rng);
+  }
+  std::vector<bool> fixed(w * h);
+  for (int p = 0; p < w * h; ++p) fixed[p] = p % w >= 2;  // band: columns 0 and 1
+  gc.terminals[0] = {{60, 0}};
+  gc.terminals[w * (h - 1) + 1] = {{0, 60}};
+  const GridCase band = isolate(gc, fixed);
+  expectSameSolve(band, floatTerminals(band), fixed);
+}
+
 // Three nodes in a row joined by links of 2 both ways: a colour both models
 // rule out (+inf on both links: NaN), one that only the object model allows
 // (+inf from the source: trCap +inf) and one that only the background model

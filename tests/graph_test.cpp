@@ -8,6 +8,7 @@
 #include "tests/maxflow_reference.h"
 #include "tests/test_support.h"
 
+#include <cmath>
 #include <limits>
 #include <vector>
 
@@ -270,6 +271,35 @@ TEST(VELDSEGraphCrossCheck, LongPathsMatchDinic) {
     VELDSEGraph g(w * h, 8 * w * h, w, h, 0);
     build(gc, &g);
     expectSameCut(gc, &g, g.maxFlow());
+  }
+}
+
+// The solver tests capacities on their bits; each test must answer exactly
+// as the float compare it replaces, for signed zeros, NaN of either sign,
+// infinities, subnormals and the values next to ABSENT_EDGE.
+TEST(CapacityBits, AnswerAsTheFloatCompares) {
+  const float absent = VELDSEGraph::ABSENT_EDGE;
+  const float inf = std::numeric_limits<float>::infinity();
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  const float values[] = {0.0f,
+                          -0.0f,
+                          absent,
+                          -absent,
+                          std::nextafter(absent, 0.0f),
+                          std::nextafter(absent, -inf),
+                          std::numeric_limits<float>::denorm_min(),
+                          -std::numeric_limits<float>::denorm_min(),
+                          1.0f,
+                          -1.0f,
+                          inf,
+                          -inf,
+                          nan,
+                          -nan};
+  for (const float c : values) {
+    SCOPED_TRACE(::testing::Message() << "capacity " << c << (std::signbit(c) ? " (sign set)" : ""));
+    EXPECT_EQ(graphcore::isZero(c), c == 0.0f);
+    EXPECT_EQ(graphcore::isAbsent(c), c == absent);
+    EXPECT_EQ(graphcore::residual(c), c != 0.0f && c != absent);
   }
 }
 
