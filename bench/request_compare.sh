@@ -91,7 +91,7 @@ countRun() {
 # calling thread (collected only inside it); total = caller + every other
 # thread of BM_Request less the other threads of its set-up alone
 # (BM_RequestSetUp: the photo's conversion in slices on large photos, the
-# history's page toucher). Two runs at a time.
+# history's page touching). Two runs at a time.
 for c in $CASES; do
   f="photo:${c%%:*}/tenths_mp:${c##*:}/"
   for side in before after; do
