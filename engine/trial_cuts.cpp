@@ -8,7 +8,6 @@
 // cutting one after the other. With one core (or when the memory for more
 // graphs cannot be had) the trials run one after the other on the request's
 // graph, still with the shared weights.
-#include <sys/time.h>
 
 #include <memory>
 #include <new>
@@ -37,11 +36,7 @@ bool stopAfterTrial() {
   if (VELDSEMarker::m_exitApp.load(std::memory_order_relaxed)) return true;
   const CpuTimer* t = g_cancelTimer;
   if (t == nullptr) return false;
-  struct timeval now;
-  gettimeofday(&now, nullptr);
-  const double elapsedMs = (static_cast<double>(now.tv_sec - t->start.tv_sec) * 1e6 +
-                            static_cast<double>(now.tv_usec - t->start.tv_usec)) * 0.001;
-  return elapsedMs > VELDSEGraph::TIME_LIMIT_MS;
+  return elapsedMsSoFar(t) > VELDSEGraph::TIME_LIMIT_MS;
 }
 
 // The weights of the trials, as the weight selection sets them for each

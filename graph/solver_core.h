@@ -222,11 +222,7 @@ class LimitWatch {
   LimitWatch() {
     const CpuTimer* t = g_cancelTimer;
     if (t == nullptr) return;
-    struct timeval now;
-    gettimeofday(&now, nullptr);
-    const double elapsedMs = (static_cast<double>(now.tv_sec - t->start.tv_sec) * 1e6 +
-                              static_cast<double>(now.tv_usec - t->start.tv_usec)) * 0.001;
-    untilDueMs_ = VELDSEGraph::TIME_LIMIT_MS - elapsedMs - kEarlyMs;
+    untilDueMs_ = VELDSEGraph::TIME_LIMIT_MS - elapsedMsSoFar(t) - kEarlyMs;
     if (untilDueMs_ <= 0.0 || !watcher_.start(wait_)) due_.store(true, std::memory_order_relaxed);
   }
   ~LimitWatch() {

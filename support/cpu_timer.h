@@ -36,6 +36,15 @@ double get_elapsed_time_in_millisec(CpuTimer* t);
 double get_elapsed_time_in_sec(CpuTimer* t);
 }
 
+// Milliseconds from t's start to now, read without stopping t (so any thread
+// may ask while the timer runs). t must not be null.
+inline double elapsedMsSoFar(const CpuTimer* t) {
+  struct timeval now;
+  gettimeofday(&now, nullptr);
+  return (static_cast<double>(now.tv_sec - t->start.tv_sec) * 1e6 +
+          static_cast<double>(now.tv_usec - t->start.tv_usec)) * 0.001;
+}
+
 // g_timer's own create and destroy.
 void init_timer();
 void exit_timer();
