@@ -17,10 +17,49 @@ void extractTrainingData(const IplImage* colour, const IplImage* label,
                          std::vector<pixelVal>& objectSet,
                          std::vector<pixelVal>& backgroundSet);
 
+// The component each model assigns to the colour of every pixel of the
+// working box, kept from the last time the box's terminal weights were worked
+// out (the densities and the assignment come from one evaluation, see
+// densityAndCluster). The refit that follows a cut assigns its samples with
+// the very models that cut was built with, so it can look them up instead of
+// evaluating them again; `objectModel` and `backgroundModel` are the models
+// they were recorded with, and a lookup is only made for a model still equal
+// to its recorded copy, byte for byte.
+struct RecordedClusters {
+  static const unsigned char kNone = 0xFF;
+  // Per box pixel, row by row: the object model's component in the low four
+  // bits and the background model's in the high four; kNone where the
+  // pixel's weights were not worked out (hard-coded pixels). Empty when
+  // nothing is recorded.
+  std::vector<unsigned char> perPixel;
+  VELDSEColorModel objectModel;
+  VELDSEColorModel backgroundModel;
+  // Set once every pixel's entry is written for the two models above.
+  bool valid = false;
+};
+
+// extractTrainingData, and beside each sample of each set the component
+// `recorded` holds for it under that set's model (-1 where it holds none, or
+// where the model is no longer the one recorded, and for the fillers).
+// `label` is box-sized like recorded.perPixel. O(box).
+void extractTrainingData(const IplImage* colour, const IplImage* label,
+                         std::vector<pixelVal>& objectSet,
+                         std::vector<pixelVal>& backgroundSet,
+                         const RecordedClusters& recorded,
+                         const VELDSEColorModel& objectModel,
+                         const VELDSEColorModel& backgroundModel,
+                         std::vector<signed char>& objectKnown,
+                         std::vector<signed char>& backgroundKnown);
+
 // Hard-assignment refit: each sample goes to model.assignCluster(), every
 // component that received samples is re-estimated, others keep their values.
 // Refreshes determinants; the inverse is left to setInverseCovariance().
 void updateModel(const std::vector<pixelVal>& samples, VELDSEColorModel& model);
+// The same, taking known[i] as sample i's component where it is 0 or more
+// (what assignCluster returns for it under this model) and assigning the
+// others; `known` as long as the set.
+void updateModel(const std::vector<pixelVal>& samples, VELDSEColorModel& model,
+                 const std::vector<signed char>& known);
 void updateModel(const std::vector<pixelVal>& objectSet,
                  const std::vector<pixelVal>& backgroundSet,
                  VELDSEColorModel& objectModel, VELDSEColorModel& backgroundModel);

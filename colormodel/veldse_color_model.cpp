@@ -170,6 +170,25 @@ int VELDSEColorModel::assignCluster(pixelVal x) {
   return best;
 }
 
+double densityAndCluster(const VELDSEColorModel& model, const pixelVal& x, int* cluster) {
+  double p = 0.0;
+  int best = 0;
+  double bestScore = 0;
+  for (int k = 0; k < 5; ++k) {
+    double pk = 0;
+    if (model.determinant[k] != 0) {
+      pk = std::exp(-0.5 * quadForm(model.inverseCovariance[k], model.mean[k], x)) * model.normFactor[k];
+    }
+    p += model.weight[k] * pk;
+    if (k == 0 || pk > bestScore) {
+      best = k;
+      bestScore = pk;
+    }
+  }
+  *cluster = best;
+  return p;
+}
+
 void VELDSEColorModel::EM(std::vector<pixelVal> samples, int iterations) {
   const size_t n = samples.size();
   if (n < 5) return;

@@ -57,4 +57,10 @@ class VELDSEColorModel {
   double inverseCovariance[5][9];
 };
 
+// GMMProb(x), and in *cluster what assignCluster(x) returns, from one
+// evaluation of the five components: each component's density is the same
+// product of the same two factors in both, so the two results are bit for
+// bit theirs. Costs what GMMProb costs.
+double densityAndCluster(const VELDSEColorModel& model, const pixelVal& x, int* cluster);
+
 #endif

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "engine/veldse_hybrid.h"
+#include "colormodel/training.h"
 #include "engine/working_cuts.h"
 #include "interface/veldse_marker.h"
 #include "support/colour_memo.h"
@@ -33,12 +34,15 @@ const float kHardConstraint = 1000.0f;
 struct WeightPair {
   float toObject;
   float toBackground;
+  unsigned char clusters;  // as RecordedClusters::perPixel holds them
 };
 
 // Calls put(node, toObject, toBackground) for every pixel of box rows
-// [r0, r1), row by row.
+// [r0, r1), row by row; when `clusters` is given, also records there each
+// pixel's components under both models (RecordedClusters::perPixel).
 template <class Put>
-void forTerminalWeights(const VELDSEHybrid& h, const IplImage* label, int r0, int r1, const Put& put) {
+void forTerminalWeights(const VELDSEHybrid& h, const IplImage* label, int r0, int r1, unsigned char* clusters,
+                        const Put& put) {
   const int width = h.m_boundWidth;
   const int x0 = VELDSEMarker::m_xMinBBox;
   const int y0 = VELDSEMarker::m_yMinBBox;
@@ -57,12 +61,13 @@ void forTerminalWeights(const VELDSEHybrid& h, const IplImage* label, int r0, in
     for (int c = 0; c < width; ++c) {
       const int node = r * width + c;
       const unsigned char code = codes[c];
-      if (code == LABEL_BG) {
-        put(node, 0.0f, kHardConstraint);
-        continue;
-      }
-      if (code == LABEL_FG) {
-        put(node, kHardConstraint, 0.0f);
+      if (code == LABEL_BG || code == LABEL_FG) {
+        if (clusters != nullptr) clusters[node] = RecordedClusters::kNone;
+        if (code == LABEL_BG) {
+          put(node, 0.0f, kHardConstraint);
+        } else {
+          put(node, kHardConstraint, 0.0f);
+        }
         continue;
       }
       const unsigned char* px = src + 3 * c;
@@ -77,17 +82,19 @@ void forTerminalWeights(const VELDSEHybrid& h, const IplImage* label, int r0, in
         // Background first; a zero density gives an infinite weight on
         // purpose (the pixel cannot belong to that side), so nothing is
         // clamped.
-        const double lb = std::log(bgModel.GMMProb(sample));
-        const double lf = std::log(fgModel.GMMProb(sample));
-        WeightPair pair{static_cast<float>(-lb), static_cast<float>(-lf)};
+        int bgCluster;
+        int fgCluster;
+        const double lb = std::log(densityAndCluster(bgModel, sample, &bgCluster));
+        const double lf = std::log(densityAndCluster(fgModel, sample, &fgCluster));
+        WeightPair pair{static_cast<float>(-lb), static_cast<float>(-lf),
+                        static_cast<unsigned char>(fgCluster | bgCluster << 4)};
         // Grey photos give many pixels the two models cannot tell apart; tie
         // them exactly so that only the smoothness term decides.
         if (grey && std::fabs(static_cast<float>(lf - lb)) < 0.0001) pair.toObject = pair.toBackground;
         return pair;
       });
-      const float toObject = w.toObject;
-      const float toBackground = w.toBackground;
-      put(node, toObject, toBackground);
+      if (clusters != nullptr) clusters[node] = w.clusters;
+      put(node, w.toObject, w.toBackground);
     }
   }
 }
@@ -99,21 +106,47 @@ void finishEdges(VELDSEGraph* g, int nodeCount) {
   g->m_capCount = 8 * nodeCount;
 }
 
+// Room for the components of every box pixel and copies of the models they
+// are worked out with; null (nothing recorded) when none is asked for or the
+// room cannot be had.
+unsigned char* startRecording(const VELDSEHybrid& h, RecordedClusters* record) {
+  if (record == nullptr) return nullptr;
+  record->valid = false;
+  try {
+    record->perPixel.resize(static_cast<size_t>(h.m_boundWidth) * static_cast<size_t>(h.m_boundHeight));
+  } catch (const std::bad_alloc&) {
+    // Only a saving is lost: the refit assigns every sample itself.
+    record->perPixel.clear();
+    return nullptr;
+  }
+  record->objectModel = h.m_fgModel;
+  record->backgroundModel = h.m_bgModel;
+  return record->perPixel.data();
+}
+
+// The record holds once every entry is written.
+void finishRecording(RecordedClusters* record, const unsigned char* clusters) {
+  if (clusters != nullptr) record->valid = true;
+}
+
 }  // namespace
 
 namespace workingcuts {
 
-void terminalWeightRows(const VELDSEHybrid& h, const IplImage* label, float* pairs, int r0, int r1) {
-  forTerminalWeights(h, label, r0, r1, [pairs](int node, float toObject, float toBackground) {
+void terminalWeightRows(const VELDSEHybrid& h, const IplImage* label, float* pairs, int r0, int r1,
+                        unsigned char* clusters) {
+  forTerminalWeights(h, label, r0, r1, clusters, [pairs](int node, float toObject, float toBackground) {
     pairs[2 * node] = toObject;
     pairs[2 * node + 1] = toBackground;
   });
 }
 
-void terminalWeights(const VELDSEHybrid& h, const IplImage* label, float* pairs) {
+void terminalWeights(const VELDSEHybrid& h, const IplImage* label, float* pairs, RecordedClusters* record) {
+  unsigned char* const clusters = startRecording(h, record);
   const int height = h.m_boundHeight;
   slices::forSlicesFrom(height, static_cast<long>(height) * h.m_boundWidth, slices::parallelItems(),
-                        [&](int r0, int r1) { terminalWeightRows(h, label, pairs, r0, r1); });
+                        [&](int r0, int r1) { terminalWeightRows(h, label, pairs, r0, r1, clusters); });
+  finishRecording(record, clusters);
 }
 
 void neighbourLinkRows(const VELDSEHybrid& h, double lambda, float* caps, int r0, int r1) {
@@ -178,9 +211,13 @@ int writeCut(VELDSEGraph* g, IplImage* label) {
 
 void VELDSEHybrid::constructGraphVELD() { constructGraphVELD_Whole_Image(); }
 
-void VELDSEHybrid::constructGraphVELD_Whole_Image() {
-  VELDSEGraph* graph = m_graph;
-  const int n = m_boundHeight * m_boundWidth;
+void VELDSEHybrid::constructGraphVELD_Whole_Image() { workingcuts::wholeBoxGraph(*this, nullptr); }
+
+namespace workingcuts {
+
+void wholeBoxGraph(VELDSEHybrid& h, RecordedClusters* record) {
+  VELDSEGraph* graph = h.m_graph;
+  const int n = h.m_boundHeight * h.m_boundWidth;
   // The weight pairs of all nodes; without them the weights go to the graph
   // as they are worked out, on this thread alone (the same graph).
   const owned::Tracked<float> pairs(static_cast<float*>(VELD_Malloc_Msg(
@@ -189,19 +226,23 @@ void VELDSEHybrid::constructGraphVELD_Whole_Image() {
   graph->reset();
   graph->addNode(n);
   float* const caps = graph->m_caps;
+  unsigned char* const clusters = startRecording(h, record);
   if (pairs.get() != nullptr) {
     float* const p = pairs.get();
-    const int height = m_boundHeight;
-    slices::forSlicesFrom(height, static_cast<long>(n), slices::parallelItems(), [&](int r0, int r1) {
-      workingcuts::terminalWeightRows(*this, m_cropLabel, p, r0, r1);
-      workingcuts::neighbourLinkRows(*this, m_lambda, caps, r0, r1);
+    slices::forSlicesFrom(h.m_boundHeight, static_cast<long>(n), slices::parallelItems(), [&](int r0, int r1) {
+      terminalWeightRows(h, h.m_cropLabel, p, r0, r1, clusters);
+      neighbourLinkRows(h, h.m_lambda, caps, r0, r1);
     });
     for (int node = 0; node < n; ++node) graph->addtWeights(node, p[2 * node], p[2 * node + 1]);
   } else {
-    forTerminalWeights(*this, m_cropLabel, 0, m_boundHeight, [graph](int node, float toObject, float toBackground) {
-      graph->addtWeights(node, toObject, toBackground);
-    });
-    workingcuts::neighbourLinkRows(*this, m_lambda, caps, 0, m_boundHeight);
+    forTerminalWeights(h, h.m_cropLabel, 0, h.m_boundHeight, clusters,
+                       [graph](int node, float toObject, float toBackground) {
+                         graph->addtWeights(node, toObject, toBackground);
+                       });
+    neighbourLinkRows(h, h.m_lambda, caps, 0, h.m_boundHeight);
   }
   finishEdges(graph, n);
+  finishRecording(record, clusters);
 }
+
+}  // namespace workingcuts

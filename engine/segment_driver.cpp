@@ -84,21 +84,34 @@ class RequestCleanup {
   VELDSEHybrid* engine_;
 };
 
+// What the colour models are fitted from, kept from cut to cut: the sample
+// sets (their room reused), and the components the last terminal weights
+// recorded for the box's pixels, with each sample's share of them.
+struct Training {
+  std::vector<pixelVal> objectSamples;
+  std::vector<pixelVal> backgroundSamples;
+  std::vector<signed char> objectKnown;
+  std::vector<signed char> backgroundKnown;
+  RecordedClusters recorded;
+};
+
 // The colour models before cut i, as the model action asks: refitted from
 // the labels so far, or fitted afresh (k-means seeded), after which the
 // models are only refitted. A fresh fit also decides whether trial weights
-// are asked for any more: a homogeneous scene gains nothing from them. The
-// sample vectors keep their room from cut to cut.
-void fitModels(VELDSEHybrid& h, int i, int* modelAction, bool* lambdaRequest, std::vector<pixelVal>& objectSamples,
-               std::vector<pixelVal>& backgroundSamples) {
+// are asked for any more: a homogeneous scene gains nothing from them. A
+// refit takes the components the last cut's weights recorded under the very
+// same models instead of assigning those samples again.
+void fitModels(VELDSEHybrid& h, int i, int* modelAction, bool* lambdaRequest, Training& t) {
   if (*modelAction == VELDSEHybrid::MODELS_UPDATE) {
-    extractTrainingData(h.m_cropSrc, h.m_cropLabel, objectSamples, backgroundSamples);
-    updateModel(objectSamples, backgroundSamples, h.m_fgModel, h.m_bgModel);
+    extractTrainingData(h.m_cropSrc, h.m_cropLabel, t.objectSamples, t.backgroundSamples, t.recorded, h.m_fgModel,
+                        h.m_bgModel, t.objectKnown, t.backgroundKnown);
+    updateModel(t.objectSamples, h.m_fgModel, t.objectKnown);
+    updateModel(t.backgroundSamples, h.m_bgModel, t.backgroundKnown);
     h.homogenousLamda(i);
   } else if (*modelAction == VELDSEHybrid::MODELS_TRAIN) {
-    extractTrainingData(h.m_cropSrc, h.m_cropLabel, objectSamples, backgroundSamples);
-    initModel(backgroundSamples, h.m_bgModel, 10);
-    initModel(objectSamples, h.m_fgModel, 10);
+    extractTrainingData(h.m_cropSrc, h.m_cropLabel, t.objectSamples, t.backgroundSamples);
+    initModel(t.backgroundSamples, h.m_bgModel, 10);
+    initModel(t.objectSamples, h.m_fgModel, 10);
     *lambdaRequest = h.homogenousLamda(i) != 0;
     *modelAction = VELDSEHybrid::MODELS_UPDATE;
   }
@@ -133,24 +146,23 @@ IplImage* VELDSEHybrid::segment() {
   VELDSEMarker::m_noiseLevel = 0.1;
   bool lambdaRequest = true;
   int modelAction = MODELS_TRAIN;
-  std::vector<pixelVal> objectSamples;
-  std::vector<pixelVal> backgroundSamples;
+  Training training;
   bool cancelled = false;
 
   for (int i = 0; i < kCuts; ++i) {
     stagemarks::reached(stagemarks::kColourModels);
     if (lambdaRequest) modelAction = parallelLamdaSwtich(i);
-    fitModels(*this, i, &modelAction, &lambdaRequest, objectSamples, backgroundSamples);
+    fitModels(*this, i, &modelAction, &lambdaRequest, training);
 
     if (i == 0 && lambdaRequest) {
       // The three trial cuts at once: they share the models just fitted and
       // the initial labels, so they are made side by side (cuts 0 to 2).
       stagemarks::reached(stagemarks::kTrialCuts);
-      workingcuts::trialCuts(*this);
+      workingcuts::trialCuts(*this, &training.recorded);
       i = 2;
     } else {
       stagemarks::reached(stagemarks::kGraphBuild);
-      constructGraphVELD_Whole_Image();
+      workingcuts::wholeBoxGraph(*this, &training.recorded);
       stagemarks::reached(stagemarks::kMaxFlow);
       m_graph->maxFlow();
       updateLabelImage();

@@ -15,6 +15,7 @@
 
 #include <opencv2/core/core_c.h>
 
+#include "colormodel/training.h"
 #include "engine/veldse_hybrid.h"
 #include "graph/veldse_graph.h"
 
@@ -23,14 +24,29 @@ namespace workingcuts {
 // Terminal weights of box rows [r0, r1) for the codes in `label` (box size):
 // pairs[2 node] is the weight to the object side and pairs[2 node + 1] the one
 // to the background side, exactly what the graph's addtWeights receives.
+// When `clusters` is given (box size), each node's entry there gets its
+// components under both models, as RecordedClusters::perPixel holds them.
 // Reads h.m_cropSrc, the texture images of grey photos and copies of both
 // models. Cost: two mixture densities (up to ten exp) per pixel not coded 1
-// or 2. Any number of calls on disjoint rows may run at once.
-void terminalWeightRows(const VELDSEHybrid& h, const IplImage* label, float* pairs, int r0, int r1);
+// or 2, each distinct colour worked out once per call. Any number of calls on
+// disjoint rows may run at once.
+void terminalWeightRows(const VELDSEHybrid& h, const IplImage* label, float* pairs, int r0, int r1,
+                        unsigned char* clusters = nullptr);
 
 // The same for the whole box, in row slices side by side when the box is
-// large enough to pay for the threads.
-void terminalWeights(const VELDSEHybrid& h, const IplImage* label, float* pairs);
+// large enough to pay for the threads; recorded in `record` (when given)
+// for the refit that follows the cut.
+void terminalWeights(const VELDSEHybrid& h, const IplImage* label, float* pairs,
+                     RecordedClusters* record = nullptr);
+
+// The graph of one cut over the box into h.m_graph, from h.m_cropLabel, the
+// models and h.m_lambda: what constructGraphVELD_Whole_Image() does, which
+// calls it without a record. With `record`, the pixels' components under the
+// two models are kept there for the refit that follows the cut (left
+// unrecorded when its room cannot be had). Terminal weights and neighbour
+// links in row slices side by side, the terminal links then added one node
+// after the other. O(box x components).
+void wholeBoxGraph(VELDSEHybrid& h, RecordedClusters* record);
 
 // Neighbour-link capacities of box rows [r0, r1) with smoothness weight
 // `lambda`, written where four addEdge calls per node (left, up-left, up,
@@ -61,8 +77,10 @@ int writeCut(VELDSEGraph* g, IplImage* label);
 // other on h.m_graph. A cancel or time-out stops every trial's solver; the
 // caller tests the flag afterwards as after any cut. Throws std::bad_alloc /
 // cv::Exception when memory the trials cannot do without runs out; whatever
-// it made is then released or left to the request's clean-up.
-void trialCuts(VELDSEHybrid& h);
+// it made is then released or left to the request's clean-up. The shared
+// terminal weights' components go to `record` (when given), as in
+// wholeBoxGraph.
+void trialCuts(VELDSEHybrid& h, RecordedClusters* record = nullptr);
 
 // Test seam: called (when set) with the trial's index right before each
 // trial's solver starts, on the thread that runs it.
