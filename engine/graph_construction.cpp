@@ -7,17 +7,22 @@
 // with 8 x nodes capacity floats never grows and the position of a pair alone
 // identifies its edge.
 //
-// The two mixture densities per pixel are most of a build: they are worked
-// out in row slices side by side into a list of weight pairs, and then added
-// to the graph one node after the other (the graph sums its terminal flow in
-// node order). The neighbour links of a row slice go straight to the floats
-// the node's four addEdge calls would write.
+// The two mixture densities per pixel are most of a build. They are a
+// function of the pixel's three bytes alone, so a request lists the box's
+// distinct triples once (its palette) and each build works every entry out
+// once, in equal shares side by side; the pixels then take their entry's
+// weights as they are added to the graph one node after the other (the graph
+// sums its terminal flow in node order). Without a palette the weights are
+// worked out in row slices, each remembering the triples it has seen. The
+// neighbour links of a row slice go straight to the floats the node's four
+// addEdge calls would write.
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <vector>
 
-#include "engine/veldse_hybrid.h"
 #include "colormodel/training.h"
+#include "engine/veldse_hybrid.h"
 #include "engine/working_cuts.h"
 #include "interface/veldse_marker.h"
 #include "support/colour_memo.h"
@@ -37,66 +42,142 @@ struct WeightPair {
   unsigned char clusters;  // as RecordedClusters::perPixel holds them
 };
 
-// Calls put(node, toObject, toBackground) for every pixel of box rows
-// [r0, r1), row by row; when `clusters` is given, also records there each
-// pixel's components under both models (RecordedClusters::perPixel).
-template <class Put>
-void forTerminalWeights(const VELDSEHybrid& h, const IplImage* label, int r0, int r1, unsigned char* clusters,
-                        const Put& put) {
-  const int width = h.m_boundWidth;
-  const int x0 = VELDSEMarker::m_xMinBBox;
-  const int y0 = VELDSEMarker::m_yMinBBox;
-  const bool grey = VELDSEMarker::m_isGreyScale;
-  // Evaluation only reads a model; copies keep each slice's on its own lines.
-  VELDSEColorModel bgModel = h.m_bgModel;
-  VELDSEColorModel fgModel = h.m_fgModel;
-  // The weights are a function of the pixel's three bytes: each distinct
-  // triple is worked out once.
-  ColourMemo<WeightPair> memo(static_cast<long>(r1 - r0) * width);
-  for (int r = r0; r < r1; ++r) {
-    const unsigned char* codes = imageRow(label, r);
-    const unsigned char* src = imageRow(h.m_cropSrc, r);
-    const unsigned char* texHor = grey ? imageRow(VELDSEMarker::m_texHor, y0 + r) + x0 : nullptr;
-    const unsigned char* texVer = grey ? imageRow(VELDSEMarker::m_texVer, y0 + r) + x0 : nullptr;
-    for (int c = 0; c < width; ++c) {
-      const int node = r * width + c;
-      const unsigned char code = codes[c];
-      if (code == LABEL_BG || code == LABEL_FG) {
-        if (clusters != nullptr) clusters[node] = RecordedClusters::kNone;
-        if (code == LABEL_BG) {
-          put(node, 0.0f, kHardConstraint);
-        } else {
-          put(node, kHardConstraint, 0.0f);
-        }
-        continue;
-      }
-      const unsigned char* px = src + 3 * c;
-      const unsigned char v0 = px[0];
-      const unsigned char v1 = grey ? texHor[c] : px[1];
-      const unsigned char v2 = grey ? texVer[c] : px[2];
-      const WeightPair w = memo.get(v0 | static_cast<uint32_t>(v1) << 8 | static_cast<uint32_t>(v2) << 16, [&] {
-        pixelVal sample;
-        sample.val[0] = v0;
-        sample.val[1] = v1;
-        sample.val[2] = v2;
-        // Background first; a zero density gives an infinite weight on
-        // purpose (the pixel cannot belong to that side), so nothing is
-        // clamped.
-        int bgCluster;
-        int fgCluster;
-        const double lb = std::log(densityAndCluster(bgModel, sample, &bgCluster));
-        const double lf = std::log(densityAndCluster(fgModel, sample, &fgCluster));
-        WeightPair pair{static_cast<float>(-lb), static_cast<float>(-lf),
-                        static_cast<unsigned char>(fgCluster | bgCluster << 4)};
-        // Grey photos give many pixels the two models cannot tell apart; tie
-        // them exactly so that only the smoothness term decides.
-        if (grey && std::fabs(static_cast<float>(lf - lb)) < 0.0001) pair.toObject = pair.toBackground;
-        return pair;
-      });
-      if (clusters != nullptr) clusters[node] = w.clusters;
-      put(node, w.toObject, w.toBackground);
+// One row of the box as the weights read it: label codes and the three bytes
+// of each pixel (colour, or grey and the two texture values).
+struct BoxRow {
+  const unsigned char* codes;
+  const unsigned char* src;
+  const unsigned char* texHor;  // grey photos only
+  const unsigned char* texVer;
+
+  BoxRow(const VELDSEHybrid& h, const IplImage* label, int r)
+      : codes(imageRow(label, r)), src(imageRow(h.m_cropSrc, r)), texHor(nullptr), texVer(nullptr) {
+    if (VELDSEMarker::m_isGreyScale) {
+      texHor = imageRow(VELDSEMarker::m_texHor, VELDSEMarker::m_yMinBBox + r) + VELDSEMarker::m_xMinBBox;
+      texVer = imageRow(VELDSEMarker::m_texVer, VELDSEMarker::m_yMinBBox + r) + VELDSEMarker::m_xMinBBox;
     }
   }
+
+  uint32_t key(int c) const {
+    const unsigned char* px = src + 3 * c;
+    const unsigned char v1 = texHor != nullptr ? texHor[c] : px[1];
+    const unsigned char v2 = texVer != nullptr ? texVer[c] : px[2];
+    return px[0] | static_cast<uint32_t>(v1) << 8 | static_cast<uint32_t>(v2) << 16;
+  }
+};
+
+bool hardCode(unsigned char code) { return code == LABEL_BG || code == LABEL_FG; }
+
+WeightPair hardWeights(unsigned char code) {
+  return code == LABEL_BG ? WeightPair{0.0f, kHardConstraint, RecordedClusters::kNone}
+                          : WeightPair{kHardConstraint, 0.0f, RecordedClusters::kNone};
+}
+
+// The weights of one triple (and its components) under the two models.
+WeightPair weightsOf(uint32_t key, const VELDSEColorModel& bgModel, const VELDSEColorModel& fgModel) {
+  pixelVal sample;
+  sample.val[0] = key & 0xFFu;
+  sample.val[1] = key >> 8 & 0xFFu;
+  sample.val[2] = key >> 16;
+  int bgCluster;
+  int fgCluster;
+  // Background first; a zero density gives an infinite weight on purpose
+  // (the pixel cannot belong to that side), so nothing is clamped.
+  const double lb = std::log(densityAndCluster(bgModel, sample, &bgCluster));
+  const double lf = std::log(densityAndCluster(fgModel, sample, &fgCluster));
+  WeightPair pair{static_cast<float>(-lb), static_cast<float>(-lf),
+                  static_cast<unsigned char>(fgCluster | bgCluster << 4)};
+  // Grey photos give many pixels the two models cannot tell apart; tie them
+  // exactly so that only the smoothness term decides.
+  if (VELDSEMarker::m_isGreyScale && std::fabs(static_cast<float>(lf - lb)) < 0.0001) {
+    pair.toObject = pair.toBackground;
+  }
+  return pair;
+}
+
+// Calls put(node, weights) for every pixel of box rows [r0, r1), row by row,
+// each distinct triple worked out once.
+template <class Put>
+void forTerminalWeights(const VELDSEHybrid& h, const IplImage* label, int r0, int r1, const Put& put) {
+  const int width = h.m_boundWidth;
+  // Evaluation only reads a model; copies keep each slice's on its own lines.
+  const VELDSEColorModel bgModel = h.m_bgModel;
+  const VELDSEColorModel fgModel = h.m_fgModel;
+  ColourMemo<WeightPair> memo(static_cast<long>(r1 - r0) * width);
+  for (int r = r0; r < r1; ++r) {
+    const BoxRow row(h, label, r);
+    for (int c = 0; c < width; ++c) {
+      const unsigned char code = row.codes[c];
+      if (hardCode(code)) {
+        put(r * width + c, hardWeights(code));
+        continue;
+      }
+      const uint32_t key = row.key(c);
+      put(r * width + c, memo.get(key, [&] { return weightsOf(key, bgModel, fgModel); }));
+    }
+  }
+}
+
+// The weights of every palette entry under the current models, in equal
+// shares side by side, into `table` (one per entry); `alongside(entry0,
+// entry1)` runs in each share after its entries (the row-sliced work of the
+// same build).
+template <class Alongside>
+void paletteWeights(const VELDSEHybrid& h, const workingcuts::BoxPalette& palette, std::vector<WeightPair>& table,
+                    const Alongside& alongside) {
+  const int entries = static_cast<int>(palette.keys.size());
+  const long work = entries > 0 ? entries : 1;
+  slices::forSlicesFrom(entries > 0 ? entries : 1, work, slices::parallelItems() / 8, [&](int e0, int e1) {
+    const VELDSEColorModel bgModel = h.m_bgModel;
+    const VELDSEColorModel fgModel = h.m_fgModel;
+    for (int e = e0; e < std::min(e1, entries); ++e) table[e] = weightsOf(palette.keys[e], bgModel, fgModel);
+    alongside(e0, e1);
+  });
+}
+
+// The rows [r0, r1) that go with entries [e0, e1) of `entries`, so that the
+// shares of a palette pass also cover the box's rows exactly once.
+int rowsAt(int e, int entries, int height) {
+  return entries <= 1 ? (e == 0 ? 0 : height) : static_cast<int>(static_cast<long>(height) * e / entries);
+}
+
+// Calls put(node, weights) for every pixel of the box, row by row, taking the
+// palette's table: what forTerminalWeights would give it. A pixel the
+// palette left out though its code is not hard (labels other than those the
+// palette was made from) is worked out here.
+template <class Put>
+void forPaletteWeights(const VELDSEHybrid& h, const IplImage* label, const workingcuts::BoxPalette& palette,
+                       const std::vector<WeightPair>& table, const Put& put) {
+  const int width = h.m_boundWidth;
+  const int* entryOf = palette.entryOf.data();
+  for (int r = 0; r < h.m_boundHeight; ++r) {
+    const BoxRow row(h, label, r);
+    for (int c = 0; c < width; ++c, ++entryOf) {
+      const unsigned char code = row.codes[c];
+      if (hardCode(code)) {
+        put(r * width + c, hardWeights(code));
+      } else if (*entryOf >= 0) {
+        put(r * width + c, table[static_cast<size_t>(*entryOf)]);
+      } else {
+        put(r * width + c, weightsOf(row.key(c), h.m_bgModel, h.m_fgModel));
+      }
+    }
+  }
+}
+
+// Whether the build can go by `palette`: one made for this box, and room for
+// its table of weights (else the builds go by row slices, as without one).
+bool paletteTable(const VELDSEHybrid& h, const workingcuts::BoxPalette* palette, std::vector<WeightPair>* table) {
+  if (palette == nullptr || palette->keys.empty() ||
+      palette->entryOf.size() != static_cast<size_t>(h.m_boundWidth) * static_cast<size_t>(h.m_boundHeight)) {
+    return false;
+  }
+  try {
+    table->resize(palette->keys.size());
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  return true;
 }
 
 // The graph's node count and capacity cursor as after four addEdge calls per
@@ -135,17 +216,60 @@ namespace workingcuts {
 
 void terminalWeightRows(const VELDSEHybrid& h, const IplImage* label, float* pairs, int r0, int r1,
                         unsigned char* clusters) {
-  forTerminalWeights(h, label, r0, r1, clusters, [pairs](int node, float toObject, float toBackground) {
-    pairs[2 * node] = toObject;
-    pairs[2 * node + 1] = toBackground;
+  forTerminalWeights(h, label, r0, r1, [pairs, clusters](int node, const WeightPair& w) {
+    pairs[2 * node] = w.toObject;
+    pairs[2 * node + 1] = w.toBackground;
+    if (clusters != nullptr) clusters[node] = w.clusters;
   });
 }
 
-void terminalWeights(const VELDSEHybrid& h, const IplImage* label, float* pairs, RecordedClusters* record) {
+void makeBoxPalette(const VELDSEHybrid& h, const IplImage* label, BoxPalette* palette) {
+  const int width = h.m_boundWidth;
+  const size_t n = static_cast<size_t>(width) * static_cast<size_t>(h.m_boundHeight);
+  try {
+    palette->entryOf.resize(n);
+    palette->keys.clear();
+    palette->keys.reserve(n);
+    ColourMemo<int> entries(static_cast<long>(n));
+    for (int r = 0; r < h.m_boundHeight; ++r) {
+      const BoxRow row(h, label, r);
+      int* entryOf = palette->entryOf.data() + static_cast<size_t>(r) * width;
+      for (int c = 0; c < width; ++c) {
+        if (hardCode(row.codes[c])) {
+          entryOf[c] = -1;
+          continue;
+        }
+        const uint32_t key = row.key(c);
+        // Within the reserved room: push_back cannot throw here.
+        entryOf[c] = entries.get(key, [&] {
+          palette->keys.push_back(key);
+          return static_cast<int>(palette->keys.size()) - 1;
+        });
+      }
+    }
+  } catch (const std::bad_alloc&) {
+    // Without a palette the builds remember triples slice by slice.
+    palette->entryOf.clear();
+    palette->keys.clear();
+  }
+}
+
+void terminalWeights(const VELDSEHybrid& h, const IplImage* label, float* pairs, RecordedClusters* record,
+                     const BoxPalette* palette) {
   unsigned char* const clusters = startRecording(h, record);
-  const int height = h.m_boundHeight;
-  slices::forSlicesFrom(height, static_cast<long>(height) * h.m_boundWidth, slices::parallelItems(),
-                        [&](int r0, int r1) { terminalWeightRows(h, label, pairs, r0, r1, clusters); });
+  std::vector<WeightPair> table;
+  if (paletteTable(h, palette, &table)) {
+    paletteWeights(h, *palette, table, [](int, int) {});
+    forPaletteWeights(h, label, *palette, table, [pairs, clusters](int node, const WeightPair& w) {
+      pairs[2 * node] = w.toObject;
+      pairs[2 * node + 1] = w.toBackground;
+      if (clusters != nullptr) clusters[node] = w.clusters;
+    });
+  } else {
+    const int height = h.m_boundHeight;
+    slices::forSlicesFrom(height, static_cast<long>(height) * h.m_boundWidth, slices::parallelItems(),
+                          [&](int r0, int r1) { terminalWeightRows(h, label, pairs, r0, r1, clusters); });
+  }
   finishRecording(record, clusters);
 }
 
@@ -211,22 +335,38 @@ int writeCut(VELDSEGraph* g, IplImage* label) {
 
 void VELDSEHybrid::constructGraphVELD() { constructGraphVELD_Whole_Image(); }
 
-void VELDSEHybrid::constructGraphVELD_Whole_Image() { workingcuts::wholeBoxGraph(*this, nullptr); }
+void VELDSEHybrid::constructGraphVELD_Whole_Image() { workingcuts::wholeBoxGraph(*this, nullptr, nullptr); }
 
 namespace workingcuts {
 
-void wholeBoxGraph(VELDSEHybrid& h, RecordedClusters* record) {
+void wholeBoxGraph(VELDSEHybrid& h, RecordedClusters* record, const BoxPalette* palette) {
   VELDSEGraph* graph = h.m_graph;
   const int n = h.m_boundHeight * h.m_boundWidth;
+  graph->reset();
+  graph->addNode(n);
+  float* const caps = graph->m_caps;
+  unsigned char* const clusters = startRecording(h, record);
+  const auto add = [graph, clusters](int node, const WeightPair& w) {
+    graph->addtWeights(node, w.toObject, w.toBackground);
+    if (clusters != nullptr) clusters[node] = w.clusters;
+  };
+  std::vector<WeightPair> table;
+  if (paletteTable(h, palette, &table)) {
+    const int entries = static_cast<int>(palette->keys.size());
+    paletteWeights(h, *palette, table, [&](int e0, int e1) {
+      neighbourLinkRows(h, h.m_lambda, caps, rowsAt(e0, entries, h.m_boundHeight),
+                        rowsAt(e1, entries, h.m_boundHeight));
+    });
+    forPaletteWeights(h, h.m_cropLabel, *palette, table, add);
+    finishEdges(graph, n);
+    finishRecording(record, clusters);
+    return;
+  }
   // The weight pairs of all nodes; without them the weights go to the graph
   // as they are worked out, on this thread alone (the same graph).
   const owned::Tracked<float> pairs(static_cast<float*>(VELD_Malloc_Msg(
       static_cast<unsigned int>(8 * static_cast<unsigned long>(n > 0 ? n : 1)),
       "constructGraphVELD_Whole_Image", 3342)));
-  graph->reset();
-  graph->addNode(n);
-  float* const caps = graph->m_caps;
-  unsigned char* const clusters = startRecording(h, record);
   if (pairs.get() != nullptr) {
     float* const p = pairs.get();
     slices::forSlicesFrom(h.m_boundHeight, static_cast<long>(n), slices::parallelItems(), [&](int r0, int r1) {
@@ -235,10 +375,7 @@ void wholeBoxGraph(VELDSEHybrid& h, RecordedClusters* record) {
     });
     for (int node = 0; node < n; ++node) graph->addtWeights(node, p[2 * node], p[2 * node + 1]);
   } else {
-    forTerminalWeights(h, h.m_cropLabel, 0, h.m_boundHeight, clusters,
-                       [graph](int node, float toObject, float toBackground) {
-                         graph->addtWeights(node, toObject, toBackground);
-                       });
+    forTerminalWeights(h, h.m_cropLabel, 0, h.m_boundHeight, add);
     neighbourLinkRows(h, h.m_lambda, caps, 0, h.m_boundHeight);
   }
   finishEdges(graph, n);

@@ -84,15 +84,17 @@ class RequestCleanup {
   VELDSEHybrid* engine_;
 };
 
-// What the colour models are fitted from, kept from cut to cut: the sample
-// sets (their room reused), and the components the last terminal weights
-// recorded for the box's pixels, with each sample's share of them.
+// What the cuts are built and the colour models fitted from, kept from cut
+// to cut: the box's palette, the sample sets (their room reused), and the
+// components the last terminal weights recorded for the box's pixels, with
+// each sample's share of them.
 struct Training {
   std::vector<pixelVal> objectSamples;
   std::vector<pixelVal> backgroundSamples;
   std::vector<signed char> objectKnown;
   std::vector<signed char> backgroundKnown;
   RecordedClusters recorded;
+  workingcuts::BoxPalette palette;
 };
 
 // The colour models before cut i, as the model action asks: refitted from
@@ -147,6 +149,7 @@ IplImage* VELDSEHybrid::segment() {
   bool lambdaRequest = true;
   int modelAction = MODELS_TRAIN;
   Training training;
+  workingcuts::makeBoxPalette(*this, m_cropLabel, &training.palette);
   bool cancelled = false;
 
   for (int i = 0; i < kCuts; ++i) {
@@ -158,11 +161,11 @@ IplImage* VELDSEHybrid::segment() {
       // The three trial cuts at once: they share the models just fitted and
       // the initial labels, so they are made side by side (cuts 0 to 2).
       stagemarks::reached(stagemarks::kTrialCuts);
-      workingcuts::trialCuts(*this, &training.recorded);
+      workingcuts::trialCuts(*this, &training.recorded, &training.palette);
       i = 2;
     } else {
       stagemarks::reached(stagemarks::kGraphBuild);
-      workingcuts::wholeBoxGraph(*this, &training.recorded);
+      workingcuts::wholeBoxGraph(*this, &training.recorded, &training.palette);
       stagemarks::reached(stagemarks::kMaxFlow);
       m_graph->maxFlow();
       updateLabelImage();

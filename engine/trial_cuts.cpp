@@ -118,7 +118,7 @@ void trialsSideBySide(VELDSEHybrid& h, VELDSEGraph* const graphs[kTrials], int p
 
 }  // namespace
 
-void trialCuts(VELDSEHybrid& h, RecordedClusters* record) {
+void trialCuts(VELDSEHybrid& h, RecordedClusters* record, const BoxPalette* palette) {
   const int width = h.m_boundWidth;
   const int height = h.m_boundHeight;
   const int n = width * height;
@@ -131,7 +131,7 @@ void trialCuts(VELDSEHybrid& h, RecordedClusters* record) {
     trialsOneAtATime(h, lambdas);
     return;
   }
-  terminalWeights(h, h.m_cropLabelInit, pairs.get(), record);
+  terminalWeights(h, h.m_cropLabelInit, pairs.get(), record, palette);
 
   // One graph per slice of trials: the request's own and, with the cores for
   // it, up to two more.

@@ -15,6 +15,9 @@
 
 #include <opencv2/core/core_c.h>
 
+#include <cstdint>
+#include <vector>
+
 #include "colormodel/training.h"
 #include "engine/veldse_hybrid.h"
 #include "graph/veldse_graph.h"
@@ -33,20 +36,37 @@ namespace workingcuts {
 void terminalWeightRows(const VELDSEHybrid& h, const IplImage* label, float* pairs, int r0, int r1,
                         unsigned char* clusters = nullptr);
 
-// The same for the whole box, in row slices side by side when the box is
-// large enough to pay for the threads; recorded in `record` (when given)
-// for the refit that follows the cut.
+// The distinct three-byte triples of the working box (colour, or grey and the
+// two texture values: what the terminal weights are a function of), listed
+// once per request so that each cut works each one out once.
+struct BoxPalette {
+  std::vector<int> entryOf;     // per box pixel, row by row: its triple's entry; -1 if coded 1 or 2
+  std::vector<uint32_t> keys;   // the triples, v0 | v1 << 8 | v2 << 16, in order of first sight
+};
+
+// Lists the box's triples from h.m_cropSrc (and the texture images of grey
+// photos), leaving out pixels `label` codes 1 or 2 (their weights are fixed).
+// Leaves the palette empty when memory runs out. One hash probe per pixel;
+// four bytes per pixel and four per entry.
+void makeBoxPalette(const VELDSEHybrid& h, const IplImage* label, BoxPalette* palette);
+
+// The same for the whole box, recorded in `record` (when given) for the
+// refit that follows the cut. With a palette made for the box, each entry is
+// worked out once, in equal shares side by side, and the pixels take theirs;
+// else in row slices side by side when the box is large enough to pay for
+// the threads. The weights are the same either way.
 void terminalWeights(const VELDSEHybrid& h, const IplImage* label, float* pairs,
-                     RecordedClusters* record = nullptr);
+                     RecordedClusters* record = nullptr, const BoxPalette* palette = nullptr);
 
 // The graph of one cut over the box into h.m_graph, from h.m_cropLabel, the
 // models and h.m_lambda: what constructGraphVELD_Whole_Image() does, which
 // calls it without a record. With `record`, the pixels' components under the
 // two models are kept there for the refit that follows the cut (left
-// unrecorded when its room cannot be had). Terminal weights and neighbour
-// links in row slices side by side, the terminal links then added one node
-// after the other. O(box x components).
-void wholeBoxGraph(VELDSEHybrid& h, RecordedClusters* record);
+// unrecorded when its room cannot be had). Terminal weights as
+// terminalWeights works them out (by `palette` when given), neighbour links
+// in row slices side by side, the terminal links added one node after the
+// other. O(box + entries x components).
+void wholeBoxGraph(VELDSEHybrid& h, RecordedClusters* record, const BoxPalette* palette);
 
 // Neighbour-link capacities of box rows [r0, r1) with smoothness weight
 // `lambda`, written where four addEdge calls per node (left, up-left, up,
@@ -79,8 +99,8 @@ int writeCut(VELDSEGraph* g, IplImage* label);
 // cv::Exception when memory the trials cannot do without runs out; whatever
 // it made is then released or left to the request's clean-up. The shared
 // terminal weights' components go to `record` (when given), as in
-// wholeBoxGraph.
-void trialCuts(VELDSEHybrid& h, RecordedClusters* record = nullptr);
+// wholeBoxGraph, which `palette` (when given) serves as there.
+void trialCuts(VELDSEHybrid& h, RecordedClusters* record = nullptr, const BoxPalette* palette = nullptr);
 
 // Test seam: called (when set) with the trial's index right before each
 // trial's solver starts, on the thread that runs it.
