@@ -9,6 +9,7 @@
 #include <cstring>
 #include <exception>
 #include <new>
+#include <utility>
 
 #include "support/owned.h"
 
@@ -138,15 +139,31 @@ ClusterInfo::ClusterInfo(std::vector<int> labels, std::vector<pixelVal> samples)
   std::memset(count, 0, sizeof(count));
   std::memset(sum, 0, sizeof(sum));
   std::memset(prod, 0, sizeof(prod));
+  // prod[3r+c] and prod[3c+r] add x_c * x_r and x_r * x_c, the same double
+  // (a product does not depend on the order of its factors) in the same
+  // sample order: the six sums on and above the diagonal are made and the
+  // three below copied from them.
   const size_t n = samples.size();
   for (size_t i = 0; i < n; ++i) {
     const int k = labels[i];
-    const double* x = samples[i].val;
+    const double x0 = samples[i].val[0];
+    const double x1 = samples[i].val[1];
+    const double x2 = samples[i].val[2];
     count[k] += 1;
-    for (int c = 0; c < 3; ++c) sum[c][k] += x[c];
-    for (int r = 0; r < 3; ++r) {
-      for (int c = 0; c < 3; ++c) prod[3 * r + c][k] += x[c] * x[r];
-    }
+    sum[0][k] += x0;
+    sum[1][k] += x1;
+    sum[2][k] += x2;
+    prod[0][k] += x0 * x0;
+    prod[1][k] += x1 * x0;
+    prod[2][k] += x2 * x0;
+    prod[4][k] += x1 * x1;
+    prod[5][k] += x2 * x1;
+    prod[8][k] += x2 * x2;
+  }
+  for (int k = 0; k < kClusters; ++k) {
+    prod[3][k] = prod[1][k];
+    prod[6][k] = prod[2][k];
+    prod[7][k] = prod[5][k];
   }
 }
 
@@ -203,7 +220,7 @@ void initModelWithKmeansVELD(const std::vector<pixelVal>& samples, VELDSEColorMo
   rowsOwner.reset();
   rowOwner.reset();
 
-  const ClusterInfo info(labels, samples);
+  const ClusterInfo info(std::move(labels), samples);
   // Clusters that ended empty leave their component as it was.
   setComponentsFromClusters(info, n, model);
   model.setDeterminant();

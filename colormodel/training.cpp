@@ -3,6 +3,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <exception>
+#include <utility>
 
 #include "colormodel/kmeans_init.h"
 #include "interface/veldse_marker.h"
@@ -10,6 +12,7 @@
 #include "support/image_rows.h"
 #include "support/owned.h"
 #include "support/slices.h"
+#include "support/threads.h"
 #include "support/veld_memory.h"
 
 namespace {
@@ -127,26 +130,24 @@ void extractTrainingData(const IplImage* colour, const IplImage* label,
   backgroundKnown.resize(backgroundSet.size(), -1);
 }
 
-void updateModel(const std::vector<pixelVal>& samples, VELDSEColorModel& model) {
-  updateModel(samples, model, std::vector<signed char>());
-}
+namespace {
 
-void updateModel(const std::vector<pixelVal>& samples, VELDSEColorModel& model,
-                 const std::vector<signed char>& known) {
+// The component of every sample under `model`, as a vector, by way of the
+// one block of the tracked allocator updateModel keeps its labels in (no
+// labels, no update: the request fails rather than the model being refitted
+// from nothing). Up to five exp per sample and each sample on its own: in
+// slices side by side on a large set. Samples of an 8-bit image repeat: a
+// sample whose three values are whole numbers 0 .. 255 has its component
+// remembered by those bytes. A component already known for a sample (see
+// RecordedClusters) is taken as it is: it is what assignCluster gives under
+// this very model. Only the others are work worth threads and memo room.
+std::vector<int> assignSamples(const std::vector<pixelVal>& samples, const VELDSEColorModel& model,
+                               const std::vector<signed char>& known) {
   const int n = static_cast<int>(samples.size());
   owned::Tracked<int> labelOwner(static_cast<int*>(
       VELD_Malloc_Msg(static_cast<unsigned int>(n * sizeof(int)), "updateModel", 725)));
-  // No labels, no update: the request fails rather than the model being
-  // refitted from nothing.
   if (n > 0) needMemory(labelOwner.get());
   int* const labelBlock = labelOwner.get();
-  // Up to five exp per sample and each sample on its own: in slices side by
-  // side on a large set (the sums below keep the sample order).
-  // Samples of an 8-bit image repeat: a sample whose three values are whole
-  // numbers 0 .. 255 has its component remembered by those bytes.
-  // A component already known for a sample (see RecordedClusters) is taken
-  // as it is: it is what assignCluster gives under this very model.
-  // Only the others are work worth threads and memo room.
   const signed char* const knownAt = known.size() == samples.size() ? known.data() : nullptr;
   const auto unknownIn = [knownAt](int begin, int end) {
     if (knownAt == nullptr) return end - begin;
@@ -178,11 +179,26 @@ void updateModel(const std::vector<pixelVal>& samples, VELDSEColorModel& model,
   });
   std::vector<int> labels(labelBlock, labelBlock + n);
   VELD_Free_Msg(labelOwner.release(), "updateModel", 741);
+  return labels;
+}
 
-  const ClusterInfo info(labels, samples);
-  // A component that attracted no sample keeps its previous parameters.
-  setComponentsFromClusters(info, n, model);
+// The refit from the samples' components: the sums keep the sample order; a
+// component that attracted no sample keeps its previous parameters.
+void refit(std::vector<int> labels, const std::vector<pixelVal>& samples, VELDSEColorModel& model) {
+  const ClusterInfo info(std::move(labels), samples);
+  setComponentsFromClusters(info, static_cast<int>(samples.size()), model);
   model.setDeterminant();
+}
+
+}  // namespace
+
+void updateModel(const std::vector<pixelVal>& samples, VELDSEColorModel& model) {
+  updateModel(samples, model, std::vector<signed char>());
+}
+
+void updateModel(const std::vector<pixelVal>& samples, VELDSEColorModel& model,
+                 const std::vector<signed char>& known) {
+  refit(assignSamples(samples, model, known), samples, model);
 }
 
 void updateModel(const std::vector<pixelVal>& objectSet,
@@ -190,4 +206,25 @@ void updateModel(const std::vector<pixelVal>& objectSet,
                  VELDSEColorModel& objectModel, VELDSEColorModel& backgroundModel) {
   updateModel(objectSet, objectModel);
   updateModel(backgroundSet, backgroundModel);
+}
+
+void updateModels(const std::vector<pixelVal>& objectSet, const std::vector<pixelVal>& backgroundSet,
+                  VELDSEColorModel& objectModel, VELDSEColorModel& backgroundModel,
+                  const std::vector<signed char>& objectKnown, const std::vector<signed char>& backgroundKnown) {
+  std::vector<int> objectLabels = assignSamples(objectSet, objectModel, objectKnown);
+  std::vector<int> backgroundLabels = assignSamples(backgroundSet, backgroundModel, backgroundKnown);
+  // The two refits share nothing: the object's on a thread of its own (or
+  // first, here, when none can be had), the background's here.
+  auto objectRefit = [&] { refit(std::move(objectLabels), objectSet, objectModel); };
+  threads::Thread worker;
+  threads::startOrRun(worker, objectRefit);
+  std::exception_ptr failure;
+  try {
+    refit(std::move(backgroundLabels), backgroundSet, backgroundModel);
+  } catch (...) {
+    failure = std::current_exception();
+  }
+  worker.join();
+  worker.rethrow();
+  if (failure) std::rethrow_exception(failure);
 }

@@ -64,4 +64,15 @@ void updateModel(const std::vector<pixelVal>& objectSet,
                  const std::vector<pixelVal>& backgroundSet,
                  VELDSEColorModel& objectModel, VELDSEColorModel& backgroundModel);
 
+// Both models as the two-set updateModel refits them (object first), with
+// the components each `known` gives (as the three-argument updateModel takes
+// them). The two sets' components are assigned one set after the other; the
+// two refits, which share nothing, then run side by side: the object's on a
+// thread of its own (or first, on the calling thread, when none can be had),
+// the background's on the calling thread. Two threads at most while they
+// run. Throws what a refit throws, after both have ended.
+void updateModels(const std::vector<pixelVal>& objectSet, const std::vector<pixelVal>& backgroundSet,
+                  VELDSEColorModel& objectModel, VELDSEColorModel& backgroundModel,
+                  const std::vector<signed char>& objectKnown, const std::vector<signed char>& backgroundKnown);
+
 #endif

@@ -107,8 +107,7 @@ void fitModels(VELDSEHybrid& h, int i, int* modelAction, bool* lambdaRequest, Tr
   if (*modelAction == VELDSEHybrid::MODELS_UPDATE) {
     extractTrainingData(h.m_cropSrc, h.m_cropLabel, t.objectSamples, t.backgroundSamples, t.recorded, h.m_fgModel,
                         h.m_bgModel, t.objectKnown, t.backgroundKnown);
-    updateModel(t.objectSamples, h.m_fgModel, t.objectKnown);
-    updateModel(t.backgroundSamples, h.m_bgModel, t.backgroundKnown);
+    updateModels(t.objectSamples, t.backgroundSamples, h.m_fgModel, h.m_bgModel, t.objectKnown, t.backgroundKnown);
     h.homogenousLamda(i);
   } else if (*modelAction == VELDSEHybrid::MODELS_TRAIN) {
     extractTrainingData(h.m_cropSrc, h.m_cropLabel, t.objectSamples, t.backgroundSamples);

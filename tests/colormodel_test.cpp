@@ -4,6 +4,7 @@
 #include <cfloat>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <ios>
 
 #include "colormodel/kmeans_init.h"
@@ -83,6 +84,37 @@ TEST_F(ColorModelTest, GMMProbMatchesIndependentEvaluation) {
         EXPECT_NEAR(m.gaussianProb(k, x), rk, 1e-9 * rk + 1e-300);
       }
       EXPECT_NEAR(m.GMMProb(x), ref, 1e-9 * ref + 1e-300);
+    }
+  }
+}
+
+// One evaluation serves both: the density is GMMProb's and the component
+// assignCluster's, bit for bit, also where components tie or drop out.
+TEST_F(ColorModelTest, DensityAndClusterIsGMMProbAndAssignCluster) {
+  cv::RNG rng(21);
+  VELDSEColorModel tied = randomModel(rng, -1);
+  for (int k : {1, 3}) {  // 1 and 3 copies of 0 and 2: equal densities, the lower index wins
+    std::copy(&tied.mean[k - 1][0], &tied.mean[k - 1][0] + 3, tied.mean[k]);
+    std::copy(&tied.covariance[k - 1][0], &tied.covariance[k - 1][0] + 9, tied.covariance[k]);
+  }
+  tied.setDeterminant();
+  tied.setInverseCovariance();
+  VELDSEColorModel zeroDeterminant = randomModel(rng, -1);
+  zeroDeterminant.determinant[0] = 0;  // component 0 skipped though weighted
+  const VELDSEColorModel models[] = {randomModel(rng, -1), randomModel(rng, 0), randomModel(rng, 3), tied,
+                                     zeroDeterminant,      VELDSEColorModel()};
+  for (const VELDSEColorModel& model : models) {
+    VELDSEColorModel m = model;
+    for (int i = 0; i < 200; ++i) {
+      SCOPED_TRACE(testing::Message() << "model " << (&model - models) << " sample " << i);
+      // Near a mean, and anywhere in the cube (densities down to underflow).
+      const pixelVal x = i % 2 ? near(rng, m.mean[i % 5], 10.0)
+                               : px(rng.uniform(0, 256), rng.uniform(0, 256), rng.uniform(0, 256));
+      int cluster = -1;
+      const double p = densityAndCluster(m, x, &cluster);
+      const double expected = m.GMMProb(x);
+      EXPECT_EQ(std::memcmp(&p, &expected, sizeof p), 0);
+      EXPECT_EQ(cluster, m.assignCluster(x));
     }
   }
 }

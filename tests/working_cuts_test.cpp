@@ -5,6 +5,7 @@
 // slices forced onto one core and onto the two, three and four of a phone.
 #include <sys/time.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <ctime>
@@ -262,6 +263,42 @@ bool sameGraph(const VELDSEGraph& a, const VELDSEGraph& b) {
          a.m_nodeLast - a.m_nodes == b.m_nodeLast - b.m_nodes;
 }
 
+// A build's record gives each sample the component assignCluster gives it
+// under the recorded models, for every sample it covers (the pixels not fixed
+// by their code), and nothing under a model that differs in one bit.
+void expectRecordedClustersAreAssignments(VELDSEHybrid& h) {
+  RecordedClusters record;
+  workingcuts::BoxPalette palette;
+  workingcuts::makeBoxPalette(h, h.m_cropLabel, &palette);
+  workingcuts::wholeBoxGraph(h, &record, &palette);
+  std::vector<pixelVal> objectSet, backgroundSet;
+  std::vector<signed char> objectKnown, backgroundKnown;
+  extractTrainingData(h.m_cropSrc, h.m_cropLabel, objectSet, backgroundSet, record, h.m_fgModel, h.m_bgModel,
+                      objectKnown, backgroundKnown);
+  ASSERT_EQ(objectKnown.size(), objectSet.size());
+  ASSERT_EQ(backgroundKnown.size(), backgroundSet.size());
+  size_t known = 0;
+  for (size_t i = 0; i < objectSet.size(); ++i) {
+    if (objectKnown[i] < 0) continue;
+    ++known;
+    EXPECT_EQ(objectKnown[i], h.m_fgModel.assignCluster(objectSet[i]));
+  }
+  for (size_t i = 0; i < backgroundSet.size(); ++i) {
+    if (backgroundKnown[i] < 0) continue;
+    ++known;
+    EXPECT_EQ(backgroundKnown[i], h.m_bgModel.assignCluster(backgroundSet[i]));
+  }
+  // The rectangle's inside is not fixed: most of the box is covered.
+  EXPECT_GT(known, (objectSet.size() + backgroundSet.size()) / 4);
+  VELDSEColorModel changed = h.m_fgModel;
+  reinterpret_cast<unsigned char*>(&changed.mean[2][1])[0] ^= 1;
+  extractTrainingData(h.m_cropSrc, h.m_cropLabel, objectSet, backgroundSet, record, changed, h.m_bgModel,
+                      objectKnown, backgroundKnown);
+  EXPECT_EQ(std::count(objectKnown.begin(), objectKnown.end(), -1), static_cast<long>(objectKnown.size()));
+  EXPECT_LT(std::count(backgroundKnown.begin(), backgroundKnown.end(), -1),
+            static_cast<long>(backgroundKnown.size()));
+}
+
 // The core counts compared with the one-at-a-time order: one (everything on
 // the calling thread), two (this machine), three and four (a phone's).
 const int kCores[] = {1, 2, 3, 4};
@@ -301,6 +338,19 @@ TEST_F(WorkingCuts, GraphInSlicesEqualsNodeByNodeBuild) {
           slices::setCores(cores);
           h.constructGraphVELD_Whole_Image();
           EXPECT_TRUE(sameGraph(*h.m_graph, reference));
+          // By the box's palette; and by one made from labels that also fix
+          // every fifth pixel, whose weights the build then works out itself.
+          workingcuts::BoxPalette palette;
+          workingcuts::makeBoxPalette(h, h.m_cropLabel, &palette);
+          workingcuts::wholeBoxGraph(h, nullptr, &palette);
+          EXPECT_TRUE(sameGraph(*h.m_graph, reference));
+          IplImage* moreFixed = cvCloneImage(h.m_cropLabel);
+          for (int i = 0; i < n; i += 5)
+            testsupport::at(moreFixed, i % h.m_boundWidth, i / h.m_boundWidth) = LABEL_FG;
+          workingcuts::makeBoxPalette(h, moreFixed, &palette);
+          cvReleaseImage(&moreFixed);
+          workingcuts::wholeBoxGraph(h, nullptr, &palette);
+          EXPECT_TRUE(sameGraph(*h.m_graph, reference));
         }
       }
       // And the cut written back: same codes as pixel by pixel.
@@ -320,6 +370,7 @@ TEST_F(WorkingCuts, GraphInSlicesEqualsNodeByNodeBuild) {
         }
       EXPECT_EQ(objects, counted);
       cvReleaseImage(&expected);
+      expectRecordedClustersAreAssignments(h);  // on the cut's labels, as the refit after it
       h.clearMemory();
     }
   }
@@ -430,12 +481,24 @@ TEST_F(WorkingCuts, ModelRefitInSlicesEqualsSampleBySample) {
       VELDSEColorModel expected = start;
       setComponentsFromClusters(ClusterInfo(labels, samples), n, expected);
       expected.setDeterminant();
+      // Every third sample's component given, as a build's record gives it.
+      std::vector<signed char> known(static_cast<size_t>(n), -1);
+      for (int i = 0; i < n; i += 3) known[static_cast<size_t>(i)] = static_cast<signed char>(labels[i]);
       for (int cores : kCores) {
         SCOPED_TRACE(::testing::Message() << cores << " cores");
         slices::setCores(cores);
         VELDSEColorModel model = start;
         updateModel(samples, model);
         EXPECT_TRUE(testsupport::sameBits(model, expected));
+        model = start;
+        updateModel(samples, model, known);
+        EXPECT_TRUE(testsupport::sameBits(model, expected));
+        // Both refits side by side, the object's set given as the background's.
+        VELDSEColorModel object = start;
+        VELDSEColorModel background = start;
+        updateModels(samples, samples, object, background, known, std::vector<signed char>());
+        EXPECT_TRUE(testsupport::sameBits(object, expected));
+        EXPECT_TRUE(testsupport::sameBits(background, expected));
       }
     }
   }
