@@ -105,15 +105,8 @@ Outcome goodRequest() {
   Pixels photo = photoCopy();
   if (VELDSEMarker::m_originalImage == nullptr) setSourceImage(kW, kH, photo.data());
   if (pHybrid == nullptr) initSegmentationEngine(0);
-  std::vector<int> points;
-  for (int x = kRectX1; x < kRectX2; ++x) points.insert(points.end(), {x, kRectY1});
-  for (int y = kRectY1; y < kRectY2; ++y) points.insert(points.end(), {kRectX2, y});
-  for (int x = kRectX2; x > kRectX1; --x) points.insert(points.end(), {x, kRectY2});
-  for (int y = kRectY2; y > kRectY1; --y) points.insert(points.end(), {kRectX1, y});
-  std::vector<int> grid(kPixels, LABEL_UNKNOWN);
-  cv::Mat(kH, kW, CV_32S,
-          grid.data())(cv::Rect(kRectX1, kRectY1, kRectX2 - kRectX1 + 1, kRectY2 - kRectY1 + 1))
-      .setTo(cv::Scalar(LABEL_PR_FG));
+  std::vector<int> points = testsupport::borderLoop(kRectX1, kRectY1, kRectX2, kRectY2);
+  std::vector<int> grid = testsupport::filledGrid(kW, kH, kRectX1, kRectY1, kRectX2, kRectY2, LABEL_PR_FG);
   setCurrentMarkerVector(static_cast<int>(points.size()), points.data());
   setMarkerImage(kW, kH, grid.data(), 0);
   Outcome o;
