@@ -21,6 +21,7 @@
 #include "engine/veldse_hybrid.h"
 #include "interface/segmentation_core.h"
 #include "interface/veldse_marker.h"
+#include "support/cpu_timer.h"
 #include "tests/log_capture.h"
 
 namespace testsupport {
@@ -97,6 +98,18 @@ inline std::vector<int> filledGrid(int w, int h, int x1, int y1, int x2, int y2,
   std::vector<int> grid(static_cast<size_t>(w) * h, 0);
   cv::Mat(h, w, CV_32S, grid.data())(cv::Rect(cv::Point(x1, y1), cv::Point(x2 + 1, y2 + 1))).setTo(code);
   return grid;
+}
+
+// Nothing of the engine's last request is left: graphs, crops, trial labels
+// and the request's timer are released and their handles null again.
+inline void expectNoRequestLeft() {
+  EXPECT_EQ(pHybrid->m_graph, nullptr);
+  EXPECT_EQ(pHybrid->m_trimapGraph, nullptr);
+  EXPECT_EQ(pHybrid->m_cropSrc, nullptr);
+  EXPECT_EQ(pHybrid->m_cropLabel, nullptr);
+  EXPECT_EQ(pHybrid->m_cropLabelInit, nullptr);
+  for (IplImage* l : pHybrid->m_iterLabel) EXPECT_EQ(l, nullptr);
+  EXPECT_EQ(g_cancelTimer, nullptr);
 }
 
 // A context on a w x h photo (0xAARRGGBB; a copy goes, as the library may
