@@ -20,6 +20,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "interface/segmentation_core.h"
@@ -172,38 +173,17 @@ void setUp(State state) {
   }
 }
 
-// What a refused call must leave as it was.
-struct Snapshot {
-  const IplImage* photo;
-  const VELDSEHybrid* engine;
-  const unsigned int* const* planes;
-  int width, height, current, top, bottom, canUndo, canRedo;
-};
+// What a refused call must leave as it was: photo, engine, history planes,
+// photo width and height, history indices (current, top, bottom), canUndo and
+// canRedo.
+using Snapshot = std::tuple<const IplImage*, const VELDSEHybrid*, const unsigned int* const*, int, int, int,
+                            int, int, int, int>;
 
 Snapshot snapshot() {
-  return {VELDSEMarker::m_originalImage,
-          pHybrid,
-          VELDSEManageUndoRedo::m_bitPlane,
-          VELDSEMarker::m_originalWidth,
-          VELDSEMarker::m_originalHeight,
-          VELDSEManageUndoRedo::m_current,
-          VELDSEManageUndoRedo::m_top,
-          VELDSEManageUndoRedo::m_bottom,
-          canUndo(),
-          canRedo()};
-}
-
-void expectSame(const Snapshot& before, const Snapshot& after) {
-  EXPECT_EQ(after.photo, before.photo);
-  EXPECT_EQ(after.engine, before.engine);
-  EXPECT_EQ(after.planes, before.planes);
-  EXPECT_EQ(after.width, before.width);
-  EXPECT_EQ(after.height, before.height);
-  EXPECT_EQ(after.current, before.current);
-  EXPECT_EQ(after.top, before.top);
-  EXPECT_EQ(after.bottom, before.bottom);
-  EXPECT_EQ(after.canUndo, before.canUndo);
-  EXPECT_EQ(after.canRedo, before.canRedo);
+  return Snapshot(VELDSEMarker::m_originalImage, pHybrid, VELDSEManageUndoRedo::m_bitPlane,
+                  VELDSEMarker::m_originalWidth, VELDSEMarker::m_originalHeight,
+                  VELDSEManageUndoRedo::m_current, VELDSEManageUndoRedo::m_top,
+                  VELDSEManageUndoRedo::m_bottom, canUndo(), canRedo());
 }
 
 // The outline as fetch_path_array hands it out, after its status.
@@ -353,7 +333,7 @@ void runRows(const std::vector<Row>& rows) {
     }
 
     if (row.effect != Effect::kChanges) {
-      expectSame(before, snapshot());
+      EXPECT_EQ(snapshot(), before);
       if (VELDSEMarker::m_originalImage != nullptr) {
         Pixels copy(kPixels, kPixelSentinel);
         copySourceImage(copy.data());
@@ -685,12 +665,12 @@ TEST_F(BadArguments, EmptyPhotoIsStoredAndRefusedByEveryCallThatNeedsPixels) {
           EXPECT_EQ(testsupport::lines(hostlog::stopCapture()), kSourceCrash);
           EXPECT_EQ(stored, 0);
           ASSERT_NE(VELDSEMarker::m_originalImage, nullptr);
-          EXPECT_NE(VELDSEMarker::m_originalImage, before.photo) << "the photo is replaced";
+          EXPECT_NE(VELDSEMarker::m_originalImage, std::get<0>(before)) << "the photo is replaced";
           EXPECT_EQ(VELDSEMarker::m_originalImage->width, size.w);
           EXPECT_EQ(VELDSEMarker::m_originalImage->height, size.h);
           EXPECT_EQ(VELDSEMarker::m_originalWidth, size.w);
           EXPECT_EQ(VELDSEMarker::m_originalHeight, size.h);
-          EXPECT_EQ(pHybrid, before.engine) << "the engine is not the photo's business";
+          EXPECT_EQ(pHybrid, std::get<1>(before)) << "the engine is not the photo's business";
           EXPECT_EQ(canUndo(), 0);
           EXPECT_EQ(canRedo(), 0);
           EXPECT_EQ(b.smallPhoto, Pixels(16, 0xFF808080u)) << "the caller's pixels";
@@ -712,7 +692,7 @@ TEST_F(BadArguments, EmptyPhotoIsStoredAndRefusedByEveryCallThatNeedsPixels) {
                        : "empty photo (" + std::to_string(size.w) + " x " + std::to_string(size.h) + ")";
           EXPECT_EQ(log, Lines{"E/Error: " + std::string(follow.name) + ": " + problem});
           expectUntouched(b);
-          expectSame(stillEmpty, snapshot());
+          EXPECT_EQ(snapshot(), stillEmpty);
           EXPECT_EQ(g_markerImage, nullptr) << "a request consumes its marks";
           clearContext();
         }
