@@ -391,64 +391,53 @@ int alignedAlloc(void** out, size_t align, size_t n) {
   return rc;
 }
 
-// The C++ forms. `array` picks new / new[]; a missing next form (it is never
-// missing with libstdc++ or the sanitizer runtimes) would fall back on the C
-// allocator.
-void* newBody(size_t n, int array, bool* failed) {
-  if (!ready()) return bootAlloc(n);
-  Layer layer;
-  if (layer.fails()) {
-    *failed = true;
-    return nullptr;
-  }
-  void* p = g_next.newPlain[array] != nullptr ? g_next.newPlain[array](n) : g_next.malloc(n ? n : 1);
-  layer.made(p);
-  return p;
-}
-
-// An allocation point that fails with null: served from the bootstrap buffer
-// (`bootBytes`, `align`) before the lookup, otherwise by `make` on the next
-// definitions.
+// An allocation point that fails with null (and sets `*failed` when given):
+// served from the bootstrap buffer (`bootBytes`, `align`) before the lookup,
+// otherwise by `make` on the next definitions.
 template <class Make>
-void* pointOrNull(size_t bootBytes, size_t align, Make make) {
+void* pointOrNull(size_t bootBytes, size_t align, Make make, bool* failed = nullptr) {
   if (!ready()) return bootAlloc(bootBytes, align);
   Layer layer;
-  if (layer.fails()) return nullptr;
+  if (layer.fails()) {
+    if (failed != nullptr) *failed = true;
+    return nullptr;
+  }
   void* p = make();
   layer.made(p);
   return p;
 }
 
+// The C++ forms. `array` picks new / new[]; a missing next form (it is never
+// missing with libstdc++ or the sanitizer runtimes) would fall back on the C
+// allocator.
+void* alignedFallBack(size_t n, std::align_val_t a) {
+  void* p = nullptr;
+  return g_next.posixMemalign(&p, static_cast<size_t>(a), n ? n : 1) == 0 ? p : nullptr;
+}
+
+void* newBody(size_t n, int array, bool* failed) {
+  return pointOrNull(
+      n, 16, [&] { return g_next.newPlain[array] ? g_next.newPlain[array](n) : g_next.malloc(n ? n : 1); },
+      failed);
+}
+
 void* newNothrowBody(size_t n, int array) {
   return pointOrNull(n, 16, [&] {
-    return g_next.newNothrow[array] != nullptr ? g_next.newNothrow[array](n, std::nothrow)
-                                               : g_next.malloc(n ? n : 1);
+    return g_next.newNothrow[array] ? g_next.newNothrow[array](n, std::nothrow) : g_next.malloc(n ? n : 1);
   });
 }
 
 void* newAlignedBody(size_t n, std::align_val_t a, int array, bool* failed) {
-  if (!ready()) return bootAlloc(n, static_cast<size_t>(a));
-  Layer layer;
-  if (layer.fails()) {
-    *failed = true;
-    return nullptr;
-  }
-  void* p = nullptr;
-  if (g_next.newAligned[array] != nullptr) {
-    p = g_next.newAligned[array](n, a);
-  } else if (g_next.posixMemalign(&p, static_cast<size_t>(a), n ? n : 1) != 0) {
-    p = nullptr;
-  }
-  layer.made(p);
-  return p;
+  return pointOrNull(
+      n, static_cast<size_t>(a),
+      [&] { return g_next.newAligned[array] ? g_next.newAligned[array](n, a) : alignedFallBack(n, a); },
+      failed);
 }
 
 void* newAlignedNothrowBody(size_t n, std::align_val_t a, int array) {
   return pointOrNull(n, static_cast<size_t>(a), [&] {
-    void* p = nullptr;
-    if (g_next.newAlignedNothrow[array] != nullptr)
-      return g_next.newAlignedNothrow[array](n, a, std::nothrow);
-    return g_next.posixMemalign(&p, static_cast<size_t>(a), n ? n : 1) == 0 ? p : nullptr;
+    return g_next.newAlignedNothrow[array] ? g_next.newAlignedNothrow[array](n, a, std::nothrow)
+                                           : alignedFallBack(n, a);
   });
 }
 

@@ -186,16 +186,6 @@ Snapshot snapshot() {
                   VELDSEManageUndoRedo::m_bottom, canUndo(), canRedo());
 }
 
-// The outline as fetch_path_array hands it out, after its status.
-std::vector<int> fetchOutline() {
-  int* array = nullptr;
-  int count = 0;
-  std::vector<int> out = {fetch_path_array(&array, &count)};
-  if (array != nullptr && count > 0) out.insert(out.end(), array, array + count);
-  delete[] array;
-  return out;
-}
-
 // What a state gives without any bad call: its outline, then the good request.
 struct Reference {
   std::vector<int> outline;
@@ -208,7 +198,7 @@ const Reference& reference(State state) {
   if (found != cache.end()) return found->second;
   setUp(state);
   Reference r;
-  r.outline = fetchOutline();
+  r.outline = testsupport::fetchOutline();
   r.request = goodRequest();
   clearContext();
   return cache.emplace(state, r).first->second;
@@ -339,7 +329,7 @@ void runRows(const std::vector<Row>& rows) {
         copySourceImage(copy.data());
         EXPECT_EQ(differing(copy, scene().argb), 0) << "the stored photo";
       }
-      EXPECT_EQ(fetchOutline(), ref.outline);
+      EXPECT_EQ(testsupport::fetchOutline(), ref.outline);
       const Outcome after = goodRequest();
       EXPECT_EQ(after.status, ref.request.status);
       EXPECT_EQ(differing(after.mask, ref.request.mask), 0);

@@ -718,11 +718,10 @@ void sweepCalls(const Photo& p, const std::vector<std::string>& labels = {}) {
     ASSERT_GE(ch.pid, 0);
     Pipe rd{ch.fd, false};
     transfer(rd, ref);
-    const bool received = rd.ok;
     close(ch.fd);
     int status = 0;
     waitpid(ch.pid, &status, 0);
-    ASSERT_TRUE(received && WIFEXITED(status) && WEXITSTATUS(status) == 0)
+    ASSERT_TRUE(rd.ok && WIFEXITED(status) && WEXITSTATUS(status) == 0)
         << "the clean run failed: " << describeStatus(status);
     ASSERT_EQ(ref.status, 0) << "the clean run";
     ASSERT_GT(ref.points, 0) << "the call allocates nothing?";

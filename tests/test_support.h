@@ -100,6 +100,16 @@ inline std::vector<int> filledGrid(int w, int h, int x1, int y1, int x2, int y2,
   return grid;
 }
 
+// fetch_path_array's status, then the outline array it hands out (released here).
+inline std::vector<int> fetchOutline() {
+  int* array = nullptr;
+  int count = 0;
+  std::vector<int> out = {fetch_path_array(&array, &count)};
+  if (array != nullptr && count > 0) out.insert(out.end(), array, array + count);
+  delete[] array;
+  return out;
+}
+
 // Nothing of the engine's last request is left: graphs, crops, trial labels
 // and the request's timer are released and their handles null again.
 inline void expectNoRequestLeft() {
