@@ -163,6 +163,13 @@ void look(Fn& fn, const char* name) {
   fn = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
 }
 
+// The single-object and array forms of a C++ operator.
+template <class Fn>
+void lookBoth(Fn (&fn)[2], const char* single, const char* array) {
+  look(fn[0], single);
+  look(fn[1], array);
+}
+
 void resolve() {
   int expected = 0;
   if (!g_state.compare_exchange_strong(expected, 1)) return;
@@ -176,26 +183,16 @@ void resolve() {
   look(n.memalign, "memalign");
   look(n.valloc, "valloc");
   look(n.pvalloc, "pvalloc");
-  look(n.newPlain[0], "_Znwm");
-  look(n.newPlain[1], "_Znam");
-  look(n.newNothrow[0], "_ZnwmRKSt9nothrow_t");
-  look(n.newNothrow[1], "_ZnamRKSt9nothrow_t");
-  look(n.newAligned[0], "_ZnwmSt11align_val_t");
-  look(n.newAligned[1], "_ZnamSt11align_val_t");
-  look(n.newAlignedNothrow[0], "_ZnwmSt11align_val_tRKSt9nothrow_t");
-  look(n.newAlignedNothrow[1], "_ZnamSt11align_val_tRKSt9nothrow_t");
-  look(n.del[0], "_ZdlPv");
-  look(n.del[1], "_ZdaPv");
-  look(n.delSized[0], "_ZdlPvm");
-  look(n.delSized[1], "_ZdaPvm");
-  look(n.delAligned[0], "_ZdlPvSt11align_val_t");
-  look(n.delAligned[1], "_ZdaPvSt11align_val_t");
-  look(n.delSizedAligned[0], "_ZdlPvmSt11align_val_t");
-  look(n.delSizedAligned[1], "_ZdaPvmSt11align_val_t");
-  look(n.delNothrow[0], "_ZdlPvRKSt9nothrow_t");
-  look(n.delNothrow[1], "_ZdaPvRKSt9nothrow_t");
-  look(n.delAlignedNothrow[0], "_ZdlPvSt11align_val_tRKSt9nothrow_t");
-  look(n.delAlignedNothrow[1], "_ZdaPvSt11align_val_tRKSt9nothrow_t");
+  lookBoth(n.newPlain, "_Znwm", "_Znam");
+  lookBoth(n.newNothrow, "_ZnwmRKSt9nothrow_t", "_ZnamRKSt9nothrow_t");
+  lookBoth(n.newAligned, "_ZnwmSt11align_val_t", "_ZnamSt11align_val_t");
+  lookBoth(n.newAlignedNothrow, "_ZnwmSt11align_val_tRKSt9nothrow_t", "_ZnamSt11align_val_tRKSt9nothrow_t");
+  lookBoth(n.del, "_ZdlPv", "_ZdaPv");
+  lookBoth(n.delSized, "_ZdlPvm", "_ZdaPvm");
+  lookBoth(n.delAligned, "_ZdlPvSt11align_val_t", "_ZdaPvSt11align_val_t");
+  lookBoth(n.delSizedAligned, "_ZdlPvmSt11align_val_t", "_ZdaPvmSt11align_val_t");
+  lookBoth(n.delNothrow, "_ZdlPvRKSt9nothrow_t", "_ZdaPvRKSt9nothrow_t");
+  lookBoth(n.delAlignedNothrow, "_ZdlPvSt11align_val_tRKSt9nothrow_t", "_ZdaPvSt11align_val_tRKSt9nothrow_t");
   look(n.pthreadCreate, "pthread_create");
   findLoader();
   // Without these four nothing can be served; the C++ forms fall back on them.
@@ -394,60 +391,54 @@ int alignedAlloc(void** out, size_t align, size_t n) {
   return rc;
 }
 
+// An allocation point that fails with null (and sets `*failed` when given):
+// served from the bootstrap buffer (`bootBytes`, `align`) before the lookup,
+// otherwise by `make` on the next definitions.
+template <class Make>
+void* pointOrNull(size_t bootBytes, size_t align, Make make, bool* failed = nullptr) {
+  if (!ready()) return bootAlloc(bootBytes, align);
+  Layer layer;
+  if (layer.fails()) {
+    if (failed != nullptr) *failed = true;
+    return nullptr;
+  }
+  void* p = make();
+  layer.made(p);
+  return p;
+}
+
 // The C++ forms. `array` picks new / new[]; a missing next form (it is never
 // missing with libstdc++ or the sanitizer runtimes) would fall back on the C
 // allocator.
+void* alignedFallBack(size_t n, std::align_val_t a) {
+  void* p = nullptr;
+  return g_next.posixMemalign(&p, static_cast<size_t>(a), n ? n : 1) == 0 ? p : nullptr;
+}
+
 void* newBody(size_t n, int array, bool* failed) {
-  if (!ready()) return bootAlloc(n);
-  Layer layer;
-  if (layer.fails()) {
-    *failed = true;
-    return nullptr;
-  }
-  void* p = g_next.newPlain[array] != nullptr ? g_next.newPlain[array](n) : g_next.malloc(n ? n : 1);
-  layer.made(p);
-  return p;
+  return pointOrNull(
+      n, 16, [&] { return g_next.newPlain[array] ? g_next.newPlain[array](n) : g_next.malloc(n ? n : 1); },
+      failed);
 }
 
 void* newNothrowBody(size_t n, int array) {
-  if (!ready()) return bootAlloc(n);
-  Layer layer;
-  if (layer.fails()) return nullptr;
-  void* p = g_next.newNothrow[array] != nullptr ? g_next.newNothrow[array](n, std::nothrow)
-                                                : g_next.malloc(n ? n : 1);
-  layer.made(p);
-  return p;
+  return pointOrNull(n, 16, [&] {
+    return g_next.newNothrow[array] ? g_next.newNothrow[array](n, std::nothrow) : g_next.malloc(n ? n : 1);
+  });
 }
 
 void* newAlignedBody(size_t n, std::align_val_t a, int array, bool* failed) {
-  if (!ready()) return bootAlloc(n, static_cast<size_t>(a));
-  Layer layer;
-  if (layer.fails()) {
-    *failed = true;
-    return nullptr;
-  }
-  void* p = nullptr;
-  if (g_next.newAligned[array] != nullptr) {
-    p = g_next.newAligned[array](n, a);
-  } else if (g_next.posixMemalign(&p, static_cast<size_t>(a), n ? n : 1) != 0) {
-    p = nullptr;
-  }
-  layer.made(p);
-  return p;
+  return pointOrNull(
+      n, static_cast<size_t>(a),
+      [&] { return g_next.newAligned[array] ? g_next.newAligned[array](n, a) : alignedFallBack(n, a); },
+      failed);
 }
 
 void* newAlignedNothrowBody(size_t n, std::align_val_t a, int array) {
-  if (!ready()) return bootAlloc(n, static_cast<size_t>(a));
-  Layer layer;
-  if (layer.fails()) return nullptr;
-  void* p = nullptr;
-  if (g_next.newAlignedNothrow[array] != nullptr) {
-    p = g_next.newAlignedNothrow[array](n, a, std::nothrow);
-  } else if (g_next.posixMemalign(&p, static_cast<size_t>(a), n ? n : 1) != 0) {
-    p = nullptr;
-  }
-  layer.made(p);
-  return p;
+  return pointOrNull(n, static_cast<size_t>(a), [&] {
+    return g_next.newAlignedNothrow[array] ? g_next.newAlignedNothrow[array](n, a, std::nothrow)
+                                           : alignedFallBack(n, a);
+  });
 }
 
 // Every delete form goes to its own next form (the sanitizer compares the
@@ -553,39 +544,20 @@ void* reallocarray(void* p, size_t count, size_t size) {
 int posix_memalign(void** out, size_t align, size_t n) { return alignedAlloc(out, align, n); }
 
 void* aligned_alloc(size_t align, size_t n) {
-  if (!ready()) return bootAlloc(n, align);
-  Layer layer;
-  if (layer.fails()) return nullptr;
-  void* p = g_next.alignedAlloc != nullptr ? g_next.alignedAlloc(align, n) : nullptr;
-  layer.made(p);
-  return p;
+  return pointOrNull(n, align, [&] { return g_next.alignedAlloc ? g_next.alignedAlloc(align, n) : nullptr; });
 }
 
 void* memalign(size_t align, size_t n) {
-  if (!ready()) return bootAlloc(n, align);
-  Layer layer;
-  if (layer.fails()) return nullptr;
-  void* p = g_next.memalign != nullptr ? g_next.memalign(align, n) : nullptr;
-  layer.made(p);
-  return p;
+  return pointOrNull(n, align, [&] { return g_next.memalign ? g_next.memalign(align, n) : nullptr; });
 }
 
 void* valloc(size_t n) {
-  if (!ready()) return bootAlloc(n, 4096);
-  Layer layer;
-  if (layer.fails()) return nullptr;
-  void* p = g_next.valloc != nullptr ? g_next.valloc(n) : nullptr;
-  layer.made(p);
-  return p;
+  return pointOrNull(n, 4096, [&] { return g_next.valloc ? g_next.valloc(n) : nullptr; });
 }
 
 void* pvalloc(size_t n) {
-  if (!ready()) return bootAlloc((n + 4095) & ~static_cast<size_t>(4095), 4096);
-  Layer layer;
-  if (layer.fails()) return nullptr;
-  void* p = g_next.pvalloc != nullptr ? g_next.pvalloc(n) : nullptr;
-  layer.made(p);
-  return p;
+  return pointOrNull((n + 4095) & ~static_cast<size_t>(4095), 4096,
+                     [&] { return g_next.pvalloc ? g_next.pvalloc(n) : nullptr; });
 }
 
 int pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*start)(void*), void* arg) {
@@ -605,37 +577,31 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*start)
 
 // --- The C++ allocator ---------------------------------------------------------
 
-void* operator new(size_t n) {
+// A throwing form: std::bad_alloc once the body has let go of its layer, so
+// that the exception's own allocation is a point of the caller's.
+template <class Body>
+void* orThrow(Body body) {
   bool failed = false;
-  void* p = newBody(n, 0, &failed);
+  void* p = body(&failed);
   if (failed) throw std::bad_alloc();
   return p;
 }
 
+void* operator new(size_t n) {
+  return orThrow([&](bool* failed) { return newBody(n, 0, failed); });
+}
 void* operator new[](size_t n) {
-  bool failed = false;
-  void* p = newBody(n, 1, &failed);
-  if (failed) throw std::bad_alloc();
-  return p;
+  return orThrow([&](bool* failed) { return newBody(n, 1, failed); });
+}
+void* operator new(size_t n, std::align_val_t a) {
+  return orThrow([&](bool* failed) { return newAlignedBody(n, a, 0, failed); });
+}
+void* operator new[](size_t n, std::align_val_t a) {
+  return orThrow([&](bool* failed) { return newAlignedBody(n, a, 1, failed); });
 }
 
 void* operator new(size_t n, const std::nothrow_t&) noexcept { return newNothrowBody(n, 0); }
 void* operator new[](size_t n, const std::nothrow_t&) noexcept { return newNothrowBody(n, 1); }
-
-void* operator new(size_t n, std::align_val_t a) {
-  bool failed = false;
-  void* p = newAlignedBody(n, a, 0, &failed);
-  if (failed) throw std::bad_alloc();
-  return p;
-}
-
-void* operator new[](size_t n, std::align_val_t a) {
-  bool failed = false;
-  void* p = newAlignedBody(n, a, 1, &failed);
-  if (failed) throw std::bad_alloc();
-  return p;
-}
-
 void* operator new(size_t n, std::align_val_t a, const std::nothrow_t&) noexcept {
   return newAlignedNothrowBody(n, a, 0);
 }

@@ -20,6 +20,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "interface/segmentation_core.h"
@@ -105,15 +106,8 @@ Outcome goodRequest() {
   Pixels photo = photoCopy();
   if (VELDSEMarker::m_originalImage == nullptr) setSourceImage(kW, kH, photo.data());
   if (pHybrid == nullptr) initSegmentationEngine(0);
-  std::vector<int> points;
-  for (int x = kRectX1; x < kRectX2; ++x) points.insert(points.end(), {x, kRectY1});
-  for (int y = kRectY1; y < kRectY2; ++y) points.insert(points.end(), {kRectX2, y});
-  for (int x = kRectX2; x > kRectX1; --x) points.insert(points.end(), {x, kRectY2});
-  for (int y = kRectY2; y > kRectY1; --y) points.insert(points.end(), {kRectX1, y});
-  std::vector<int> grid(kPixels, LABEL_UNKNOWN);
-  cv::Mat(kH, kW, CV_32S,
-          grid.data())(cv::Rect(kRectX1, kRectY1, kRectX2 - kRectX1 + 1, kRectY2 - kRectY1 + 1))
-      .setTo(cv::Scalar(LABEL_PR_FG));
+  std::vector<int> points = testsupport::borderLoop(kRectX1, kRectY1, kRectX2, kRectY2);
+  std::vector<int> grid = testsupport::filledGrid(kW, kH, kRectX1, kRectY1, kRectX2, kRectY2, LABEL_PR_FG);
   setCurrentMarkerVector(static_cast<int>(points.size()), points.data());
   setMarkerImage(kW, kH, grid.data(), 0);
   Outcome o;
@@ -179,48 +173,17 @@ void setUp(State state) {
   }
 }
 
-// What a refused call must leave as it was.
-struct Snapshot {
-  const IplImage* photo;
-  const VELDSEHybrid* engine;
-  const unsigned int* const* planes;
-  int width, height, current, top, bottom, canUndo, canRedo;
-};
+// What a refused call must leave as it was: photo, engine, history planes,
+// photo width and height, history indices (current, top, bottom), canUndo and
+// canRedo.
+using Snapshot = std::tuple<const IplImage*, const VELDSEHybrid*, const unsigned int* const*, int, int, int,
+                            int, int, int, int>;
 
 Snapshot snapshot() {
-  return {VELDSEMarker::m_originalImage,
-          pHybrid,
-          VELDSEManageUndoRedo::m_bitPlane,
-          VELDSEMarker::m_originalWidth,
-          VELDSEMarker::m_originalHeight,
-          VELDSEManageUndoRedo::m_current,
-          VELDSEManageUndoRedo::m_top,
-          VELDSEManageUndoRedo::m_bottom,
-          canUndo(),
-          canRedo()};
-}
-
-void expectSame(const Snapshot& before, const Snapshot& after) {
-  EXPECT_EQ(after.photo, before.photo);
-  EXPECT_EQ(after.engine, before.engine);
-  EXPECT_EQ(after.planes, before.planes);
-  EXPECT_EQ(after.width, before.width);
-  EXPECT_EQ(after.height, before.height);
-  EXPECT_EQ(after.current, before.current);
-  EXPECT_EQ(after.top, before.top);
-  EXPECT_EQ(after.bottom, before.bottom);
-  EXPECT_EQ(after.canUndo, before.canUndo);
-  EXPECT_EQ(after.canRedo, before.canRedo);
-}
-
-// The outline as fetch_path_array hands it out, after its status.
-std::vector<int> fetchOutline() {
-  int* array = nullptr;
-  int count = 0;
-  std::vector<int> out = {fetch_path_array(&array, &count)};
-  if (array != nullptr && count > 0) out.insert(out.end(), array, array + count);
-  delete[] array;
-  return out;
+  return Snapshot(VELDSEMarker::m_originalImage, pHybrid, VELDSEManageUndoRedo::m_bitPlane,
+                  VELDSEMarker::m_originalWidth, VELDSEMarker::m_originalHeight,
+                  VELDSEManageUndoRedo::m_current, VELDSEManageUndoRedo::m_top,
+                  VELDSEManageUndoRedo::m_bottom, canUndo(), canRedo());
 }
 
 // What a state gives without any bad call: its outline, then the good request.
@@ -235,7 +198,7 @@ const Reference& reference(State state) {
   if (found != cache.end()) return found->second;
   setUp(state);
   Reference r;
-  r.outline = fetchOutline();
+  r.outline = testsupport::fetchOutline();
   r.request = goodRequest();
   clearContext();
   return cache.emplace(state, r).first->second;
@@ -293,12 +256,11 @@ enum class Effect {
 };
 
 struct Row {
-  std::string what;
+  std::string what;  // starts with the call's name, the "<call>: " of its log line
   State state;
   std::function<int(Buffers&)> call;
-  int status;            // kNoStatus for void calls
-  const char* callName;  // the "<call>: " of the log line
-  Effect effect;
+  Effect effect = Effect::kRefused;
+  int status = SEGCORE_FAILED;  // kNoStatus for void calls
   Lines crashLines = {};        // logged before the refusal (or, for a legal row, all it logs), exactly
   bool someCrashLines = false;  // MEMORY_CRASH lines of the calls it wraps may come first
   std::function<void(Buffers&)> check = nullptr;  // what a legal row writes
@@ -319,6 +281,16 @@ std::function<int(Buffers&)> voidCall(F f) {
   };
 }
 
+// A void call refused: its log line, nothing else.
+template <typename F>
+Row refusedVoid(std::string what, State state, F f) {
+  return {std::move(what), state, voidCall(f), Effect::kRefused, kNoStatus};
+}
+
+std::string sizeName(const char* call, int w, int h) {
+  return std::string(call) + " " + std::to_string(w) + " x " + std::to_string(h);
+}
+
 // Runs every row from its state and checks the contract.
 void runRows(const std::vector<Row>& rows) {
   for (const Row& row : rows) {
@@ -333,7 +305,7 @@ void runRows(const std::vector<Row>& rows) {
     Lines log = testsupport::lines(hostlog::stopCapture());
     EXPECT_EQ(status, row.status);
 
-    const std::string prefix = "E/Error: " + std::string(row.callName) + ": ";
+    const std::string prefix = "E/Error: " + row.what.substr(0, row.what.find(' ')) + ": ";
     if (row.effect == Effect::kRefused) {
       if (row.someCrashLines) {
         while (!log.empty() && log.front().rfind("E/Error: MEMORY_CRASH : ", 0) == 0) log.erase(log.begin());
@@ -351,13 +323,13 @@ void runRows(const std::vector<Row>& rows) {
     }
 
     if (row.effect != Effect::kChanges) {
-      expectSame(before, snapshot());
+      EXPECT_EQ(snapshot(), before);
       if (VELDSEMarker::m_originalImage != nullptr) {
         Pixels copy(kPixels, kPixelSentinel);
         copySourceImage(copy.data());
         EXPECT_EQ(differing(copy, scene().argb), 0) << "the stored photo";
       }
-      EXPECT_EQ(fetchOutline(), ref.outline);
+      EXPECT_EQ(testsupport::fetchOutline(), ref.outline);
       const Outcome after = goodRequest();
       EXPECT_EQ(after.status, ref.request.status);
       EXPECT_EQ(differing(after.mask, ref.request.mask), 0);
@@ -401,38 +373,33 @@ TEST_F(BadArguments, ReferenceRequestsDeliverACut) {
 }
 
 Row sourceSize(int w, int h, State state = State::kResult) {
-  const bool small = w < 1 || h < 1;
-  return {"setSourceImage " + std::to_string(w) + " x " + std::to_string(h),
+  return {sizeName("setSourceImage", w, h),
           state,
           [w, h](Buffers& b) { return setSourceImage(w, h, b.smallPhoto.data()); },
-          SEGCORE_FAILED,
-          "setSourceImage",
           Effect::kRefused,
-          small ? kSourceCrash : Lines{}};
+          SEGCORE_FAILED,
+          w < 1 || h < 1 ? kSourceCrash : Lines{}};
 }
 
 Row markerSize(int w, int h, State state = State::kResult) {
-  const bool small = w < 1 || h < 1;
-  return {"setMarkerImage " + std::to_string(w) + " x " + std::to_string(h),
+  return {sizeName("setMarkerImage", w, h),
           state,
           [w, h](Buffers& b) { return setMarkerImage(w, h, b.smallMarkers.data(), 2); },
-          SEGCORE_FAILED,
-          "setMarkerImage",
           Effect::kRefused,
-          small ? kMarkerCrash : Lines{}};
+          SEGCORE_FAILED,
+          w < 1 || h < 1 ? kMarkerCrash : Lines{}};
 }
 
 // A grid with a side of 0 is logged and stored; it changes nothing else, and
 // the next marks replace it.
 Row emptyMarkerGrid(int w, int h, bool nullMarkers, State state = State::kResult) {
-  return {"setMarkerImage " + std::to_string(w) + " x " + std::to_string(h) + (nullMarkers ? ", null" : ""),
+  return {sizeName("setMarkerImage", w, h) + (nullMarkers ? ", null" : ""),
           state,
           [w, h, nullMarkers](Buffers& b) {
             return setMarkerImage(w, h, nullMarkers ? nullptr : b.smallMarkers.data(), 2);
           },
-          0,
-          "setMarkerImage",
           Effect::kKeeps,
+          0,
           kMarkerCrash,
           false,
           [w, h](Buffers&) {
@@ -443,70 +410,42 @@ Row emptyMarkerGrid(int w, int h, bool nullMarkers, State state = State::kResult
 }
 
 Row rectangleSize(int w, int h) {
-  Row r{"doSegmentationBB " + std::to_string(w) + " x " + std::to_string(h),
-        State::kResult,
-        [w, h](Buffers& b) { return doSegmentationBB(w, h, b.smallPhoto.data(), 0, 0, 3, 3, b.mask.data()); },
-        SEGCORE_FAILED,
-        "doSegmentationBB",
-        Effect::kRefused};
-  r.someCrashLines = true;
-  return r;
+  return {
+      sizeName("doSegmentationBB", w, h),
+      State::kResult,
+      [w, h](Buffers& b) { return doSegmentationBB(w, h, b.smallPhoto.data(), 0, 0, 3, 3, b.mask.data()); },
+      Effect::kRefused,
+      SEGCORE_FAILED,
+      {},
+      true};
 }
+
+using WH = std::pair<int, int>;
 
 TEST_F(BadArguments, NegativeOrTooLargeSizesAreRefused) {
   std::vector<Row> rows;
-  for (auto wh : std::vector<std::pair<int, int>>{{-1, kH},
-                                                  {kW, -1},
-                                                  {-1, -1},
-                                                  {0, -1},
-                                                  {-1, 0},
-                                                  {INT_MIN, kH},
-                                                  {kW, INT_MIN},
-                                                  {0, INT_MIN},
-                                                  {70000, 70000},
-                                                  {65536, 65536},
-                                                  {32768, 32768},
-                                                  {46341, 46341},
-                                                  {INT_MAX, 2},
-                                                  {2, INT_MAX},
-                                                  {INT_MAX, INT_MAX},
-                                                  {715827883, 1},
-                                                  {1, 715827883}}) {
+  for (WH wh : {WH(-1, kH), WH(kW, -1), WH(-1, -1), WH(0, -1), WH(-1, 0), WH(INT_MIN, kH), WH(kW, INT_MIN),
+                WH(0, INT_MIN), WH(70000, 70000), WH(65536, 65536), WH(32768, 32768), WH(46341, 46341),
+                WH(INT_MAX, 2), WH(2, INT_MAX), WH(INT_MAX, INT_MAX), WH(715827883, 1), WH(1, 715827883)}) {
     rows.push_back(sourceSize(wh.first, wh.second));
   }
   rows.push_back(sourceSize(-1, -1, State::kNone));
   rows.push_back(sourceSize(0, -5, State::kNone));
   rows.push_back(sourceSize(65536, 65536, State::kNone));
-  for (auto wh : std::vector<std::pair<int, int>>{{-1, kH},
-                                                  {kW, -1},
-                                                  {-1, -1},
-                                                  {0, -1},
-                                                  {-1, 0},
-                                                  {INT_MIN, INT_MIN},
-                                                  {70000, 70000},
-                                                  {65536, 65536},
-                                                  {32768, 32768},
-                                                  {23171, 23171},
-                                                  {INT_MAX, 2},
-                                                  {536870913, 1}}) {
+  for (WH wh :
+       {WH(-1, kH), WH(kW, -1), WH(-1, -1), WH(0, -1), WH(-1, 0), WH(INT_MIN, INT_MIN), WH(70000, 70000),
+        WH(65536, 65536), WH(32768, 32768), WH(23171, 23171), WH(INT_MAX, 2), WH(536870913, 1)}) {
     rows.push_back(markerSize(wh.first, wh.second));
   }
   rows.push_back(markerSize(-3, 5, State::kNone));
-  for (auto wh : std::vector<std::pair<int, int>>{{0, kH}, {kW, 0}, {0, 0}}) {
+  for (WH wh : {WH(0, kH), WH(kW, 0), WH(0, 0)}) {
     for (bool null : {false, true}) {
       rows.push_back(emptyMarkerGrid(wh.first, wh.second, null));
       rows.push_back(emptyMarkerGrid(wh.first, wh.second, null, State::kNone));
     }
   }
-  for (auto wh : std::vector<std::pair<int, int>>{{0, kH},
-                                                  {kW, 0},
-                                                  {-5, -5},
-                                                  {INT_MIN, INT_MIN},
-                                                  {70000, 70000},
-                                                  {65536, 65536},
-                                                  {32768, 32768},
-                                                  {INT_MAX, 2},
-                                                  {715827883, 1}}) {
+  for (WH wh : {WH(0, kH), WH(kW, 0), WH(-5, -5), WH(INT_MIN, INT_MIN), WH(70000, 70000), WH(65536, 65536),
+                WH(32768, 32768), WH(INT_MAX, 2), WH(715827883, 1)}) {
     rows.push_back(rectangleSize(wh.first, wh.second));
   }
   runRows(rows);
@@ -520,59 +459,39 @@ TEST_F(BadArguments, NullBuffersAreRefused) {
   };
   const State R = State::kResult;
   const std::vector<Row> rows = {
-      {"setSourceImage null pixels", R, [](Buffers&) { return setSourceImage(kW, kH, nullptr); },
-       SEGCORE_FAILED, "setSourceImage", Effect::kRefused},
+      {"setSourceImage null pixels", R, [](Buffers&) { return setSourceImage(kW, kH, nullptr); }},
       {"setSourceImage null pixels, negative width", R,
-       [](Buffers&) { return setSourceImage(-1, kH, nullptr); }, SEGCORE_FAILED, "setSourceImage",
-       Effect::kRefused, kSourceCrash},
+       [](Buffers&) { return setSourceImage(-1, kH, nullptr); }, Effect::kRefused, SEGCORE_FAILED,
+       kSourceCrash},
       {"setSourceImage null pixels, no photo yet", State::kNone,
-       [](Buffers&) { return setSourceImage(kW, kH, nullptr); }, SEGCORE_FAILED, "setSourceImage",
-       Effect::kRefused},
-      {"copySourceImage null", R, voidCall([](Buffers&) { copySourceImage(nullptr); }), kNoStatus,
-       "copySourceImage", Effect::kRefused},
-      {"setMarkerImage null markers", R, [](Buffers&) { return setMarkerImage(kW, kH, nullptr, 2); },
-       SEGCORE_FAILED, "setMarkerImage", Effect::kRefused},
+       [](Buffers&) { return setSourceImage(kW, kH, nullptr); }},
+      refusedVoid("copySourceImage null", R, [](Buffers&) { copySourceImage(nullptr); }),
+      {"setMarkerImage null markers", R, [](Buffers&) { return setMarkerImage(kW, kH, nullptr, 2); }},
       {"setMarkerImage null markers, no height", R,
-       [](Buffers&) { return setMarkerImage(kW, -1, nullptr, 2); }, SEGCORE_FAILED, "setMarkerImage",
-       Effect::kRefused, kMarkerCrash},
-      {"setCurrentMarkerVector 4, null", R, [](Buffers&) { return setCurrentMarkerVector(4, nullptr); },
-       SEGCORE_FAILED, "setCurrentMarkerVector", Effect::kRefused},
+       [](Buffers&) { return setMarkerImage(kW, -1, nullptr, 2); }, Effect::kRefused, SEGCORE_FAILED,
+       kMarkerCrash},
+      {"setCurrentMarkerVector 4, null", R, [](Buffers&) { return setCurrentMarkerVector(4, nullptr); }},
       {"setCurrentMarkerVector INT_MAX - 1, null", R,
-       [](Buffers&) { return setCurrentMarkerVector(INT_MAX - 1, nullptr); }, SEGCORE_FAILED,
-       "setCurrentMarkerVector", Effect::kRefused},
+       [](Buffers&) { return setCurrentMarkerVector(INT_MAX - 1, nullptr); }},
       {"processSegment null blended", R,
-       [marks](Buffers& b) { return marks(b), processSegment(0, 0, 0, nullptr, b.mask.data()); },
-       SEGCORE_FAILED, "processSegment", Effect::kRefused},
+       [marks](Buffers& b) { return marks(b), processSegment(0, 0, 0, nullptr, b.mask.data()); }},
       {"processSegment null mask", R,
-       [marks](Buffers& b) { return marks(b), processSegment(0, 0, 0, b.blended.data(), nullptr); },
-       SEGCORE_FAILED, "processSegment", Effect::kRefused},
+       [marks](Buffers& b) { return marks(b), processSegment(0, 0, 0, b.blended.data(), nullptr); }},
       {"processSegment both null", State::kEngine,
-       [marks](Buffers& b) { return marks(b), processSegment(0, 0, 0, nullptr, nullptr); }, SEGCORE_FAILED,
-       "processSegment", Effect::kRefused},
+       [marks](Buffers& b) { return marks(b), processSegment(0, 0, 0, nullptr, nullptr); }},
       {"doSegmentationBB null pixels", R,
-       [](Buffers& b) { return doSegmentationBB(kW, kH, nullptr, 1, 1, 20, 20, b.mask.data()); },
-       SEGCORE_FAILED, "doSegmentationBB", Effect::kRefused},
+       [](Buffers& b) { return doSegmentationBB(kW, kH, nullptr, 1, 1, 20, 20, b.mask.data()); }},
       {"doSegmentationBB null mask", R,
-       [](Buffers& b) { return doSegmentationBB(kW, kH, b.photo.data(), 1, 1, 20, 20, nullptr); },
-       SEGCORE_FAILED, "doSegmentationBB", Effect::kRefused},
-      {"loadMaskImageInfo null", R, voidCall([](Buffers&) { loadMaskImageInfo(nullptr); }), kNoStatus,
-       "loadMaskImageInfo", Effect::kRefused},
-      {"loadBlendedImageInfo null", R, voidCall([](Buffers&) { loadBlendedImageInfo(nullptr); }), kNoStatus,
-       "loadBlendedImageInfo", Effect::kRefused},
-      {"fetch_path_array null array", R, [](Buffers& b) { return fetch_path_array(nullptr, &b.count); },
-       SEGCORE_FAILED, "fetch_path_array", Effect::kRefused},
-      {"fetch_path_array null count", R, [](Buffers& b) { return fetch_path_array(&b.array, nullptr); },
-       SEGCORE_FAILED, "fetch_path_array", Effect::kRefused},
-      {"fetch_path_array both null", R, [](Buffers&) { return fetch_path_array(nullptr, nullptr); },
-       SEGCORE_FAILED, "fetch_path_array", Effect::kRefused},
-      {"undo null blended", R, [](Buffers& b) { return undo(nullptr, b.mask.data()); }, SEGCORE_FAILED,
-       "undo", Effect::kRefused},
-      {"undo null mask", R, [](Buffers& b) { return undo(b.blended.data(), nullptr); }, SEGCORE_FAILED,
-       "undo", Effect::kRefused},
-      {"redo null blended", R, [](Buffers& b) { return redo(nullptr, b.mask.data()); }, SEGCORE_FAILED,
-       "redo", Effect::kRefused},
-      {"redo null mask", R, [](Buffers& b) { return redo(b.blended.data(), nullptr); }, SEGCORE_FAILED,
-       "redo", Effect::kRefused},
+       [](Buffers& b) { return doSegmentationBB(kW, kH, b.photo.data(), 1, 1, 20, 20, nullptr); }},
+      refusedVoid("loadMaskImageInfo null", R, [](Buffers&) { loadMaskImageInfo(nullptr); }),
+      refusedVoid("loadBlendedImageInfo null", R, [](Buffers&) { loadBlendedImageInfo(nullptr); }),
+      {"fetch_path_array null array", R, [](Buffers& b) { return fetch_path_array(nullptr, &b.count); }},
+      {"fetch_path_array null count", R, [](Buffers& b) { return fetch_path_array(&b.array, nullptr); }},
+      {"fetch_path_array both null", R, [](Buffers&) { return fetch_path_array(nullptr, nullptr); }},
+      {"undo null blended", R, [](Buffers& b) { return undo(nullptr, b.mask.data()); }},
+      {"undo null mask", R, [](Buffers& b) { return undo(b.blended.data(), nullptr); }},
+      {"redo null blended", R, [](Buffers& b) { return redo(nullptr, b.mask.data()); }},
+      {"redo null mask", R, [](Buffers& b) { return redo(b.blended.data(), nullptr); }},
   };
   runRows(rows);
 }
@@ -581,13 +500,11 @@ TEST_F(BadArguments, OddCountsAndModesOutsideZeroToThreeAreRefused) {
   std::vector<Row> rows;
   for (int count : {1, 3, 5, INT_MAX}) {
     rows.push_back({"setCurrentMarkerVector odd count " + std::to_string(count), State::kResult,
-                    [count](Buffers& b) { return setCurrentMarkerVector(count, b.coords.data()); },
-                    SEGCORE_FAILED, "setCurrentMarkerVector", Effect::kRefused});
+                    [count](Buffers& b) { return setCurrentMarkerVector(count, b.coords.data()); }});
   }
   for (int mode : {-1, 4, 5, 255, INT_MIN, INT_MAX}) {
     rows.push_back({"setMarkerImage mode " + std::to_string(mode), State::kResult,
-                    [mode](Buffers& b) { return setMarkerImage(kW, kH, b.markers.data(), mode); },
-                    SEGCORE_FAILED, "setMarkerImage", Effect::kRefused});
+                    [mode](Buffers& b) { return setMarkerImage(kW, kH, b.markers.data(), mode); }});
   }
   runRows(rows);
 }
@@ -604,9 +521,8 @@ TEST_F(BadArguments, CountsBelowOneEmptyTheStroke) {
                         setCurrentMarkerVector(static_cast<int>(points.size()), points.data());
                         return setCurrentMarkerVector(count, null ? nullptr : b.coords.data());
                       },
-                      0,
-                      "setCurrentMarkerVector",
                       Effect::kKeeps,
+                      0,
                       {},
                       false,
                       [](Buffers& b) {
@@ -620,9 +536,7 @@ TEST_F(BadArguments, CountsBelowOneEmptyTheStroke) {
 
 TEST_F(BadArguments, CallsOutOfOrderAreRefused) {
   auto request = [](const char* name, State s, int w, int h, bool process) -> Row {
-    return {std::string(name) + (w == kW && h == kH ? ""
-                                                    : " on a " + std::to_string(w) + " x " +
-                                                          std::to_string(h) + " marker grid"),
+    return {w == kW && h == kH ? name : sizeName(name, w, h) + " marker grid",
             s,
             [w, h, process](Buffers& b) {
               std::vector<int> grid(static_cast<size_t>(w) * h, LABEL_FG);
@@ -632,53 +546,22 @@ TEST_F(BadArguments, CallsOutOfOrderAreRefused) {
               return process ? processSegment(0, 0, 0, b.blended.data(), b.mask.data())
                              : cutOutImage(0, 0, 0, b.blended.data(), b.mask.data());
             },
-            SEGCORE_FAILED,
-            name,
             Effect::kRefused,
+            SEGCORE_FAILED,
             w < 1 || h < 1 ? kMarkerCrash : Lines{}};
   };
-  auto history = [](const char* name, State s) -> Row {
-    const bool isUndo = std::string(name) == "undo";
-    return {name,
-            s,
-            [isUndo](Buffers& b) {
-              return isUndo ? undo(b.blended.data(), b.mask.data()) : redo(b.blended.data(), b.mask.data());
-            },
-            SEGCORE_FAILED,
-            name,
-            Effect::kRefused};
+  auto loadMask = [](State s) {
+    return refusedVoid("loadMaskImageInfo", s, [](Buffers& b) { loadMaskImageInfo(b.mask.data()); });
   };
-  auto loadMask = [](State s) -> Row {
-    return {"loadMaskImageInfo",
-            s,
-            voidCall([](Buffers& b) { loadMaskImageInfo(b.mask.data()); }),
-            kNoStatus,
-            "loadMaskImageInfo",
-            Effect::kRefused};
-  };
-  auto loadBlended = [](State s) -> Row {
-    return {"loadBlendedImageInfo",
-            s,
-            voidCall([](Buffers& b) { loadBlendedImageInfo(b.blended.data()); }),
-            kNoStatus,
-            "loadBlendedImageInfo",
-            Effect::kRefused};
-  };
-  auto init = [](State s) -> Row {
-    return {"initSegmentationEngine",
-            s,
-            [](Buffers&) { return initSegmentationEngine(0); },
-            SEGCORE_FAILED,
-            "initSegmentationEngine",
-            Effect::kRefused};
+  auto loadBlended = [](State s) {
+    return refusedVoid("loadBlendedImageInfo", s, [](Buffers& b) { loadBlendedImageInfo(b.blended.data()); });
   };
   auto noOutline = [](State s) -> Row {
     return {"fetch_path_array without an outline",
             s,
             [](Buffers& b) { return fetch_path_array(&b.array, &b.count); },
-            0,
-            "fetch_path_array",
             Effect::kKeeps,
+            0,
             {},
             false,
             [](Buffers& b) {
@@ -688,31 +571,32 @@ TEST_F(BadArguments, CallsOutOfOrderAreRefused) {
               delete[] b.array;
             }};
   };
+  auto undoCall = [](Buffers& b) { return undo(b.blended.data(), b.mask.data()); };
+  auto redoCall = [](Buffers& b) { return redo(b.blended.data(), b.mask.data()); };
+  auto initCall = [](Buffers&) { return initSegmentationEngine(0); };
   const State N = State::kNone, T = State::kTornDown;
   const std::vector<Row> rows = {
       request("processSegment", N, kW, kH, true),
       request("cutOutImage", N, kW, kH, false),
-      history("undo", N),
-      history("redo", N),
+      {"undo", N, undoCall},
+      {"redo", N, redoCall},
       loadMask(N),
       loadBlended(N),
-      init(N),
+      {"initSegmentationEngine", N, initCall},
       noOutline(N),
       {"copySourceImage without a photo",
        N,
        voidCall([](Buffers& b) { copySourceImage(b.copy.data()); }),
-       kNoStatus,
-       "copySourceImage",
        Effect::kKeeps,
+       kNoStatus,
        {},
        false,
        [](Buffers& b) { EXPECT_EQ(differing(b.copy, Pixels(kPixels, kPixelSentinel)), 0); }},
-      {"canUndo without a photo", N, [](Buffers&) { return canUndo(); }, 0, "canUndo", Effect::kKeeps},
-      {"canRedo without a photo", N, [](Buffers&) { return canRedo(); }, 0, "canRedo", Effect::kKeeps},
+      {"canUndo without a photo", N, [](Buffers&) { return canUndo(); }, Effect::kKeeps, 0},
+      {"canRedo without a photo", N, [](Buffers&) { return canRedo(); }, Effect::kKeeps, 0},
       request("processSegment", State::kPhoto, kW, kH, true),
       {"cutOutImage without a marker grid", State::kEngine,
-       [](Buffers& b) { return cutOutImage(0, 0, 0, b.blended.data(), b.mask.data()); }, SEGCORE_FAILED,
-       "cutOutImage", Effect::kRefused},
+       [](Buffers& b) { return cutOutImage(0, 0, 0, b.blended.data(), b.mask.data()); }},
       request("processSegment", State::kEngine, 10, 10, true),
       request("processSegment", State::kResult, kW + 1, kH, true),
       request("processSegment", State::kResult, kW, kH - 1, true),
@@ -727,9 +611,9 @@ TEST_F(BadArguments, CallsOutOfOrderAreRefused) {
       loadBlended(State::kResult),
       request("processSegment", T, kW, kH, true),
       request("cutOutImage", T, kW, kH, false),
-      history("undo", T),
-      history("redo", T),
-      init(T),
+      {"undo", T, undoCall},
+      {"redo", T, redoCall},
+      {"initSegmentationEngine", T, initCall},
       noOutline(T),
   };
   runRows(rows);
@@ -771,12 +655,12 @@ TEST_F(BadArguments, EmptyPhotoIsStoredAndRefusedByEveryCallThatNeedsPixels) {
           EXPECT_EQ(testsupport::lines(hostlog::stopCapture()), kSourceCrash);
           EXPECT_EQ(stored, 0);
           ASSERT_NE(VELDSEMarker::m_originalImage, nullptr);
-          EXPECT_NE(VELDSEMarker::m_originalImage, before.photo) << "the photo is replaced";
+          EXPECT_NE(VELDSEMarker::m_originalImage, std::get<0>(before)) << "the photo is replaced";
           EXPECT_EQ(VELDSEMarker::m_originalImage->width, size.w);
           EXPECT_EQ(VELDSEMarker::m_originalImage->height, size.h);
           EXPECT_EQ(VELDSEMarker::m_originalWidth, size.w);
           EXPECT_EQ(VELDSEMarker::m_originalHeight, size.h);
-          EXPECT_EQ(pHybrid, before.engine) << "the engine is not the photo's business";
+          EXPECT_EQ(pHybrid, std::get<1>(before)) << "the engine is not the photo's business";
           EXPECT_EQ(canUndo(), 0);
           EXPECT_EQ(canRedo(), 0);
           EXPECT_EQ(b.smallPhoto, Pixels(16, 0xFF808080u)) << "the caller's pixels";
@@ -798,7 +682,7 @@ TEST_F(BadArguments, EmptyPhotoIsStoredAndRefusedByEveryCallThatNeedsPixels) {
                        : "empty photo (" + std::to_string(size.w) + " x " + std::to_string(size.h) + ")";
           EXPECT_EQ(log, Lines{"E/Error: " + std::string(follow.name) + ": " + problem});
           expectUntouched(b);
-          expectSame(stillEmpty, snapshot());
+          EXPECT_EQ(snapshot(), stillEmpty);
           EXPECT_EQ(g_markerImage, nullptr) << "a request consumes its marks";
           clearContext();
         }
@@ -822,12 +706,11 @@ TEST_F(BadArguments, MarkerCodesOutsideZeroToFourActAsUnknown) {
   };
   std::vector<Row> rows;
   for (int code : {-7, -1, 5, 255, 256, 300, INT_MIN, INT_MAX}) {
-    rows.push_back({"marker code " + std::to_string(code),
+    rows.push_back({"setMarkerImage with code " + std::to_string(code),
                     State::kResult,
                     cut(code),
-                    0,
-                    "setMarkerImage",
                     Effect::kChanges,
+                    0,
                     {},
                     false,
                     [](Buffers& b) { EXPECT_TRUE(twoValued(b.mask)); },
@@ -840,37 +723,24 @@ TEST_F(BadArguments, MarkerCodesOutsideZeroToFourActAsUnknown) {
 // must not crash, and a mask that comes back holds only 0 and 255 (an empty
 // selection may leave the mask as it was, like an abandoned cut).
 TEST_F(BadArguments, OddRectanglesAreCutOrLeftAlone) {
-  struct Rect {
-    int x1, y1, x2, y2;
-  };
   std::vector<Row> rows;
-  for (Rect r : std::vector<Rect>{{30, 5, 10, 30},
-                                  {10, 30, 30, 5},
-                                  {30, 30, 10, 5},
-                                  {10, 10, 10, 10},
-                                  {10, 5, 10, 30},
-                                  {5, 10, 30, 10},
-                                  {0, 0, kW - 1, kH - 1},
-                                  {-1, -1, kW, kH},
-                                  {-10, -10, 30, 20},
-                                  {100, 100, 200, 200},
-                                  {-50, -50, -10, -10},
-                                  {kW, 0, kW + 10, kH - 1},
-                                  {INT_MIN, INT_MIN, INT_MAX, INT_MAX},
-                                  {INT_MAX, INT_MAX, INT_MIN, INT_MIN},
-                                  {INT_MIN, 5, 30, INT_MAX},
-                                  {5, INT_MIN, INT_MAX, 20},
-                                  {INT_MAX - 1, INT_MAX - 1, INT_MAX, INT_MAX},
-                                  {INT_MIN, INT_MIN, INT_MIN + 1, INT_MIN + 1}}) {
-    rows.push_back({"rectangle (" + std::to_string(r.x1) + ", " + std::to_string(r.y1) + ") - (" +
-                        std::to_string(r.x2) + ", " + std::to_string(r.y2) + ")",
+  for (cv::Vec4i r :
+       {cv::Vec4i(30, 5, 10, 30), cv::Vec4i(10, 30, 30, 5), cv::Vec4i(30, 30, 10, 5),
+        cv::Vec4i(10, 10, 10, 10), cv::Vec4i(10, 5, 10, 30), cv::Vec4i(5, 10, 30, 10),
+        cv::Vec4i(0, 0, kW - 1, kH - 1), cv::Vec4i(-1, -1, kW, kH), cv::Vec4i(-10, -10, 30, 20),
+        cv::Vec4i(100, 100, 200, 200), cv::Vec4i(-50, -50, -10, -10), cv::Vec4i(kW, 0, kW + 10, kH - 1),
+        cv::Vec4i(INT_MIN, INT_MIN, INT_MAX, INT_MAX), cv::Vec4i(INT_MAX, INT_MAX, INT_MIN, INT_MIN),
+        cv::Vec4i(INT_MIN, 5, 30, INT_MAX), cv::Vec4i(5, INT_MIN, INT_MAX, 20),
+        cv::Vec4i(INT_MAX - 1, INT_MAX - 1, INT_MAX, INT_MAX),
+        cv::Vec4i(INT_MIN, INT_MIN, INT_MIN + 1, INT_MIN + 1)}) {
+    rows.push_back({"doSegmentationBB (" + std::to_string(r[0]) + ", " + std::to_string(r[1]) + ") - (" +
+                        std::to_string(r[2]) + ", " + std::to_string(r[3]) + ")",
                     State::kResult,
                     [r](Buffers& b) {
-                      return doSegmentationBB(kW, kH, b.photo.data(), r.x1, r.y1, r.x2, r.y2, b.mask.data());
+                      return doSegmentationBB(kW, kH, b.photo.data(), r[0], r[1], r[2], r[3], b.mask.data());
                     },
-                    0,
-                    "doSegmentationBB",
                     Effect::kChanges,
+                    0,
                     {},
                     false,
                     [](Buffers& b) { EXPECT_TRUE(untouchedOrTwoValued(b.mask)); }});

@@ -15,6 +15,7 @@
 #include "interface/segmentation_core.h"
 #include "interface/veldse_marker.h"
 #include "tests/synthetic_scene.h"
+#include "tests/test_support.h"
 
 namespace {
 
@@ -35,15 +36,8 @@ class Editing {
 
   // The disc: a rectangle round it (border as points, 4 inside, mode 0).
   int rectangle() {
-    points_.clear();
-    grid_.assign(scene_.argb.size(), 0);
-    const int x1 = 40, y1 = 30, x2 = 122, y2 = 112;
-    for (int x = x1; x < x2; ++x) points_.insert(points_.end(), {x, y1});
-    for (int y = y1; y < y2; ++y) points_.insert(points_.end(), {x2, y});
-    for (int x = x2; x > x1; --x) points_.insert(points_.end(), {x, y2});
-    for (int y = y2; y > y1; --y) points_.insert(points_.end(), {x1, y});
-    for (int y = y1; y <= y2; ++y)
-      for (int x = x1; x <= x2; ++x) grid_[static_cast<size_t>(y) * scene_.w + x] = 4;
+    points_ = testsupport::borderLoop(40, 30, 122, 112);
+    grid_ = testsupport::filledGrid(scene_.w, scene_.h, 40, 30, 122, 112, LABEL_PR_FG);
     return send(0);
   }
   // An object stroke across the square (code 2 along it, mode 2).

@@ -49,6 +49,8 @@ VELDSEColorModel randomModel(cv::RNG& rng, int emptyComponent) {
   return m;
 }
 
+using SeedAndEmpty = std::pair<uint64_t, int>;
+
 // Independent component density: general inverse and determinant from cv::Mat.
 double referenceComponent(const VELDSEColorModel& m, int k, pixelVal x) {
   if (!(m.weight[k] > 0)) return 0.0;
@@ -67,14 +69,11 @@ pixelVal near(cv::RNG& rng, const double* centre, double spread) {
 }
 
 TEST_F(ColorModelTest, GMMProbMatchesIndependentEvaluation) {
-  const struct {
-    uint64_t seed;
-    int empty;
-  } cases[] = {{1, -1}, {2, 0}, {3, 4}, {4, 2}, {5, -1}};
-  for (const auto& tc : cases) {
-    SCOPED_TRACE(testing::Message() << "seed " << tc.seed << " empty " << tc.empty);
-    cv::RNG rng(tc.seed);
-    VELDSEColorModel m = randomModel(rng, tc.empty);
+  // Seed, and the component left empty (-1: none).
+  for (auto [seed, empty] : {SeedAndEmpty{1, -1}, {2, 0}, {3, 4}, {4, 2}, {5, -1}}) {
+    SCOPED_TRACE(testing::Message() << "seed " << seed << " empty " << empty);
+    cv::RNG rng(seed);
+    VELDSEColorModel m = randomModel(rng, empty);
     for (int i = 0; i < 40; ++i) {
       const pixelVal x = near(rng, m.mean[i % 5], 8.0);  // near a mean: far from underflow
       double ref = 0;
@@ -152,15 +151,11 @@ TEST_F(ColorModelTest, DensityRoundsEveryProductAndSumAsWritten) {
   // Exact equality with the step-by-step evaluation, on samples where fusing
   // the multiply-adds gives another double: a build that fuses them (on any
   // target) fails here rather than in a mask that moves by a few pixels.
-  const struct {
-    uint64_t seed;
-    int empty;
-  } cases[] = {{21, -1}, {22, 1}, {23, -1}};
   int samples = 0, sensitive = 0;
-  for (const auto& tc : cases) {
-    SCOPED_TRACE(testing::Message() << "seed " << tc.seed << " empty " << tc.empty);
-    cv::RNG rng(tc.seed);
-    const VELDSEColorModel m = randomModel(rng, tc.empty);
+  for (auto [seed, empty] : {SeedAndEmpty{21, -1}, {22, 1}, {23, -1}}) {
+    SCOPED_TRACE(testing::Message() << "seed " << seed << " empty " << empty);
+    cv::RNG rng(seed);
+    const VELDSEColorModel m = randomModel(rng, empty);
     for (int i = 0; i < 30; ++i, ++samples) {
       SCOPED_TRACE(i);
       const pixelVal x = near(rng, m.mean[i % 5], 10.0);

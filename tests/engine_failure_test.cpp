@@ -155,16 +155,6 @@ class SegmentDriver : public ::testing::Test {
     deinitSegmentation();
     return out;
   }
-
-  static void expectNothingLeft() {
-    EXPECT_EQ(pHybrid->m_graph, nullptr);
-    EXPECT_EQ(pHybrid->m_trimapGraph, nullptr);
-    EXPECT_EQ(pHybrid->m_cropSrc, nullptr);
-    EXPECT_EQ(pHybrid->m_cropLabel, nullptr);
-    EXPECT_EQ(pHybrid->m_cropLabelInit, nullptr);
-    for (IplImage* l : pHybrid->m_iterLabel) EXPECT_EQ(l, nullptr);
-    EXPECT_EQ(g_cancelTimer, nullptr);
-  }
 };
 
 // Every tracked allocation of a request that has no fall-back: the request
@@ -196,7 +186,7 @@ TEST_F(SegmentDriver, TrackedAllocationFailureEndsRequestCleanly) {
     EXPECT_THROW(pHybrid->segment(), std::bad_alloc);
     EXPECT_EQ(g_tracked.firedCount(), 1) << "the allocation was never made";
     g_tracked.disarm();
-    expectNothingLeft();
+    testsupport::expectNoRequestLeft();
 
     // The context is still usable: the same request again.
     testsupport::markRectangle(r.w, r.h, r.w / 4, r.h / 6, 3 * r.w / 4, 5 * r.h / 6);
@@ -204,7 +194,7 @@ TEST_F(SegmentDriver, TrackedAllocationFailureEndsRequestCleanly) {
     ASSERT_NE(mask, nullptr);
     EXPECT_EQ(cv::norm(testsupport::M(mask), expected, cv::NORM_INF), 0.0);
     cvReleaseImage(&mask);
-    expectNothingLeft();
+    testsupport::expectNoRequestLeft();
     deinitSegmentation();
   }
 }
@@ -228,7 +218,7 @@ TEST_F(SegmentDriver, BandGraphWithoutMemoryGivesEnlargedWorkingMask) {
     EXPECT_EQ(std::count(log.begin(), log.end(), "E/Error: Failed: intelligentUpscaling (status_flag = 1)"),
               1);
     cvReleaseImage(&mask);
-    expectNothingLeft();
+    testsupport::expectNoRequestLeft();
     deinitSegmentation();
   }
 }

@@ -108,14 +108,8 @@ Photo makePhoto(int w, int h) {
   const size_t n = static_cast<size_t>(w) * h;
   auto gridOf = [&](std::vector<int>& g) { return cv::Mat(h, w, CV_32S, g.data()); };
   // The rectangle as the app sends it: its border as a loop, code 4 inside.
-  Marks& rect = p.rectangle;
-  for (int x = p.x1; x < p.x2; ++x) rect.points.insert(rect.points.end(), {x, p.y1});
-  for (int y = p.y1; y < p.y2; ++y) rect.points.insert(rect.points.end(), {p.x2, y});
-  for (int x = p.x2; x > p.x1; --x) rect.points.insert(rect.points.end(), {x, p.y2});
-  for (int y = p.y2; y > p.y1; --y) rect.points.insert(rect.points.end(), {p.x1, y});
-  rect.grid.assign(n, 0);
-  gridOf(rect.grid)(cv::Rect(p.x1, p.y1, p.x2 - p.x1 + 1, p.y2 - p.y1 + 1)).setTo(LABEL_PR_FG);
-  rect.mode = 0;
+  p.rectangle.points = testsupport::borderLoop(p.x1, p.y1, p.x2, p.y2);
+  p.rectangle.grid = testsupport::filledGrid(w, h, p.x1, p.y1, p.x2, p.y2, LABEL_PR_FG);
   // A free loop (an octagon) round disc and square, code 4 inside.
   std::vector<cv::Point> octagon;
   const int lx0 = w / 8, lx1 = w - w / 20, ly0 = h / 8, ly1 = h - h / 8, cut = h / 8;
@@ -127,7 +121,6 @@ Photo makePhoto(int w, int h) {
   }
   p.loop.grid.assign(n, 0);
   cv::fillPoly(gridOf(p.loop.grid), std::vector<std::vector<cv::Point>>{octagon}, cv::Scalar(LABEL_PR_FG));
-  p.loop.mode = 0;
   // An object stroke across the square, a background stroke across the
   // disc's top.
   const int sx = w * 3 / 4, sy = h / 3, side = w / 8;
@@ -198,8 +191,7 @@ int runFetch(const Photo&, Out& o) { return fetchInto(o.outline); }
 enum State { kNothing, kPhoto, kEngine, kCut, kTwoCuts, kUndone };
 
 struct Call {
-  const char* label;  // the case's name
-  const char* name;   // the call's name in its log line
+  const char* label;  // the case's name; its first word is the call's name in its log line
   State state;
   Marks Photo::*marks;  // sent before the call and again for the retry; null: none
   Run run;
@@ -207,23 +199,28 @@ struct Call {
 };
 
 const Call kCalls[] = {
-    {"setSourceImage", "setSourceImage", kNothing, nullptr, runSetSource, true},
-    {"initSegmentationEngine", "initSegmentationEngine", kPhoto, nullptr, runInit, true},
-    {"processSegment rectangle", "processSegment", kEngine, &Photo::rectangle, runProcess, false},
-    {"processSegment loop", "processSegment", kCut, &Photo::loop, runProcess, false},
-    {"processSegment object stroke", "processSegment", kCut, &Photo::objectStroke, runProcess, false},
-    {"processSegment background stroke", "processSegment", kCut, &Photo::backgroundStroke, runProcess, false},
-    {"cutOutImage", "cutOutImage", kCut, &Photo::objectStroke, runCutOut, false},
-    {"undo", "undo", kTwoCuts, nullptr, runUndo, false},
-    {"redo", "redo", kUndone, nullptr, runRedo, false},
-    {"doSegmentationBB", "doSegmentationBB", kCut, nullptr, runRectangle, false},
-    {"fetch_path_array", "fetch_path_array", kCut, nullptr, runFetch, false},
+    {"setSourceImage", kNothing, nullptr, runSetSource, true},
+    {"initSegmentationEngine", kPhoto, nullptr, runInit, true},
+    {"processSegment rectangle", kEngine, &Photo::rectangle, runProcess, false},
+    {"processSegment loop", kCut, &Photo::loop, runProcess, false},
+    {"processSegment object stroke", kCut, &Photo::objectStroke, runProcess, false},
+    {"processSegment background stroke", kCut, &Photo::backgroundStroke, runProcess, false},
+    {"cutOutImage", kCut, &Photo::objectStroke, runCutOut, false},
+    {"undo", kTwoCuts, nullptr, runUndo, false},
+    {"redo", kUndone, nullptr, runRedo, false},
+    {"doSegmentationBB", kCut, nullptr, runRectangle, false},
+    {"fetch_path_array", kCut, nullptr, runFetch, false},
 };
 
-bool buildState(const Photo& p, State state) {
+// Ends the context, so that what is left allocated can be compared.
+void tearDown() {
   deinitSegmentation();
   freeLocalBuffers();
   VELDSEMarker::resetMarkers();
+}
+
+bool buildState(const Photo& p, State state) {
+  tearDown();
   Out o(p);
   o.reset(p);
   bool ok = true;
@@ -243,10 +240,7 @@ bool buildState(const Photo& p, State state) {
 
 struct History {
   int canUndo, canRedo, current, top, bottom;
-  bool operator==(const History& o) const {
-    return canUndo == o.canUndo && canRedo == o.canRedo && current == o.current && top == o.top &&
-           bottom == o.bottom;
-  }
+  bool operator==(const History& o) const { return std::memcmp(this, &o, sizeof(History)) == 0; }
 };
 
 History history() {
@@ -262,13 +256,6 @@ void followUp(const Photo& p, bool needsEngine, Out& o) {
   processSegment(0, 0, 0, o.blended.data(), o.mask.data());
 }
 
-// Ends the context, so that what is left allocated can be compared.
-void tearDown() {
-  deinitSegmentation();
-  freeLocalBuffers();
-  VELDSEMarker::resetMarkers();
-}
-
 // --- The clean run -------------------------------------------------------------
 
 struct Reference {
@@ -281,44 +268,22 @@ struct Reference {
   std::vector<int> outlineBefore, outlineAfter;
 };
 
-// Pipe transfer of plain values and vectors.
-struct Writer {
+// Pipe transfer of plain values and vectors, one way or the other.
+struct Pipe {
   int fd;
-  void raw(const void* data, size_t n) {
-    const char* c = static_cast<const char*>(data);
-    while (n > 0) {
-      const ssize_t k = write(fd, c, n);
-      if (k <= 0) _exit(3);
-      c += k;
-      n -= static_cast<size_t>(k);
-    }
-  }
-  template <class T>
-  void vec(const std::vector<T>& v) {
-    const size_t n = v.size();
-    raw(&n, sizeof(n));
-    raw(v.data(), n * sizeof(T));
-  }
-};
-
-struct Reader {
-  int fd;
+  bool writing;
   bool ok = true;
   void raw(void* data, size_t n) {
-    char* c = static_cast<char*>(data);
-    while (ok && n > 0) {
-      const ssize_t k = read(fd, c, n);
-      if (k <= 0) {
-        ok = false;
-      } else {
-        c += k;
-        n -= static_cast<size_t>(k);
-      }
+    for (char* c = static_cast<char*>(data); ok && n > 0;) {
+      const ssize_t k = writing ? write(fd, c, n) : read(fd, c, n);
+      ok = k > 0;
+      c += ok ? k : 0;
+      n -= ok ? static_cast<size_t>(k) : 0;
     }
   }
   template <class T>
   void vec(std::vector<T>& v) {
-    size_t n = 0;
+    size_t n = v.size();
     raw(&n, sizeof(n));
     if (!ok || n > (1u << 26)) return void(ok = false);
     v.resize(n);
@@ -327,8 +292,7 @@ struct Reader {
 };
 
 // The reference through the pipe, field by field, with a Writer or a Reader.
-template <class Io>
-void transfer(Io& io, Reference& r) {
+void transfer(Pipe& io, Reference& r) {
   io.raw(&r.status, sizeof(r.status));
   io.raw(&r.points, sizeof(r.points));
   io.raw(&r.liveDelta, sizeof(r.liveDelta));
@@ -460,9 +424,9 @@ void childReference(const Call& c, const Photo& p, int fd) {
   }
   tearDown();
   r.liveDelta = alloc_faults::liveBlocks() - live;
-  Writer w{fd};
-  transfer(w, r);
-  _exit(0);
+  Pipe out{fd, true};
+  transfer(out, r);
+  _exit(out.ok ? 0 : 3);
 }
 
 // Exit status of a failing point whose request ran for the whole time limit.
@@ -491,7 +455,8 @@ void childPoint(const Call& c, const Photo& p, const Reference& ref, long index,
   const int lines = std::min(staticlog::count(), staticlog::kMaxLines);
   int errorLines = 0, ranOut = 0, upscalingFallBack = 0;
   char expected[96];
-  std::snprintf(expected, sizeof(expected), "%s: memory ran out", c.name);
+  std::snprintf(expected, sizeof(expected), "%.*s: memory ran out",
+                static_cast<int>(std::strcspn(c.label, " ")), c.label);
   for (int k = 0; k < lines; ++k) {
     if (std::strcmp(staticlog::line(k).tag, "Error") != 0) continue;
     if (std::strncmp(staticlog::line(k).text, "Failed: intelligentUpscaling", 28) == 0) {
@@ -751,13 +716,12 @@ void sweepCalls(const Photo& p, const std::vector<std::string>& labels = {}) {
     Reference ref;
     const Child ch = forkChild([&](int fd) { childReference(c, p, fd); });
     ASSERT_GE(ch.pid, 0);
-    Reader rd{ch.fd};
+    Pipe rd{ch.fd, false};
     transfer(rd, ref);
-    const bool received = rd.ok;
     close(ch.fd);
     int status = 0;
     waitpid(ch.pid, &status, 0);
-    ASSERT_TRUE(received && WIFEXITED(status) && WEXITSTATUS(status) == 0)
+    ASSERT_TRUE(rd.ok && WIFEXITED(status) && WEXITSTATUS(status) == 0)
         << "the clean run failed: " << describeStatus(status);
     ASSERT_EQ(ref.status, 0) << "the clean run";
     ASSERT_GT(ref.points, 0) << "the call allocates nothing?";
@@ -795,77 +759,46 @@ struct Kind {
 
 void* threadBody(void*) { return nullptr; }
 
+// One C allocation's block released; whether there was one.
+bool freed(void* p) {
+  std::free(keep(p));
+  return p != nullptr;
+}
+
+// Whether `make` (a throwing new and its delete) got through without std::bad_alloc.
+template <class F>
+bool noBadAlloc(F make) {
+  try {
+    make();
+    return true;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
+struct alignas(64) Wide {
+  char c[64];
+};
+
 const Kind kKinds[] = {
-    {"malloc",
-     [] {
-       void* p = keep(std::malloc(24));
-       std::free(p);
-       return p != nullptr;
-     }},
-    {"calloc",
-     [] {
-       void* p = keep(std::calloc(3, 8));
-       std::free(p);
-       return p != nullptr;
-     }},
-    {"realloc of null",
-     [] {
-       void* p = keep(std::realloc(nullptr, 40));
-       std::free(p);
-       return p != nullptr;
-     }},
+    {"malloc", [] { return freed(std::malloc(24)); }},
+    {"calloc", [] { return freed(std::calloc(3, 8)); }},
+    {"realloc of null", [] { return freed(std::realloc(nullptr, 40)); }},
     {"posix_memalign",
      [] {
        void* p = nullptr;
-       const int rc = posix_memalign(&p, 64, 100);
-       std::free(keep(p));
-       return rc == 0 && p != nullptr;
+       return posix_memalign(&p, 64, 100) == 0 && freed(p);
      }},
-    {"aligned_alloc",
-     [] {
-       void* p = keep(aligned_alloc(64, 128));
-       std::free(p);
-       return p != nullptr;
-     }},
-    {"new",
-     [] {
-       try {
-         delete keep(new int(3));
-         return true;
-       } catch (const std::bad_alloc&) {
-         return false;
-       }
-     },
-     1},
-    {"new[]",
-     [] {
-       try {
-         delete[] keep(new int[9]);
-         return true;
-       } catch (const std::bad_alloc&) {
-         return false;
-       }
-     },
-     1},
+    {"aligned_alloc", [] { return freed(aligned_alloc(64, 128)); }},
+    {"new", [] { return noBadAlloc([] { delete keep(new int(3)); }); }, 1},
+    {"new[]", [] { return noBadAlloc([] { delete[] keep(new int[9]); }); }, 1},
     {"nothrow new",
      [] {
        int* p = keep(new (std::nothrow) int(4));
        delete p;
        return p != nullptr;
      }},
-    {"aligned new",
-     [] {
-       struct alignas(64) Wide {
-         char c[64];
-       };
-       try {
-         delete keep(new Wide);
-         return true;
-       } catch (const std::bad_alloc&) {
-         return false;
-       }
-     },
-     1},
+    {"aligned new", [] { return noBadAlloc([] { delete keep(new Wide); }); }, 1},
     {"pthread_create",
      [] {
        pthread_t t;

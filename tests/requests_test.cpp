@@ -281,22 +281,14 @@ TEST_F(Edits, OutlineArrayLayoutAndOneTimeDelivery) {
   std::vector<std::vector<cv::Point>> ref;
   cv::findContours(shapes.clone(), ref, cv::RETR_LIST, cv::CHAIN_APPROX_SIMPLE);
   ASSERT_EQ(ref.size(), 3u);
-  std::vector<int> expected = {static_cast<int>(ref.size())};
+  std::vector<int> expected = {0, static_cast<int>(ref.size())};  // status 0, then the array
   for (const auto& c : ref) {
     expected.push_back(static_cast<int>(c.size()));
     for (const cv::Point& p : c) expected.insert(expected.end(), {p.x, p.y});
     expected.push_back(-1);
   }
-  auto fetch = [] {
-    int* array = nullptr;
-    int count = 0;
-    EXPECT_EQ(fetch_path_array(&array, &count), 0);
-    const std::vector<int> out(array, array + count);
-    delete[] array;
-    return out;
-  };
-  EXPECT_EQ(fetch(), expected);
-  EXPECT_EQ(fetch(), std::vector<int>{0}) << "delivered once";
+  EXPECT_EQ(testsupport::fetchOutline(), expected);
+  EXPECT_EQ(testsupport::fetchOutline(), (std::vector<int>{0, 0})) << "delivered once";
 
   // Preview: exactly the full-intensity pixels of the anti-aliased outline.
   cv::Mat outline = cv::Mat::zeros(kH, kW, CV_8U);
@@ -313,7 +305,7 @@ TEST_F(Edits, OutlineArrayLayoutAndOneTimeDelivery) {
   edit(cv::Mat::zeros(kH, kW, CV_8U), &blended, &mask);
   EXPECT_EQ(mask, Bytes(kW * kH, 255));
   EXPECT_EQ(blended, Pixels(kW * kH, 5u));
-  EXPECT_EQ(fetch(), std::vector<int>{0});
+  EXPECT_EQ(testsupport::fetchOutline(), (std::vector<int>{0, 0}));
 }
 
 // Over a megapixel the history, the mask and the preview are written in

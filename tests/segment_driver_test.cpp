@@ -65,10 +65,7 @@ TEST_F(SegmentDriver, ExitFlagOrTimeOutAbandonsAfterFirstCut) {
       EXPECT_NEAR(m->weight[0] + m->weight[1] + m->weight[2] + m->weight[3] + m->weight[4], 1.0, 1e-12);
     g_clockJumps = VELDSEMarker::m_exitApp = false;
     // Nothing of the abandoned request is left.
-    EXPECT_TRUE(pHybrid->m_graph == nullptr && pHybrid->m_cropSrc == nullptr &&
-                pHybrid->m_cropLabel == nullptr && pHybrid->m_cropLabelInit == nullptr &&
-                g_cancelTimer == nullptr);
-    for (IplImage* l : pHybrid->m_iterLabel) EXPECT_EQ(l, nullptr);
+    testsupport::expectNoRequestLeft();
     EXPECT_EQ(std::count(log.begin(), log.end(), "E/Error: Segmentation canceled due to timeout"), 1);
     EXPECT_EQ(VELDSEManageUndoRedo::m_current, 0) << "no result recorded";
     deinitSegmentation();

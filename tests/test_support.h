@@ -21,6 +21,7 @@
 #include "engine/veldse_hybrid.h"
 #include "interface/segmentation_core.h"
 #include "interface/veldse_marker.h"
+#include "support/cpu_timer.h"
 #include "tests/log_capture.h"
 
 namespace testsupport {
@@ -81,6 +82,46 @@ inline VELDSEColorModel singleComponent(double b, double g, double r, double var
   return m;
 }
 
+// A rectangle as the app sends it: its border as a loop of points from
+// (x1, y1) clockwise, every border pixel once.
+inline std::vector<int> borderLoop(int x1, int y1, int x2, int y2) {
+  std::vector<int> p;
+  for (int x = x1; x < x2; ++x) p.insert(p.end(), {x, y1});
+  for (int y = y1; y < y2; ++y) p.insert(p.end(), {x2, y});
+  for (int x = x2; x > x1; --x) p.insert(p.end(), {x, y2});
+  for (int y = y2; y > y1; --y) p.insert(p.end(), {x1, y});
+  return p;
+}
+
+// A w x h marker grid with `code` in (x1, y1)-(x2, y2) and 0 (unknown) elsewhere.
+inline std::vector<int> filledGrid(int w, int h, int x1, int y1, int x2, int y2, int code) {
+  std::vector<int> grid(static_cast<size_t>(w) * h, 0);
+  cv::Mat(h, w, CV_32S, grid.data())(cv::Rect(cv::Point(x1, y1), cv::Point(x2 + 1, y2 + 1))).setTo(code);
+  return grid;
+}
+
+// fetch_path_array's status, then the outline array it hands out (released here).
+inline std::vector<int> fetchOutline() {
+  int* array = nullptr;
+  int count = 0;
+  std::vector<int> out = {fetch_path_array(&array, &count)};
+  if (array != nullptr && count > 0) out.insert(out.end(), array, array + count);
+  delete[] array;
+  return out;
+}
+
+// Nothing of the engine's last request is left: graphs, crops, trial labels
+// and the request's timer are released and their handles null again.
+inline void expectNoRequestLeft() {
+  EXPECT_EQ(pHybrid->m_graph, nullptr);
+  EXPECT_EQ(pHybrid->m_trimapGraph, nullptr);
+  EXPECT_EQ(pHybrid->m_cropSrc, nullptr);
+  EXPECT_EQ(pHybrid->m_cropLabel, nullptr);
+  EXPECT_EQ(pHybrid->m_cropLabelInit, nullptr);
+  for (IplImage* l : pHybrid->m_iterLabel) EXPECT_EQ(l, nullptr);
+  EXPECT_EQ(g_cancelTimer, nullptr);
+}
+
 // A context on a w x h photo (0xAARRGGBB; a copy goes, as the library may
 // write to it) with its engine made directly at working size 1:1, as the
 // engine's own tests start one.
@@ -98,9 +139,7 @@ inline void startEngine(int w, int h, const unsigned int* argb) {
 inline void markRectangle(int w, int h, int x1, int y1, int x2, int y2) {
   std::vector<int> loop = {x1, y1, x2, y1, x2, y2, x1, y2};
   setCurrentMarkerVector(static_cast<int>(loop.size()), loop.data());
-  std::vector<int> markers(static_cast<size_t>(w) * h, 0);
-  cv::Mat(h, w, CV_32S, markers.data())(cv::Rect(cv::Point(x1, y1), cv::Point(x2 + 1, y2 + 1)))
-      .setTo(LABEL_PR_FG);
+  std::vector<int> markers = filledGrid(w, h, x1, y1, x2, y2, LABEL_PR_FG);
   setMarkerImage(w, h, markers.data(), 0);
   pHybrid->setLabelImage(g_markerImage);
   cvReleaseImage(&g_markerImage);

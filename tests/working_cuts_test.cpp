@@ -540,10 +540,7 @@ TEST_F(WorkingCuts, CancelOrTimeOutDuringEachTrialAbandonsTheRequest) {
         // side all three are under way.
         EXPECT_EQ(started.load(), cores == 1 ? trial + 1 : 3);
         EXPECT_EQ(std::count(log.begin(), log.end(), "E/Error: Segmentation canceled due to timeout"), 1);
-        EXPECT_TRUE(pHybrid->m_graph == nullptr && pHybrid->m_cropSrc == nullptr &&
-                    pHybrid->m_cropLabel == nullptr && pHybrid->m_cropLabelInit == nullptr &&
-                    g_cancelTimer == nullptr);
-        for (IplImage* l : pHybrid->m_iterLabel) EXPECT_EQ(l, nullptr);
+        testsupport::expectNoRequestLeft();
         EXPECT_EQ(VELDSEManageUndoRedo::m_current, 0) << "no result recorded";
         VELDSEMarker::m_exitApp = false;
       }
