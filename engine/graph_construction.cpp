@@ -230,7 +230,10 @@ void makeBoxPalette(const VELDSEHybrid& h, const IplImage* label, BoxPalette* pa
     palette->entryOf.resize(n);
     palette->keys.clear();
     palette->keys.reserve(n);
-    ColourMemo<int> entries(static_cast<long>(n));
+    // Room for half the pixels as distinct triples keeps the table within
+    // the cache on a full box; beyond that, a triple not remembered becomes
+    // an entry of its own (the same weights, worked out twice).
+    ColourMemo<int> entries(static_cast<long>(n / 2));
     for (int r = 0; r < h.m_boundHeight; ++r) {
       const BoxRow row(h, label, r);
       int* entryOf = palette->entryOf.data() + static_cast<size_t>(r) * width;
