@@ -105,8 +105,7 @@ void extractTrainingData(const IplImage* colour, const IplImage* label,
   objectKnown.clear();
   backgroundKnown.clear();
   const long boxPixels = static_cast<long>(colour->width) * colour->height;
-  const bool usable =
-      label != nullptr && recorded.valid && static_cast<long>(recorded.perPixel.size()) == boxPixels;
+  const bool usable = label != nullptr && static_cast<long>(recorded.perPixel.size()) == boxPixels;
   const unsigned char* const clusters = usable ? recorded.perPixel.data() : nullptr;
   // Which half of a pixel's byte still holds: 0x0F the object model's,
   // 0xF0 the background model's, 0 neither.

@@ -34,8 +34,6 @@ struct RecordedClusters {
   std::vector<unsigned char> perPixel;
   VELDSEColorModel objectModel;
   VELDSEColorModel backgroundModel;
-  // Set once every pixel's entry is written for the two models above.
-  bool valid = false;
 };
 
 // extractTrainingData, and beside each sample of each set the component

@@ -12,11 +12,10 @@
 // distinct triples once (its palette) and each build works every entry out
 // once, in equal shares side by side; the pixels then take their entry's
 // weights as they are added to the graph one node after the other (the graph
-// sums its terminal flow in node order). Without a palette the weights are
-// worked out in row slices, each remembering the triples it has seen. The
-// neighbour links of a row slice go straight to the floats the node's four
-// addEdge calls would write.
-#include <algorithm>
+// sums its terminal flow in node order). Without a palette (no room for one)
+// the same weights are worked out on the calling thread, each triple
+// remembered as it comes. The neighbour links of a share's rows go straight
+// to the floats the node's four addEdge calls would write.
 #include <cmath>
 #include <cstdint>
 #include <vector>
@@ -27,9 +26,7 @@
 #include "interface/veldse_marker.h"
 #include "support/colour_memo.h"
 #include "support/image_rows.h"
-#include "support/owned.h"
 #include "support/slices.h"
-#include "support/veld_memory.h"
 
 namespace {
 
@@ -118,27 +115,21 @@ void forTerminalWeights(const VELDSEHybrid& h, const IplImage* label, int r0, in
   }
 }
 
-// The weights of every palette entry under the current models, in equal
-// shares side by side, into `table` (one per entry); `alongside(entry0,
-// entry1)` runs in each share after its entries (the row-sliced work of the
-// same build).
+// The weights of every palette entry (there is at least one) under the
+// current models, in equal shares side by side, into `table` (one per
+// entry); each share then runs `alongside(r0, r1)` on its part of the box's
+// rows, so that the row work of the same build rides on the same threads.
 template <class Alongside>
 void paletteWeights(const VELDSEHybrid& h, const workingcuts::BoxPalette& palette, std::vector<WeightPair>& table,
                     const Alongside& alongside) {
   const int entries = static_cast<int>(palette.keys.size());
-  const long work = entries > 0 ? entries : 1;
-  slices::forSlicesFrom(entries > 0 ? entries : 1, work, slices::parallelItems() / 8, [&](int e0, int e1) {
+  const long height = h.m_boundHeight;
+  slices::forSlicesFrom(entries, entries, slices::parallelItems() / 8, [&](int e0, int e1) {
     const VELDSEColorModel bgModel = h.m_bgModel;
     const VELDSEColorModel fgModel = h.m_fgModel;
-    for (int e = e0; e < std::min(e1, entries); ++e) table[e] = weightsOf(palette.keys[e], bgModel, fgModel);
-    alongside(e0, e1);
+    for (int e = e0; e < e1; ++e) table[e] = weightsOf(palette.keys[e], bgModel, fgModel);
+    alongside(static_cast<int>(height * e0 / entries), static_cast<int>(height * e1 / entries));
   });
-}
-
-// The rows [r0, r1) that go with entries [e0, e1) of `entries`, so that the
-// shares of a palette pass also cover the box's rows exactly once.
-int rowsAt(int e, int entries, int height) {
-  return entries <= 1 ? (e == 0 ? 0 : height) : static_cast<int>(static_cast<long>(height) * e / entries);
 }
 
 // Calls put(node, weights) for every pixel of the box, row by row, taking the
@@ -165,19 +156,30 @@ void forPaletteWeights(const VELDSEHybrid& h, const IplImage* label, const worki
   }
 }
 
-// Whether the build can go by `palette`: one made for this box, and room for
-// its table of weights (else the builds go by row slices, as without one).
-bool paletteTable(const VELDSEHybrid& h, const workingcuts::BoxPalette* palette, std::vector<WeightPair>* table) {
-  if (palette == nullptr || palette->keys.empty() ||
-      palette->entryOf.size() != static_cast<size_t>(h.m_boundWidth) * static_cast<size_t>(h.m_boundHeight)) {
-    return false;
+// Calls put(node, weights) for every pixel of the box, row by row, and
+// alongside(r0, r1) once for every row: by `palette` when it was made for
+// this box and its table has room (entries worked out side by side), else on
+// this thread, each distinct triple remembered as it comes (the same weights).
+template <class Alongside, class Put>
+void boxWeights(const VELDSEHybrid& h, const IplImage* label, const workingcuts::BoxPalette* palette,
+                const Alongside& alongside, const Put& put) {
+  std::vector<WeightPair> table;
+  bool byPalette = palette != nullptr && !palette->keys.empty() &&
+                   palette->entryOf.size() == static_cast<size_t>(h.m_boundWidth) * h.m_boundHeight;
+  if (byPalette) {
+    try {
+      table.resize(palette->keys.size());
+    } catch (const std::bad_alloc&) {
+      byPalette = false;
+    }
   }
-  try {
-    table->resize(palette->keys.size());
-  } catch (const std::bad_alloc&) {
-    return false;
+  if (byPalette) {
+    paletteWeights(h, *palette, table, alongside);
+    forPaletteWeights(h, label, *palette, table, put);
+  } else {
+    forTerminalWeights(h, label, 0, h.m_boundHeight, put);
+    alongside(0, h.m_boundHeight);
   }
-  return true;
 }
 
 // The graph's node count and capacity cursor as after four addEdge calls per
@@ -192,7 +194,6 @@ void finishEdges(VELDSEGraph* g, int nodeCount) {
 // room cannot be had.
 unsigned char* startRecording(const VELDSEHybrid& h, RecordedClusters* record) {
   if (record == nullptr) return nullptr;
-  record->valid = false;
   try {
     record->perPixel.resize(static_cast<size_t>(h.m_boundWidth) * static_cast<size_t>(h.m_boundHeight));
   } catch (const std::bad_alloc&) {
@@ -205,23 +206,9 @@ unsigned char* startRecording(const VELDSEHybrid& h, RecordedClusters* record) {
   return record->perPixel.data();
 }
 
-// The record holds once every entry is written.
-void finishRecording(RecordedClusters* record, const unsigned char* clusters) {
-  if (clusters != nullptr) record->valid = true;
-}
-
 }  // namespace
 
 namespace workingcuts {
-
-void terminalWeightRows(const VELDSEHybrid& h, const IplImage* label, float* pairs, int r0, int r1,
-                        unsigned char* clusters) {
-  forTerminalWeights(h, label, r0, r1, [pairs, clusters](int node, const WeightPair& w) {
-    pairs[2 * node] = w.toObject;
-    pairs[2 * node + 1] = w.toBackground;
-    if (clusters != nullptr) clusters[node] = w.clusters;
-  });
-}
 
 void makeBoxPalette(const VELDSEHybrid& h, const IplImage* label, BoxPalette* palette) {
   const int width = h.m_boundWidth;
@@ -251,7 +238,7 @@ void makeBoxPalette(const VELDSEHybrid& h, const IplImage* label, BoxPalette* pa
       }
     }
   } catch (const std::bad_alloc&) {
-    // Without a palette the builds remember triples slice by slice.
+    // Without a palette the builds remember triples as they come.
     palette->entryOf.clear();
     palette->keys.clear();
   }
@@ -260,20 +247,11 @@ void makeBoxPalette(const VELDSEHybrid& h, const IplImage* label, BoxPalette* pa
 void terminalWeights(const VELDSEHybrid& h, const IplImage* label, float* pairs, RecordedClusters* record,
                      const BoxPalette* palette) {
   unsigned char* const clusters = startRecording(h, record);
-  std::vector<WeightPair> table;
-  if (paletteTable(h, palette, &table)) {
-    paletteWeights(h, *palette, table, [](int, int) {});
-    forPaletteWeights(h, label, *palette, table, [pairs, clusters](int node, const WeightPair& w) {
-      pairs[2 * node] = w.toObject;
-      pairs[2 * node + 1] = w.toBackground;
-      if (clusters != nullptr) clusters[node] = w.clusters;
-    });
-  } else {
-    const int height = h.m_boundHeight;
-    slices::forSlicesFrom(height, static_cast<long>(height) * h.m_boundWidth, slices::parallelItems(),
-                          [&](int r0, int r1) { terminalWeightRows(h, label, pairs, r0, r1, clusters); });
-  }
-  finishRecording(record, clusters);
+  boxWeights(h, label, palette, [](int, int) {}, [pairs, clusters](int node, const WeightPair& w) {
+    pairs[2 * node] = w.toObject;
+    pairs[2 * node + 1] = w.toBackground;
+    if (clusters != nullptr) clusters[node] = w.clusters;
+  });
 }
 
 void neighbourLinkRows(const VELDSEHybrid& h, double lambda, float* caps, int r0, int r1) {
@@ -338,7 +316,11 @@ int writeCut(VELDSEGraph* g, IplImage* label) {
 
 void VELDSEHybrid::constructGraphVELD() { constructGraphVELD_Whole_Image(); }
 
-void VELDSEHybrid::constructGraphVELD_Whole_Image() { workingcuts::wholeBoxGraph(*this, nullptr, nullptr); }
+void VELDSEHybrid::constructGraphVELD_Whole_Image() {
+  workingcuts::BoxPalette palette;
+  workingcuts::makeBoxPalette(*this, m_cropLabel, &palette);
+  workingcuts::wholeBoxGraph(*this, nullptr, &palette);
+}
 
 namespace workingcuts {
 
@@ -349,40 +331,13 @@ void wholeBoxGraph(VELDSEHybrid& h, RecordedClusters* record, const BoxPalette* 
   graph->addNode(n);
   float* const caps = graph->m_caps;
   unsigned char* const clusters = startRecording(h, record);
-  const auto add = [graph, clusters](int node, const WeightPair& w) {
-    graph->addtWeights(node, w.toObject, w.toBackground);
-    if (clusters != nullptr) clusters[node] = w.clusters;
-  };
-  std::vector<WeightPair> table;
-  if (paletteTable(h, palette, &table)) {
-    const int entries = static_cast<int>(palette->keys.size());
-    paletteWeights(h, *palette, table, [&](int e0, int e1) {
-      neighbourLinkRows(h, h.m_lambda, caps, rowsAt(e0, entries, h.m_boundHeight),
-                        rowsAt(e1, entries, h.m_boundHeight));
-    });
-    forPaletteWeights(h, h.m_cropLabel, *palette, table, add);
-    finishEdges(graph, n);
-    finishRecording(record, clusters);
-    return;
-  }
-  // The weight pairs of all nodes; without them the weights go to the graph
-  // as they are worked out, on this thread alone (the same graph).
-  const owned::Tracked<float> pairs(static_cast<float*>(VELD_Malloc_Msg(
-      static_cast<unsigned int>(8 * static_cast<unsigned long>(n > 0 ? n : 1)),
-      "constructGraphVELD_Whole_Image", 3342)));
-  if (pairs.get() != nullptr) {
-    float* const p = pairs.get();
-    slices::forSlicesFrom(h.m_boundHeight, static_cast<long>(n), slices::parallelItems(), [&](int r0, int r1) {
-      terminalWeightRows(h, h.m_cropLabel, p, r0, r1, clusters);
-      neighbourLinkRows(h, h.m_lambda, caps, r0, r1);
-    });
-    for (int node = 0; node < n; ++node) graph->addtWeights(node, p[2 * node], p[2 * node + 1]);
-  } else {
-    forTerminalWeights(h, h.m_cropLabel, 0, h.m_boundHeight, add);
-    neighbourLinkRows(h, h.m_lambda, caps, 0, h.m_boundHeight);
-  }
+  boxWeights(
+      h, h.m_cropLabel, palette, [&](int r0, int r1) { neighbourLinkRows(h, h.m_lambda, caps, r0, r1); },
+      [graph, clusters](int node, const WeightPair& w) {
+        graph->addtWeights(node, w.toObject, w.toBackground);
+        if (clusters != nullptr) clusters[node] = w.clusters;
+      });
   finishEdges(graph, n);
-  finishRecording(record, clusters);
 }
 
 }  // namespace workingcuts

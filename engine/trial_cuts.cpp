@@ -54,10 +54,11 @@ void prepareTrials(VELDSEHybrid& h, double lambdas[kTrials]) {
 
 // No room for the shared weights: each trial builds its own graph, as any
 // other cut does.
-void trialsOneAtATime(VELDSEHybrid& h, const double lambdas[kTrials]) {
+void trialsOneAtATime(VELDSEHybrid& h, const double lambdas[kTrials], RecordedClusters* record,
+                      const BoxPalette* palette) {
   for (int k = 0; k < kTrials; ++k) {
     h.m_lambda = lambdas[k];
-    h.constructGraphVELD_Whole_Image();
+    wholeBoxGraph(h, record, palette);
     if (g_trialStarts != nullptr) g_trialStarts(k);
     h.m_graph->maxFlow();
     writeCut(h.m_graph, h.m_iterLabel[k]);
@@ -128,7 +129,7 @@ void trialCuts(VELDSEHybrid& h, RecordedClusters* record, const BoxPalette* pale
   const owned::Tracked<float> pairs(static_cast<float*>(VELD_Malloc_Msg(
       static_cast<unsigned int>(8 * static_cast<unsigned long>(n > 0 ? n : 1)), "trialCuts", 88)));
   if (pairs.get() == nullptr) {
-    trialsOneAtATime(h, lambdas);
+    trialsOneAtATime(h, lambdas, record, palette);
     return;
   }
   terminalWeights(h, h.m_cropLabelInit, pairs.get(), record, palette);

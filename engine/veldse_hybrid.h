@@ -172,10 +172,11 @@ class VELDSEHybrid {
   // Rebuilds m_graph (whose arrays segment() tested when it created it) for
   // the current box: terminal links from m_cropLabel (hard codes 1000.0) and
   // the colour models (m_cropSrc, or grey value and textures), neighbour
-  // links m_lambda x m_nlinks. O(box pixels x model components). A request's
-  // own cuts go through workingcuts::wholeBoxGraph (engine/working_cuts.h),
-  // the same build by the box's palette of distinct colours, with each
-  // pixel's components recorded for the refit that follows.
+  // links m_lambda x m_nlinks. O(box pixels + distinct colours x model
+  // components). It lists the box's distinct colours for this build alone; a
+  // request's own cuts go through workingcuts::wholeBoxGraph
+  // (engine/working_cuts.h) with the request's list, recording each pixel's
+  // components for the refit that follows.
   void constructGraphVELD_Whole_Image();
   // The same; the driver's name for it.
   void constructGraphVELD();

@@ -24,18 +24,6 @@
 
 namespace workingcuts {
 
-// Terminal weights of box rows [r0, r1) for the codes in `label` (box size):
-// pairs[2 node] is the weight to the object side and pairs[2 node + 1] the one
-// to the background side, exactly what the graph's addtWeights receives.
-// When `clusters` is given (box size), each node's entry there gets its
-// components under both models, as RecordedClusters::perPixel holds them.
-// Reads h.m_cropSrc, the texture images of grey photos and copies of both
-// models. Cost: two mixture densities (up to ten exp) per pixel not coded 1
-// or 2, each distinct colour worked out once per call. Any number of calls on
-// disjoint rows may run at once.
-void terminalWeightRows(const VELDSEHybrid& h, const IplImage* label, float* pairs, int r0, int r1,
-                        unsigned char* clusters = nullptr);
-
 // The distinct three-byte triples of the working box (colour, or grey and the
 // two texture values: what the terminal weights are a function of), listed
 // once per request so that each cut works each one out once.
@@ -50,11 +38,15 @@ struct BoxPalette {
 // four bytes per pixel and four per entry.
 void makeBoxPalette(const VELDSEHybrid& h, const IplImage* label, BoxPalette* palette);
 
-// The same for the whole box, recorded in `record` (when given) for the
-// refit that follows the cut. With a palette made for the box, each entry is
-// worked out once, in equal shares side by side, and the pixels take theirs;
-// else in row slices side by side when the box is large enough to pay for
-// the threads. The weights are the same either way.
+// Terminal weights of the box for the codes in `label` (box size): pairs[2
+// node] is the weight to the object side and pairs[2 node + 1] the one to the
+// background side, exactly what the graph's addtWeights receives; recorded in
+// `record` (when given) for the refit that follows the cut. Reads h.m_cropSrc,
+// the texture images of grey photos and copies of both models. With a palette
+// made for the box, each entry is worked out once (two mixture densities, up
+// to ten exp), in equal shares side by side, and the pixels take theirs; else
+// on the calling thread, each distinct triple worked out once. The weights
+// are the same either way.
 void terminalWeights(const VELDSEHybrid& h, const IplImage* label, float* pairs,
                      RecordedClusters* record = nullptr, const BoxPalette* palette = nullptr);
 
@@ -63,9 +55,9 @@ void terminalWeights(const VELDSEHybrid& h, const IplImage* label, float* pairs,
 // calls it without a record. With `record`, the pixels' components under the
 // two models are kept there for the refit that follows the cut (left
 // unrecorded when its room cannot be had). Terminal weights as
-// terminalWeights works them out (by `palette` when given), neighbour links
-// in row slices side by side, the terminal links added one node after the
-// other. O(box + entries x components).
+// terminalWeights works them out (by `palette` when given), with the
+// neighbour links in the same shares; the terminal links are added one node
+// after the other. O(box + entries x components).
 void wholeBoxGraph(VELDSEHybrid& h, RecordedClusters* record, const BoxPalette* palette);
 
 // Neighbour-link capacities of box rows [r0, r1) with smoothness weight

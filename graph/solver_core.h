@@ -668,6 +668,21 @@ void augmentPath(VELDSEGraph* g, const Topology& topo, int middle) {
   augmentPath(g, topo, middle, topo.head(middle), topo.head(middle ^ 1));
 }
 
+// The first look of an orphan's visit v in direction k, the same for its
+// parent search and its freeing: the neighbour j there and the slot e of the
+// pair towards it, when the direction exists and the pair is present; where
+// the topology reads a node's own state first (dense arrays), also only when
+// j is of tree `tree` (else the caller tests that itself, after the pair).
+template <int k, class Topology, class Visit>
+SEGCORE_ALWAYS_INLINE inline bool presentNeighbour(const Topology& topo, const nodes* base, const float* caps,
+                                                   const Visit& v, int tree, int* j, int* e) {
+  if ((v.mask & (1u << k)) == 0) return false;
+  *j = topo.template neighbourOf<k>(v);
+  if (Topology::kTreeFirst && topo.tree(base, *j) != tree) return false;
+  *e = topo.template slotOf<k>(v);
+  return !isAbsent(caps[*e]);
+}
+
 // The new parent of orphan i (visit v) of tree `tree`, linked; false when no
 // neighbour qualifies. The parent is the candidate nearest the terminal, ties
 // to the earlier slot. The candidates' chains are walked side by side, one
@@ -684,16 +699,12 @@ SEGCORE_ALWAYS_INLINE inline bool findParent(VELDSEGraph* g, int i, const Topolo
   int candSlot[8], candUp[8];
   int n = 0;
   const bool adopted = eachDirection([&](auto dir) SEGCORE_ALWAYS_INLINE {
-    constexpr int k = decltype(dir)::value;
-    if ((v.mask & (1u << k)) == 0) return false;
-    // Where the topology allows, the neighbour's own state first (dense
-    // arrays), its pair's capacity (perhaps in the neighbour's floats) only
-    // for a possible parent. The parent node is NONE exactly when the parent
-    // slot is, and it is needed next anyway.
-    const int j = topo.template neighbourOf<k>(v);
-    if (Topology::kTreeFirst && topo.tree(base, j) != tree) return false;
-    const int e = topo.template slotOf<k>(v);
-    if (isAbsent(caps[e])) return false;
+    int j = 0;
+    int e = 0;
+    // Its pair's capacity (perhaps in the neighbour's floats) only for a
+    // possible parent. The parent node is NONE exactly when the parent slot
+    // is, and it is needed next anyway.
+    if (!presentNeighbour<decltype(dir)::value>(topo, base, caps, v, tree, &j, &e)) return false;
     if (isZero(sinkSide ? caps[e] : caps[e ^ 1])) return false;
     if (!Topology::kTreeFirst && topo.tree(base, j) != tree) return false;
     const int u = topo.up(base, j);
@@ -739,17 +750,14 @@ SEGCORE_ALWAYS_INLINE inline void freeOrphan(VELDSEGraph* g, int i, const Topolo
   topo.setParent(base, i, VELDSEGraph::NONE, -1);
   topo.setTree(base, i, VELDSEGraph::FREE_TREE);
   eachDirection([&](auto dir) SEGCORE_ALWAYS_INLINE {
-    constexpr int k = decltype(dir)::value;
-    if ((v.mask & (1u << k)) == 0) return false;
     // Neighbours of the same tree, including ones that are themselves orphans
     // still waiting in the queue: such a neighbour may be re-adopted later,
     // and unless it is queued now nobody would grow back into o. Skipping
     // them leaves free nodes with residual edges into a tree at the end, so
     // the cut is not minimal (and an augmenting path can be missed).
-    const int j = topo.template neighbourOf<k>(v);
-    if (Topology::kTreeFirst && topo.tree(base, j) != tree) return false;
-    const int e = topo.template slotOf<k>(v);
-    if (isAbsent(caps[e])) return false;
+    int j = 0;
+    int e = 0;
+    if (!presentNeighbour<decltype(dir)::value>(topo, base, caps, v, tree, &j, &e)) return false;
     if (!Topology::kTreeFirst && topo.tree(base, j) != tree) return false;
     if (!isZero(sinkSide ? caps[e] : caps[e ^ 1])) topo.pushActive(g, j);
     if (topo.up(base, j) == i) topo.orphan(g, j);
